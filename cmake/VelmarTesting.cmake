@@ -1,0 +1,13 @@
+# velmar_add_gtest(NAME SOURCES src... LIBS lib... [LABELS l...])
+# One GoogleTest executable, its tests registered with CTest one by one.
+function(velmar_add_gtest name)
+  cmake_parse_arguments(T "" "" "SOURCES;LIBS;LABELS" ${ARGN})
+  add_executable(${name} ${T_SOURCES})
+  target_compile_options(${name} PRIVATE ${VELMAR_WARNINGS})
+  target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gtest_main GTest::gmock Threads::Threads)
+  set(_labels unit)
+  if(T_LABELS)
+    set(_labels ${T_LABELS})
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES LABELS "${_labels}")
+endfunction()
