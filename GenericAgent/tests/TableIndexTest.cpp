@@ -1,0 +1,1 @@
+#include "GenericAgent/GenericAgentSnmp.h"
