@@ -9,7 +9,6 @@
 #pragma once
 
 #include <atomic>
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <iosfwd>
@@ -59,11 +58,12 @@ public:
     friend bool operator==(const String& a, const String& b) noexcept {
         return a.b_ == b.b_ || (a.size() == b.size() && a.hash() == b.hash() && a.view() == b.view());
     }
-    // Byte order (unsigned), shorter prefix first: the order of std::string.
-    friend std::strong_ordering operator<=>(const String& a, const String& b) noexcept {
-        int c = a.view().compare(b.view());
-        return c < 0 ? std::strong_ordering::less : c > 0 ? std::strong_ordering::greater : std::strong_ordering::equal;
-    }
+    friend bool operator!=(const String& a, const String& b) noexcept { return !(a == b); }
+    // Byte order (unsigned), a prefix before its extensions: the order of std::string.
+    friend bool operator<(const String& a, const String& b) noexcept { return a.view().compare(b.view()) < 0; }
+    friend bool operator>(const String& a, const String& b) noexcept { return b < a; }
+    friend bool operator<=(const String& a, const String& b) noexcept { return !(b < a); }
+    friend bool operator>=(const String& a, const String& b) noexcept { return !(a < b); }
 
     static constexpr std::size_t emptyHash = 14695981039346656037ull;
 

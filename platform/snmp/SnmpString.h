@@ -12,7 +12,6 @@
 #include "orbel/GenericIf.h"
 #include "orbel/String.h"
 
-#include <compare>
 #include <iosfwd>
 #include <string_view>
 
@@ -44,12 +43,15 @@ public:
 
     // Byte equality.
     friend bool operator==(const String& a, const String& b) noexcept { return a.s_ == b.s_; }
+    friend bool operator!=(const String& a, const String& b) noexcept { return !(a == b); }
     // Shorter first, then unsigned bytes.
-    friend std::strong_ordering operator<=>(const String& a, const String& b) noexcept {
-        if (a.size() != b.size()) return a.size() < b.size() ? std::strong_ordering::less : std::strong_ordering::greater;
-        int c = a.view().compare(b.view());
-        return c < 0 ? std::strong_ordering::less : c > 0 ? std::strong_ordering::greater : std::strong_ordering::equal;
+    friend bool operator<(const String& a, const String& b) noexcept {
+        if (a.size() != b.size()) return a.size() < b.size();
+        return a.view().compare(b.view()) < 0;
     }
+    friend bool operator>(const String& a, const String& b) noexcept { return b < a; }
+    friend bool operator<=(const String& a, const String& b) noexcept { return !(b < a); }
+    friend bool operator>=(const String& a, const String& b) noexcept { return !(a < b); }
 
     // Generic interface: Snmp::String values are reached as GenericIf_ (a generic value).
     using GenericIf_ = Orbel::GenericIf::Value_<String>;
