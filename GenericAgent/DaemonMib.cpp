@@ -4,6 +4,7 @@
 
 #include "orbel/Entity.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace GenericAgent {
@@ -20,13 +21,26 @@ struct DaemonMibAccess {
     static DaemonMib::DataTableMap& map(DaemonMib& m, const DataTableEntry*) { return m.dataTable_; }
     static DaemonMib*& notifier(DaemonMib::NotifieeConst& n) { return n.notifier_; }
     static bool& orphaned(DaemonMib::NotifieeConst& n) { return n.orphaned_; }
+    static void attach(const DaemonMib& m, DaemonMib::NotifieeConst* n);
+    static void detach(const DaemonMib& m, DaemonMib::NotifieeConst* n);
 };
 
 struct DaemonMib::NotifieeList {
     DaemonMibAccess::List list;
+    // Every observer attached to the container, registered or not: all of them must be
+    // orphaned when the container goes, or a weak one would keep a dangling pointer.
+    std::vector<DaemonMib::NotifieeConst*> attached;
 };
 
 DaemonMibAccess::List& DaemonMibAccess::list(const DaemonMib& m) { return m.notifieeList_->list; }
+
+void DaemonMibAccess::attach(const DaemonMib& m, DaemonMib::NotifieeConst* n) { m.notifieeList_->attached.push_back(n); }
+
+void DaemonMibAccess::detach(const DaemonMib& m, DaemonMib::NotifieeConst* n) {
+    auto& attached = m.notifieeList_->attached;
+    auto it = std::find(attached.begin(), attached.end(), n);
+    if (it != attached.end()) attached.erase(it);
+}
 
 namespace {
 
@@ -176,8 +190,9 @@ DaemonMib::~DaemonMib() {
     optionTableDelAll();
     runningTableDelAll();
     dataTableDelAll();
-    // Observers that outlive the container (weak ones) must never reach back into it.
-    for (auto* n = notifieeList_->list.first(); n; n = notifieeList_->list.next(n)) DaemonMibAccess::orphaned(*n) = true;
+    // Observers that outlive the container (weak ones, registered or not) must never reach
+    // back into it.
+    for (auto* n : notifieeList_->attached) DaemonMibAccess::orphaned(*n) = true;
     notifieeList_->list.clear();
     delete notifieeList_;
 }
@@ -237,6 +252,8 @@ void DaemonMib::NotifieeConst::notifierIs(const Orbel::Ptr<const Orbel::PtrInter
     notifier_ = next;
     const bool wasOrphaned = orphaned_;
     orphaned_ = false;
+    if (old) DaemonMibAccess::detach(*old, this);
+    if (next) DaemonMibAccess::attach(*next, this);
     if (isRegisteredNotifiee()) {
         if (old) DaemonMibAccess::list(*old).remove(this);
         if (next) DaemonMibAccess::list(*next).pushBack(this);
@@ -271,6 +288,10 @@ DaemonMib::NotifieeConst::~NotifieeConst() {
     DaemonMib* m = orphaned_ ? nullptr : notifier_;
     if (!m) return;
     if (isRegisteredNotifiee()) DaemonMibAccess::list(*m).remove(this);
+    DaemonMibAccess::detach(*m, this);
+    // A container that is already being destroyed has no reference left to give back;
+    // taking and dropping one would start its destruction a second time.
+    if (DaemonMibAccess::destroying(*m)) return;
     if (isWeakReference()) m->newRef();  // keeps the count balanced for the release below
     m->deleteRef();
 }
