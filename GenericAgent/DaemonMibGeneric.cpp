@@ -103,20 +103,27 @@ Orbel::Ptr<GenericIf> valueRowOp(GenericIf& self, const Row& row, const Orbel::P
                                  const char* sourceName, const GenericIf::AttributeOp& op,
                                  const Orbel::Ptr<const GenericIf>& index, const Orbel::Ptr<const GenericIf>& argument) {
     refuseConstModification(self, op);
+    // Operands of the option and data rows are argument lists or nothing.
+    auto checkOperand = [&] {
+        if (argument && !dynamic_cast<const GenericIf::List_*>(argument.ptr()))
+            throw Orbel::TypeException("Orbel::GenericIf::List_");
+    };
     switch (op.attributeId) {
     case 130:
         checkScalar(op, index, "index");
-        if (argument && !dynamic_cast<const GenericIf::List_*>(argument.ptr()))
-            throw Orbel::TypeException("Orbel::GenericIf::List_");
+        checkOperand();
         return new typename Index::GenericIf_(row.index(), self.isConst());
     case 131:
         checkScalar(op, index, "agentName");
+        checkOperand();
         return Snmp::String::genericIf(row.agentName(), self.isConst());
     case 132:
         checkScalar(op, index, "key");
+        checkOperand();
         return Snmp::String::genericIf(row.key(), self.isConst());
     case 133:
         checkScalar(op, index, sourceName);
+        checkOperand();
         return Orbel::TypeRegistry::instance().genericIf(source.ptr(), self.isConst());
     case 134:
         checkValCall(op, index, argument);

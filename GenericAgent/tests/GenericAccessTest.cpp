@@ -1061,3 +1061,26 @@ TEST(GenericAccess, LeavesNoObjectsBehind) {
     }
     EXPECT_EQ(Orbel::PtrInterface::liveInstances(), before);
 }
+
+TEST(OptionTableEntryGenericIf, ScalarAttributesRefuseNonListOperands) {
+    auto row = makeRow<OptionTableEntry>(OptionTableIndex("bgpd", "asn"), Config::configFactory("bgpd"));
+    for (Orbel::AttributeId id : {130u, 131u, 132u, 133u}) {
+        SCOPED_TRACE(id);
+        Caught c = capture<Orbel::TypeException>(
+            [&] { rowIf(row, true)->attributeOp({id, 0}, nullptr, Snmp::String::genericIf("x", true)); });
+        ASSERT_TRUE(c.thrown);
+        EXPECT_EQ(c.name, "Orbel::GenericIf::List_");
+        EXPECT_TRUE(rowIf(row, true)->attributeOp({id, 0}, nullptr, emptyList()) || id == 133);
+    }
+}
+
+TEST(DataTableEntryGenericIf, ScalarAttributesRefuseNonListOperands) {
+    auto row = makeRow<DataTableEntry>(DataTableIndex("bgpd", "pid"), Status::statusFactory("bgpd"));
+    for (Orbel::AttributeId id : {130u, 131u, 132u, 133u}) {
+        SCOPED_TRACE(id);
+        Caught c = capture<Orbel::TypeException>(
+            [&] { rowIf(row, false)->attributeOp({id, 0}, nullptr, Orbel::genericBool(true, true)); });
+        ASSERT_TRUE(c.thrown);
+        EXPECT_EQ(c.name, "Orbel::GenericIf::List_");
+    }
+}
