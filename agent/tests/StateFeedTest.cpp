@@ -1,0 +1,933 @@
+#include "agent/StateFeed.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+using namespace Agent;
+using GenericAgent::DaemonMib;
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace {
+
+const std::string file = "/x/state.json";
+
+// The message of the refusal of text, or "accepted".
+std::string refusal(std::string_view text) {
+    try {
+        parseState(text, file);
+        return "accepted";
+    } catch (const StateError& e) {
+        return e.what();
+    }
+}
+
+std::string loadRefusal(const std::string& path) {
+    try {
+        loadStateFile(path);
+        return "accepted";
+    } catch (const StateError& e) {
+        return e.what();
+    }
+}
+
+// A daemon's JSON wrapped in a whole file.
+std::string oneDaemon(const std::string& name, const std::string& body) {
+    return "{\"daemons\": {\"" + name + "\": " + body + "}}";
+}
+
+std::string jsonString(const std::string& s) {
+    std::string out = "\"";
+    for (char c : s) {
+        unsigned char u = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (u < 0x20) {
+            char buf[8];
+            std::snprintf(buf, sizeof buf, "\\u%04x", u);
+            out += buf;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
+std::string jsonKeys(const std::map<std::string, std::string>& keys) {
+    std::string out = "{";
+    for (const auto& [k, v] : keys) out += (out.size() > 1 ? ", " : "") + jsonString(k) + ": " + jsonString(v);
+    return out + "}";
+}
+
+// The file text of a state (one daemon per line).
+std::string toJson(const LauncherState& state) {
+    std::string out = "{\"daemons\": {";
+    bool first = true;
+    for (const auto& [name, d] : state) {
+        out += first ? "\n  " : ",\n  ";
+        first = false;
+        out += jsonString(name) + ": {";
+        if (d.hasConfig)
+            out += "\"config\": {\"enabled\": " + std::string(d.enabled ? "true" : "false") +
+                   ", \"options\": " + jsonKeys(d.options) + "}";
+        if (d.hasStatus)
+            out += std::string(d.hasConfig ? ", " : "") + "\"status\": {\"running\": " +
+                   (d.running ? "true" : "false") + ", \"data\": " + jsonKeys(d.data) + "}";
+        out += "}";
+    }
+    return out + "\n}}\n";
+}
+
+DaemonState daemonWith(std::map<std::string, std::string> options, bool enabled = true,
+                   std::optional<std::map<std::string, std::string>> data = std::nullopt, bool running = true) {
+    DaemonState d;
+    d.hasConfig = true;
+    d.enabled = enabled;
+    d.options = std::move(options);
+    if (data) {
+        d.hasStatus = true;
+        d.running = running;
+        d.data = std::move(*data);
+    }
+    return d;
+}
+
+// Every row of the model as text, sorted: "E name=flag", "O name/key=value", ...
+std::vector<std::string> rowsOf(const DaemonMib& mib) {
+    std::vector<std::string> out;
+    for (auto it = mib.enabledTable().begin(); !it.isEnd(); ++it)
+        out.push_back("E " + it->agentName().str().stdString() + "=" + (it->enabled() ? "1" : "0"));
+    for (auto it = mib.optionTable().begin(); !it.isEnd(); ++it)
+        out.push_back("O " + it->agentName().str().stdString() + "/" + it->key().str().stdString() + "=" +
+                      it->val().stdString());
+    for (auto it = mib.runningTable().begin(); !it.isEnd(); ++it)
+        out.push_back("R " + it->agentName().str().stdString() + "=" + (it->running() ? "1" : "0"));
+    for (auto it = mib.dataTable().begin(); !it.isEnd(); ++it)
+        out.push_back("D " + it->agentName().str().stdString() + "/" + it->key().str().stdString() + "=" +
+                      it->val().stdString());
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+// The rows a state should be served as.
+std::vector<std::string> expectedRows(const LauncherState& state) {
+    std::vector<std::string> out;
+    for (const auto& [name, d] : state) {
+        out.push_back("E " + name + "=" + (d.enabled ? "1" : "0"));
+        out.push_back("R " + name + "=" + (d.running ? "1" : "0"));
+        for (const auto& [k, v] : d.options)
+            if (!v.empty()) out.push_back("O " + name + "/" + k + "=" + v);
+        for (const auto& [k, v] : d.data)
+            if (!v.empty()) out.push_back("D " + name + "/" + k + "=" + v);
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+// Hears every row added or removed.
+class Recorder : public DaemonMib::NotifieeConst {
+public:
+    using DaemonMib::NotifieeConst::onDataTable;
+    using DaemonMib::NotifieeConst::onEnabledTable;
+    using DaemonMib::NotifieeConst::onOptionTable;
+    using DaemonMib::NotifieeConst::onRunningTable;
+    std::vector<std::string> heard;
+    void onEnabledTable(Snmp::String n) override { heard.push_back("enabled " + n.str().stdString()); }
+    void onOptionTable(const GenericAgent::OptionTableIndex& i) override {
+        heard.push_back("option " + i.agentName().str().stdString() + "/" + i.key().str().stdString());
+    }
+    void onRunningTable(Snmp::String n) override { heard.push_back("running " + n.str().stdString()); }
+    void onDataTable(const GenericAgent::DataTableIndex& i) override {
+        heard.push_back("data " + i.agentName().str().stdString() + "/" + i.key().str().stdString());
+    }
+};
+
+Orbel::Ptr<Recorder> listen(const Orbel::Ptr<DaemonMib>& mib) {
+    Orbel::Ptr<Recorder> r = new Recorder;
+    r->notifierIs(mib);
+    r->isRegisteredNotifieeIs(true);
+    return r;
+}
+
+// Applies the difference to `to` and checks what is served.
+void applyState(StateApplier& applier, const LauncherState& to) {
+    applier.apply(diffStates(applier.applied(), to));
+    ASSERT_EQ(applier.applied(), to);
+    ASSERT_EQ(rowsOf(*applier.mib()), expectedRows(to));
+}
+
+// A temporary directory, removed with everything in it.
+class TempDir {
+public:
+    TempDir() {
+        std::string pattern = (fs::temp_directory_path() / "statefeed-test-XXXXXX").string();
+        if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
+        path_ = pattern;
+    }
+    ~TempDir() {
+        std::error_code ec;
+        fs::remove_all(path_, ec);
+    }
+    const fs::path& path() const { return path_; }
+
+private:
+    fs::path path_;
+};
+
+void writeFile(const fs::path& path, const std::string& text) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+    out.close();
+    if (!out) throw std::runtime_error("cannot write " + path.string());
+}
+
+// Writes beside the file and renames over it, as the launcher does.
+void replaceFile(const fs::path& path, const std::string& text) {
+    fs::path tmp = path;
+    tmp += ".tmp";
+    writeFile(tmp, text);
+    fs::rename(tmp, path);
+}
+
+// Handles the feed's events until pred() holds; false when 5 s pass first.
+template <class Pred>
+bool pumpUntil(StateFeed& feed, Pred pred) {
+    auto deadline = std::chrono::steady_clock::now() + 5s;
+    while (!pred()) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        pollfd p{feed.eventFd(), POLLIN, 0};
+        ::poll(&p, 1, static_cast<int>(std::min<long>(left.count(), 100)));
+        if (p.revents & POLLIN) feed.handleEvent();
+    }
+    return true;
+}
+
+bool readable(int fd, int timeoutMs) {
+    pollfd p{fd, POLLIN, 0};
+    return ::poll(&p, 1, timeoutMs) == 1 && (p.revents & POLLIN);
+}
+
+bool contains(const std::vector<std::string>& lines, const std::string& part) {
+    return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) { return l.find(part) != std::string::npos; });
+}
+
+// A random state over a small name space, so that successive ones overlap.
+LauncherState randomState(std::mt19937& rng) {
+    auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); };
+    const std::vector<std::string> values = {"", "1", "2", "a longer value", "x"};
+    LauncherState s;
+    for (int i = 0; i < 8; ++i) {
+        if (pick(3) == 0) continue;
+        DaemonState d;
+        if (pick(4) != 0) {
+            d.hasConfig = true;
+            d.enabled = pick(2) == 0;
+            for (int k = 0; k < 5; ++k)
+                if (pick(2) == 0) d.options["opt" + std::to_string(k)] = values[static_cast<std::size_t>(pick(5))];
+        }
+        if (pick(4) != 0) {
+            d.hasStatus = true;
+            d.running = pick(2) == 0;
+            for (int k = 0; k < 5; ++k)
+                if (pick(2) == 0) d.data["key" + std::to_string(k)] = values[static_cast<std::size_t>(pick(5))];
+        }
+        s["d" + std::to_string(i)] = d;
+    }
+    return s;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------
+// Parsing
+
+TEST(StateParse, DemoState) {
+    LauncherState s = loadStateFile(VELMAR_SOURCE_DIR "/examples/demo-state.json");
+    EXPECT_EQ(s.size(), 13u);
+    const DaemonState& bgpd = s.at("bgpd");
+    EXPECT_TRUE(bgpd.hasConfig);
+    EXPECT_TRUE(bgpd.enabled);
+    EXPECT_EQ(bgpd.options.size(), 5u);
+    EXPECT_EQ(bgpd.options.at("asn"), "65001");
+    EXPECT_TRUE(bgpd.hasStatus);
+    EXPECT_TRUE(bgpd.running);
+    EXPECT_EQ(bgpd.data.at("pid"), "4242");
+    EXPECT_FALSE(s.at("ntpd").enabled);
+    EXPECT_EQ(s.at("ntpd").data.at("last-exit"), "stopped by launcher");
+    EXPECT_TRUE(s.at("sflowd").hasConfig);
+    EXPECT_FALSE(s.at("sflowd").hasStatus);
+    EXPECT_TRUE(s.at("vrrpd").hasConfig);
+    EXPECT_TRUE(s.at("vrrpd").options.empty());
+    EXPECT_FALSE(s.at("watchdogd").hasConfig);
+    EXPECT_EQ(s.at("watchdogd").data.size(), 3u);
+}
+
+TEST(StateParse, AbsentMembersMeanFalseAndNothing) {
+    LauncherState s = parseState(R"J({"daemons": {"a": {}, "b": {"config": {}}, "c": {"status": {"data": {}}}}})J", file);
+    ASSERT_EQ(s.size(), 3u);
+    EXPECT_EQ(s.at("a"), DaemonState{});
+    EXPECT_TRUE(s.at("b").hasConfig);
+    EXPECT_FALSE(s.at("b").enabled);
+    EXPECT_FALSE(s.at("b").hasStatus);
+    EXPECT_TRUE(s.at("c").hasStatus);
+    EXPECT_FALSE(s.at("c").running);
+    EXPECT_TRUE(parseState(R"J({"daemons": {}})J", file).empty());
+}
+
+TEST(StateParse, KeepsEmptyValuesEscapesAndUtf8) {
+    LauncherState s = parseState(
+        R"J({"daemons": {"r\u00e9seau": {"config": {"enabled": true, "options": {"": "", "e": "", "q": "a\"b\\c\n\u20ac\ud83d\ude00"}}}}})J",
+        file);
+    const DaemonState& d = s.at("r\xc3\xa9seau");
+    EXPECT_EQ(d.options.size(), 3u);
+    EXPECT_EQ(d.options.at(""), "");
+    EXPECT_EQ(d.options.at("e"), "");
+    EXPECT_EQ(d.options.at("q"), "a\"b\\c\n\xe2\x82\xac\xf0\x9f\x98\x80");
+}
+
+TEST(StateParse, LimitsAreInclusive) {
+    std::string name32(32, 'n'), key64(64, 'k'), value10240(10240, 'v');
+    LauncherState s = parseState(
+        oneDaemon(name32, R"J({"config": {"options": {")J" + key64 + R"J(": ")J" + value10240 + R"J("}}})J"), file);
+    EXPECT_EQ(s.at(name32).options.at(key64).size(), 10240u);
+}
+
+TEST(StateParse, RoundTripsRandomStates) {
+    std::mt19937 rng(7);
+    for (int i = 0; i < 50; ++i) {
+        LauncherState s = randomState(rng);
+        EXPECT_EQ(parseState(toJson(s), file), s);
+    }
+}
+
+TEST(StateParse, RefusesInvalidJsonWithLineAndColumn) {
+    EXPECT_EQ(refusal("{\n  \"daemons\": {\n    \"bgpd\" {}\n  }\n}"),
+              "state file /x/state.json: line 3, column 12: invalid JSON: missing a colon after a name of object member");
+    EXPECT_EQ(refusal("{\"daemons\": {},}"),
+              "state file /x/state.json: line 1, column 16: invalid JSON: missing a name for object member");
+    EXPECT_EQ(refusal("{\"daemons\": {\"a\": {}}"),
+              "state file /x/state.json: line 1, column 22: invalid JSON: missing a comma or '}' after an object member");
+    EXPECT_EQ(refusal("{\"daemons\": {}} {}"),
+              "state file /x/state.json: line 1, column 17: invalid JSON: the document root must not be followed by other values");
+    EXPECT_EQ(refusal("{\"daemons\": {\"a\": {\"config\": {\"enabled\": tru}}}}"),
+              "state file /x/state.json: line 1, column 45: invalid JSON: invalid value");
+    EXPECT_EQ(refusal("{\"daemons\": {\"a\nb\": {}}}"),
+              "state file /x/state.json: line 1, column 16: invalid JSON: control character in a string (write it as an escape)");
+    EXPECT_EQ(refusal(std::string("{\"daemons\":\n {}}\0", 17)),
+              "state file /x/state.json: line 2, column 5: invalid JSON: NUL byte");
+}
+
+TEST(StateParse, RefusesWrongTypes) {
+    EXPECT_EQ(refusal("[]"), "state file /x/state.json: top level: must be an object, not an array (line 1)");
+    EXPECT_EQ(refusal("\"x\""), "state file /x/state.json: top level: must be an object, not a string (line 1)");
+    EXPECT_EQ(refusal("{\"daemons\": []}"),
+              "state file /x/state.json: \"daemons\": must be an object, not an array (line 1)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", "true")),
+              "state file /x/state.json: daemon \"bgpd\": must be an object, not a boolean (line 1)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": "on"})J")),
+              "state file /x/state.json: daemon \"bgpd\" config: must be an object, not a string (line 1)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": {"enabled": "yes"}})J")),
+              "state file /x/state.json: daemon \"bgpd\" config \"enabled\": must be true or false, not a string (line 1)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"status": {"running": 1}})J")),
+              "state file /x/state.json: daemon \"bgpd\" status \"running\": must be true or false, not a number (line 1)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": {"options": ["asn"]}})J")),
+              "state file /x/state.json: daemon \"bgpd\" config \"options\": must be an object, not an array (line 1)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": {"options": {"asn": 65001}}})J")),
+              "state file /x/state.json: daemon \"bgpd\" option \"asn\": value must be a string, not a number (line 1)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", "{\n\"status\": {\n\"data\": {\n\"pid\": null}}}")),
+              "state file /x/state.json: daemon \"bgpd\" data \"pid\": value must be a string, not null (line 4)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"status": {"data": {"pid": {"n": "1"}}}})J")),
+              "state file /x/state.json: daemon \"bgpd\" data \"pid\": value must be a string, not an object (line 1)");
+    // Numbers of any size are refused as numbers, not as JSON errors.
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": {"options": {"big": 1e999}}})J")),
+              "state file /x/state.json: daemon \"bgpd\" option \"big\": value must be a string, not a number (line 1)");
+}
+
+TEST(StateParse, RefusesUnknownMembers) {
+    EXPECT_EQ(refusal(R"J({"daemons": {}, "version": 2})J"),
+              "state file /x/state.json: top level: unknown member \"version\", expected \"daemons\" (line 1)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"confg": {}})J")),
+              "state file /x/state.json: daemon \"bgpd\": unknown member \"confg\", expected \"config\" or \"status\" (line 1)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": {"enable": true}})J")),
+              "state file /x/state.json: daemon \"bgpd\" config: unknown member \"enable\", expected \"enabled\" or \"options\" (line 1)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"status": {"options": {}}})J")),
+              "state file /x/state.json: daemon \"bgpd\" status: unknown member \"options\", expected \"running\" or \"data\" (line 1)");
+}
+
+TEST(StateParse, RefusesMissingDaemonsAndEmptyFiles) {
+    EXPECT_EQ(refusal("{}"), "state file /x/state.json: top level: no \"daemons\" member (line 1)");
+    EXPECT_EQ(refusal(""), "state file /x/state.json: file is empty");
+    EXPECT_EQ(refusal(" \n\t\r\n"), "state file /x/state.json: file is empty");
+}
+
+TEST(StateParse, RefusesDuplicateKeys) {
+    EXPECT_EQ(refusal("{\"daemons\": {}, \"daemons\": {}}"),
+              "state file /x/state.json: top level: member \"daemons\" appears twice (line 1)");
+    EXPECT_EQ(refusal("{\"daemons\": {\n\"bgpd\": {},\n\"ntpd\": {},\n\"bgpd\": {}}}"),
+              "state file /x/state.json: daemon \"bgpd\": appears twice (line 4)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": {}, "status": {}, "config": {}})J")),
+              "state file /x/state.json: daemon \"bgpd\": member \"config\" appears twice (line 1)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": {"enabled": true, "enabled": false}})J")),
+              "state file /x/state.json: daemon \"bgpd\" config: member \"enabled\" appears twice (line 1)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", "{\"config\": {\"options\": {\n\"asn\": \"1\",\n\"asn\": \"2\"}}}")),
+              "state file /x/state.json: daemon \"bgpd\" option \"asn\": appears twice (line 3)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"status": {"data": {"pid": "", "pid": ""}}})J")),
+              "state file /x/state.json: daemon \"bgpd\" data \"pid\": appears twice (line 1)");
+}
+
+TEST(StateParse, RefusesOverlongNamesKeysAndValues) {
+    std::string name33(33, 'n');
+    EXPECT_EQ(refusal(oneDaemon(name33, "{}")),
+              "state file /x/state.json: daemon \"" + name33 + "\": name is 33 bytes, more than 32 (line 1)");
+    EXPECT_EQ(refusal(oneDaemon("", "{}")), "state file /x/state.json: daemon \"\": name is empty (line 1)");
+    std::string key65(65, 'k');
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": {"options": {")J" + key65 + R"J(": "1"}}})J")),
+              "state file /x/state.json: daemon \"bgpd\" option \"" + std::string(64, 'k') +
+                  "...\": key is 65 bytes, more than 64 (line 1)");
+    std::string key1025(1025, 'k');
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"status": {"data": {")J" + key1025 + R"J(": "1"}}})J")),
+              "state file /x/state.json: daemon \"bgpd\" data \"" + std::string(64, 'k') +
+                  "...\": key is 1025 bytes, more than 64 (line 1)");
+    std::string value10241(10241, 'v');
+    EXPECT_EQ(refusal(oneDaemon("bgpd", "{\"config\": {\"options\": {\n\"asn\": \"" + value10241 + "\"}}}")),
+              "state file /x/state.json: daemon \"bgpd\" option \"asn\": value is 10241 bytes, more than 10240 (line 2)");
+}
+
+TEST(StateParse, RefusesInvalidUtf8) {
+    EXPECT_EQ(refusal(oneDaemon("b\xff" "d", "{}")),
+              "state file /x/state.json: daemon \"b\\xffd\": name is not valid UTF-8 (line 1)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", "{\"config\": {\"options\": {\"a\xc3\": \"1\"}}}")),
+              "state file /x/state.json: daemon \"bgpd\" option \"a\\xc3\": key is not valid UTF-8 (line 1)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", "{\"status\": {\"data\": {\"pid\": \"\xc0\xaf\"}}}")),
+              "state file /x/state.json: daemon \"bgpd\" data \"pid\": value is not valid UTF-8 (line 1)");
+    // A lone surrogate written as an escape is not a character either.
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"status": {"data": {"pid": "\udc00"}}})J")),
+              "state file /x/state.json: daemon \"bgpd\" data \"pid\": value is not valid UTF-8 (line 1)");
+    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"status": {"data": {"pid": "\ud800x"}}})J")),
+              "state file /x/state.json: line 1, column 51: invalid JSON: the surrogate pair in string is invalid");
+    // Names in messages stay on one line.
+    EXPECT_EQ(refusal(oneDaemon("a\\n\\u0001\\\"b", "[]")),
+              "state file /x/state.json: daemon \"a\\n\\x01\\\"b\": must be an object, not an array (line 1)");
+}
+
+TEST(StateLoad, RefusesMissingUnreadableAndOddFiles) {
+    TempDir dir;
+    std::string missing = (dir.path() / "none.json").string();
+    EXPECT_EQ(loadRefusal(missing), "state file " + missing + ": cannot open: No such file or directory");
+    EXPECT_EQ(loadRefusal(dir.path().string()), "state file " + dir.path().string() + ": not a regular file");
+
+    fs::path empty = dir.path() / "empty.json";
+    writeFile(empty, "");
+    EXPECT_EQ(loadRefusal(empty.string()), "state file " + empty.string() + ": file is empty");
+
+    fs::path huge = dir.path() / "huge.json";   // sparse: takes no room
+    writeFile(huge, "");
+    fs::resize_file(huge, maxStateFileBytes + 1);
+    EXPECT_EQ(loadRefusal(huge.string()),
+              "state file " + huge.string() + ": file is 268435457 bytes, more than 268435456");
+
+    fs::path good = dir.path() / "good.json";
+    writeFile(good, "{\"daemons\": {\"bgpd\": {}}}");
+    EXPECT_EQ(loadStateFile(good.string()).size(), 1u);
+    if (::geteuid() != 0) {   // root reads anything
+        ::chmod(good.c_str(), 0);
+        EXPECT_EQ(loadRefusal(good.string()), "state file " + good.string() + ": cannot open: Permission denied");
+    }
+}
+
+// ---------------------------------------------------------------------------------------
+// Differences
+
+TEST(StateDiff, EqualStatesDifferInNothing) {
+    std::mt19937 rng(3);
+    LauncherState s = randomState(rng);
+    StateDiff d = diffStates(s, s);
+    EXPECT_TRUE(d.empty());
+    EXPECT_EQ(d.changes(), 0u);
+}
+
+TEST(StateDiff, CountsWhatApplyingDoes) {
+    LauncherState a, b;
+    a["kept"] = daemonWith({{"same", "1"}, {"changed", "1"}, {"emptied", "1"}, {"gone", "1"}, {"blank", ""}}, true);
+    a["old"] = daemonWith({{"x", "1"}}, false, std::map<std::string, std::string>{{"pid", "1"}});
+    b["kept"] = daemonWith({{"same", "1"}, {"changed", "2"}, {"emptied", ""}, {"new", "1"}, {"blank2", ""}}, false);
+    b["new"] = DaemonState{};
+    StateDiff d = diffStates(a, b);
+    ASSERT_EQ(d.daemons.size(), 3u);
+    EXPECT_EQ(d.daemons[0].name, "kept");
+    const SectionChange& c = d.daemons[0].config;
+    EXPECT_TRUE(c.before && c.after);
+    EXPECT_EQ(c.flag, std::optional<bool>(false));
+    std::vector<KeyChange> keys = {
+        {"blank", std::nullopt, false, false}, {"blank2", "", false, false}, {"changed", "2", true, true},
+        {"emptied", "", true, false},          {"gone", std::nullopt, true, false}, {"new", "1", false, true},
+    };
+    EXPECT_EQ(c.keys, keys);
+    EXPECT_TRUE(d.daemons[0].status.empty());
+    EXPECT_FALSE(d.daemons[1].before);   // "new"
+    EXPECT_FALSE(d.daemons[2].after);    // "old"
+
+    StateDiff::Counts counts = d.counts();
+    EXPECT_EQ(counts.daemonsAdded, 1u);
+    EXPECT_EQ(counts.daemonsRemoved, 1u);
+    EXPECT_EQ(counts.rowsAdded, 1u + 2u);               // option "new"; new's enabled and running
+    EXPECT_EQ(counts.rowsRemoved, 2u + 4u);             // "emptied", "gone"; old's four rows
+    EXPECT_EQ(counts.inPlace, 1u + 3u);                 // the flag; "changed", "blank", "blank2"
+    EXPECT_EQ(d.changes(), 13u);
+    EXPECT_EQ(d.summary(), "applied 13 changes (daemons: 1 added, 1 removed; rows: 3 added, 6 removed; 4 changed in place)");
+}
+
+// ---------------------------------------------------------------------------------------
+// Applying
+
+TEST(StateApplier, AddedDaemonAppearsInEveryTable) {
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    StateApplier applier(mib);
+    LauncherState s;
+    s["bgpd"] = daemonWith({{"asn", "65001"}}, true, std::map<std::string, std::string>{{"pid", "4242"}});
+    s["bare"] = DaemonState{};
+    applyState(applier, s);
+    EXPECT_EQ(rowsOf(*mib), (std::vector<std::string>{"D bgpd/pid=4242", "E bare=0", "E bgpd=1", "O bgpd/asn=65001",
+                                                       "R bare=0", "R bgpd=1"}));
+    EXPECT_EQ(mib->enabledTable("bgpd")->agentConfig().ptr(), applier.config("bgpd").ptr());
+    EXPECT_EQ(mib->runningTable("bgpd")->agentStatus().ptr(), applier.status("bgpd").ptr());
+    EXPECT_FALSE(mib->enabledTable("bare")->agentConfig());
+    EXPECT_FALSE(mib->runningTable("bare")->agentStatus());
+    EXPECT_EQ(applier.config("bgpd")->name(), Orbel::String("bgpd"));
+}
+
+TEST(StateApplier, RemovedOptionDisappears) {
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    StateApplier applier(mib);
+    LauncherState s;
+    s["bgpd"] = daemonWith({{"asn", "65001"}, {"router-id", "10.0.0.1"}});
+    applyState(applier, s);
+    s["bgpd"].options.erase("asn");
+    applyState(applier, s);
+    EXPECT_FALSE(mib->optionTable(GenericAgent::OptionTableIndex("bgpd", "asn")));
+    EXPECT_EQ(applier.config("bgpd")->option(GenericAgent::AgentKey("asn")), nullptr);
+    EXPECT_TRUE(mib->optionTable(GenericAgent::OptionTableIndex("bgpd", "router-id")));
+}
+
+TEST(StateApplier, ChangedValueShowsThroughTheSameRowUntold) {
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    StateApplier applier(mib);
+    LauncherState s;
+    s["bgpd"] = daemonWith({{"asn", "65001"}}, true, std::map<std::string, std::string>{{"pid", "1"}});
+    applyState(applier, s);
+    auto option = mib->optionTable(GenericAgent::OptionTableIndex("bgpd", "asn"));
+    auto data = mib->dataTable(GenericAgent::DataTableIndex("bgpd", "pid"));
+    auto config = applier.config("bgpd");
+    auto recorder = listen(mib);
+    s["bgpd"].options["asn"] = "65002";
+    s["bgpd"].data["pid"] = "2";
+    applyState(applier, s);
+    EXPECT_EQ(mib->optionTable(GenericAgent::OptionTableIndex("bgpd", "asn")).ptr(), option.ptr());
+    EXPECT_EQ(mib->dataTable(GenericAgent::DataTableIndex("bgpd", "pid")).ptr(), data.ptr());
+    EXPECT_EQ(option->val(), Orbel::String("65002"));
+    EXPECT_EQ(data->val(), Orbel::String("2"));
+    EXPECT_EQ(applier.config("bgpd").ptr(), config.ptr());
+    EXPECT_TRUE(recorder->heard.empty());
+}
+
+TEST(StateApplier, FlagFlipShowsWithoutNewRow) {
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    StateApplier applier(mib);
+    LauncherState s;
+    s["bgpd"] = daemonWith({}, true, std::map<std::string, std::string>{}, true);
+    applyState(applier, s);
+    auto enabled = mib->enabledTable("bgpd");
+    auto running = mib->runningTable("bgpd");
+    auto recorder = listen(mib);
+    s["bgpd"].enabled = false;
+    s["bgpd"].running = false;
+    applyState(applier, s);
+    EXPECT_EQ(mib->enabledTable("bgpd").ptr(), enabled.ptr());
+    EXPECT_EQ(mib->runningTable("bgpd").ptr(), running.ptr());
+    EXPECT_FALSE(enabled->enabled());
+    EXPECT_FALSE(running->running());
+    EXPECT_TRUE(recorder->heard.empty());
+}
+
+TEST(StateApplier, ConfigAppearingOrDisappearingRemakesTheEnabledRow) {
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    StateApplier applier(mib);
+    LauncherState s;
+    s["bgpd"] = DaemonState{};
+    applyState(applier, s);
+    auto bare = mib->enabledTable("bgpd");
+    ASSERT_FALSE(bare->agentConfig());
+    auto recorder = listen(mib);
+
+    s["bgpd"] = daemonWith({{"asn", "1"}, {"blank", ""}}, true);
+    applyState(applier, s);
+    auto withConfig = mib->enabledTable("bgpd");
+    EXPECT_NE(withConfig.ptr(), bare.ptr());
+    EXPECT_EQ(withConfig->agentConfig().ptr(), applier.config("bgpd").ptr());
+    EXPECT_TRUE(withConfig->enabled());
+    EXPECT_EQ(recorder->heard, (std::vector<std::string>{"enabled bgpd", "enabled bgpd", "option bgpd/asn"}));
+
+    recorder->heard.clear();
+    s["bgpd"] = DaemonState{};
+    applyState(applier, s);
+    auto without = mib->enabledTable("bgpd");
+    EXPECT_NE(without.ptr(), withConfig.ptr());
+    EXPECT_FALSE(without->agentConfig());
+    EXPECT_FALSE(applier.config("bgpd"));
+    EXPECT_EQ(recorder->heard, (std::vector<std::string>{"option bgpd/asn", "enabled bgpd", "enabled bgpd"}));
+}
+
+TEST(StateApplier, StatusAppearingRemakesTheRunningRow) {
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    StateApplier applier(mib);
+    LauncherState s;
+    s["ntpd"] = daemonWith({}, false);
+    applyState(applier, s);
+    auto before = mib->runningTable("ntpd");
+    auto config = applier.config("ntpd");
+    s["ntpd"].hasStatus = true;
+    s["ntpd"].running = true;
+    s["ntpd"].data = {{"pid", "7"}};
+    applyState(applier, s);
+    EXPECT_NE(mib->runningTable("ntpd").ptr(), before.ptr());
+    EXPECT_EQ(mib->runningTable("ntpd")->agentStatus().ptr(), applier.status("ntpd").ptr());
+    EXPECT_EQ(applier.config("ntpd").ptr(), config.ptr());   // the other side stays
+}
+
+TEST(StateApplier, EmptyValueHasNoRowButIsKept) {
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    StateApplier applier(mib);
+    auto recorder = listen(mib);
+    LauncherState s;
+    s["bgpd"] = daemonWith({{"asn", ""}}, true, std::map<std::string, std::string>{{"pid", ""}});
+    applyState(applier, s);
+    EXPECT_FALSE(mib->optionTable(GenericAgent::OptionTableIndex("bgpd", "asn")));
+    EXPECT_FALSE(mib->dataTable(GenericAgent::DataTableIndex("bgpd", "pid")));
+    ASSERT_NE(applier.config("bgpd")->option(GenericAgent::AgentKey("asn")), nullptr);
+    EXPECT_TRUE(applier.config("bgpd")->option(GenericAgent::AgentKey("asn"))->empty());
+    EXPECT_NE(applier.status("bgpd")->data(GenericAgent::AgentKey("pid")), nullptr);
+
+    recorder->heard.clear();
+    s["bgpd"].options["asn"] = "65001";
+    applyState(applier, s);
+    EXPECT_EQ(recorder->heard, (std::vector<std::string>{"option bgpd/asn"}));
+    EXPECT_EQ(mib->optionTable(GenericAgent::OptionTableIndex("bgpd", "asn"))->val(), Orbel::String("65001"));
+
+    recorder->heard.clear();
+    s["bgpd"].options["asn"] = "";
+    applyState(applier, s);
+    EXPECT_EQ(recorder->heard, (std::vector<std::string>{"option bgpd/asn"}));
+    EXPECT_FALSE(mib->optionTable(GenericAgent::OptionTableIndex("bgpd", "asn")));
+    EXPECT_NE(applier.config("bgpd")->option(GenericAgent::AgentKey("asn")), nullptr);
+}
+
+TEST(StateApplier, ObserversHearExactlyTheRowsThatComeAndGo) {
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    StateApplier applier(mib);
+    LauncherState s;
+    s["bgpd"] = daemonWith({{"asn", "1"}, {"keep", "k"}}, true, std::map<std::string, std::string>{{"pid", "1"}});
+    s["ntpd"] = daemonWith({{"server", "a"}});
+    applyState(applier, s);
+    auto recorder = listen(mib);
+
+    s["bgpd"].options.erase("asn");
+    s["bgpd"].options["new"] = "n";
+    s["bgpd"].options["keep"] = "changed";
+    s["bgpd"].data["uptime"] = "3d";
+    s.erase("ntpd");
+    s["sshd"] = daemonWith({{"port", "22"}});
+    applyState(applier, s);
+    std::vector<std::string> heard = recorder->heard;
+    std::sort(heard.begin(), heard.end());
+    EXPECT_EQ(heard, (std::vector<std::string>{"data bgpd/uptime", "enabled ntpd", "enabled sshd", "option bgpd/asn",
+                                               "option bgpd/new", "option ntpd/server", "option sshd/port",
+                                               "running ntpd", "running sshd"}));
+}
+
+TEST(StateApplier, RemovedDaemonLeavesNoRow) {
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    StateApplier applier(mib);
+    LauncherState s;
+    s["bgpd"] = daemonWith({{"asn", "1"}}, true, std::map<std::string, std::string>{{"pid", "1"}});
+    applyState(applier, s);
+    applyState(applier, {});
+    EXPECT_TRUE(rowsOf(*mib).empty());
+    EXPECT_FALSE(applier.config("bgpd"));
+}
+
+TEST(StateApplier, FollowsRandomSequences) {
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    StateApplier applier(mib);
+    std::mt19937 rng(11);
+    for (int i = 0; i < 200; ++i) {
+        LauncherState next = randomState(rng);
+        // Daemons whose config and status stay keep their objects.
+        std::map<std::string, const void*> kept;
+        for (const auto& [name, d] : next) {
+            auto old = applier.applied().find(name);
+            if (old != applier.applied().end() && old->second.hasConfig && d.hasConfig)
+                kept[name] = applier.config(name).ptr();
+        }
+        applyState(applier, next);
+        for (const auto& [name, ptr] : kept) EXPECT_EQ(applier.config(name).ptr(), ptr) << name;
+        for (const auto& [name, d] : next) {
+            EXPECT_EQ(mib->enabledTable(name)->agentConfig().ptr(), applier.config(name).ptr());
+            EXPECT_EQ(mib->runningTable(name)->agentStatus().ptr(), applier.status(name).ptr());
+            if (d.hasConfig) {
+                EXPECT_EQ(applier.config(name)->options().size(), d.options.size());
+            }
+        }
+    }
+}
+
+TEST(StateApplier, LeavesNothingBehind) {
+    GenericAgent::daemonMibFactory("warm-up");   // registers the types once
+    auto instances = Orbel::PtrInterface::liveInstances();
+    auto bodies = Orbel::String::liveBodies();
+    {
+        auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+        auto recorder = listen(mib);
+        StateApplier applier(mib);
+        std::mt19937 rng(5);
+        for (int i = 0; i < 20; ++i) applyState(applier, randomState(rng));
+        applyState(applier, {});
+        EXPECT_TRUE(rowsOf(*mib).empty());
+    }
+    EXPECT_EQ(Orbel::PtrInterface::liveInstances(), instances);
+    EXPECT_EQ(Orbel::String::liveBodies(), bodies);
+}
+
+TEST(StateApplier, RefusedReloadChangesNothing) {
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    StateApplier applier(mib);
+    LauncherState s = parseState(toJson({{"bgpd", daemonWith({{"asn", "1"}})}}), file);
+    applyState(applier, s);
+    auto rows = rowsOf(*mib);
+    auto version = mib->version();
+    std::string bad = toJson({{"bgpd", daemonWith({{"asn", "2"}})}, {"ntpd", daemonWith({{"x", "1"}})}});
+    bad.insert(bad.rfind('}'), ", \"extra\": 1");
+    EXPECT_THROW(applier.apply(diffStates(applier.applied(), parseState(bad, file))), StateError);
+    EXPECT_EQ(applier.applied(), s);
+    EXPECT_EQ(rowsOf(*mib), rows);
+    EXPECT_EQ(mib->version(), version);
+}
+
+// ---------------------------------------------------------------------------------------
+// The feed, end to end
+
+TEST(StateFeed, LoadsInitiallyAndAppliesARenamedFile) {
+    TempDir dir;
+    fs::path path = dir.path() / "state.json";
+    LauncherState first = {{"bgpd", daemonWith({{"asn", "65001"}})}};
+    writeFile(path, toJson(first));
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    std::vector<std::string> log;
+    StateFeed feed(path.string(), mib, [&](const std::string& l) { log.push_back(l); });
+    feed.loadInitial();
+    EXPECT_EQ(feed.applied(), first);
+    EXPECT_EQ(log, (std::vector<std::string>{"state file " + path.string() +
+                                              ": applied 3 changes (daemons: 1 added, 0 removed; rows: 3 added, 0 "
+                                              "removed; 0 changed in place)"}));
+    feed.start();
+
+    LauncherState second = {{"bgpd", daemonWith({{"asn", "65002"}})}, {"ntpd", DaemonState{}}};
+    replaceFile(path, toJson(second));
+    ASSERT_TRUE(readable(feed.eventFd(), 5000));
+    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == second; }));
+    EXPECT_EQ(rowsOf(*mib), expectedRows(second));
+    EXPECT_EQ(log.back(), "state file " + path.string() +
+                              ": applied 3 changes (daemons: 1 added, 0 removed; rows: 2 added, 0 removed; 1 changed "
+                              "in place)");
+    EXPECT_EQ(feed.refused(), 0u);
+    feed.stop();
+    feed.stop();   // again: nothing
+}
+
+TEST(StateFeed, AppliesAFileWrittenInPlace) {
+    TempDir dir;
+    fs::path path = dir.path() / "state.json";
+    writeFile(path, toJson({}));
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    StateFeed feed(path.string(), mib, nullptr);
+    feed.loadInitial();
+    feed.start();
+    LauncherState next = {{"lldpd", daemonWith({{"tx-interval", "30"}})}};
+    writeFile(path, toJson(next));
+    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == next; }));
+}
+
+TEST(StateFeed, RefusesABadFileAndKeepsServing) {
+    TempDir dir;
+    fs::path path = dir.path() / "state.json";
+    LauncherState good = {{"bgpd", daemonWith({{"asn", "65001"}})}};
+    writeFile(path, toJson(good));
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    std::vector<std::string> log;
+    StateFeed feed(path.string(), mib, [&](const std::string& l) { log.push_back(l); });
+    feed.loadInitial();
+    feed.start();
+    auto rows = rowsOf(*mib);
+    auto version = mib->version();
+
+    replaceFile(path, "{\"daemons\": {\"bgpd\": {\"config\": {\"enabled\": \"yes\"}}}}");
+    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.refused() == 1 && log.size() == 2; }));
+    EXPECT_EQ(log.back(), "state file " + path.string() +
+                              ": daemon \"bgpd\" config \"enabled\": must be true or false, not a string (line 1)");
+    EXPECT_EQ(feed.applied(), good);
+    EXPECT_EQ(rowsOf(*mib), rows);
+    EXPECT_EQ(mib->version(), version);
+
+    // A good file afterwards is applied as usual.
+    LauncherState next = {{"bgpd", daemonWith({{"asn", "65002"}})}};
+    replaceFile(path, toJson(next));
+    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == next; }));
+}
+
+TEST(StateFeed, InitialLoadOfABadFileThrowsAndServesNothing) {
+    TempDir dir;
+    fs::path path = dir.path() / "state.json";
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    std::vector<std::string> log;
+    StateFeed feed(path.string(), mib, [&](const std::string& l) { log.push_back(l); });
+    try {
+        feed.loadInitial();
+        FAIL() << "accepted a missing file";
+    } catch (const StateError& e) {
+        EXPECT_EQ(std::string(e.what()), "state file " + path.string() + ": cannot open: No such file or directory");
+    }
+    EXPECT_EQ(feed.refused(), 1u);
+    EXPECT_TRUE(log.empty());
+    EXPECT_TRUE(rowsOf(*mib).empty());
+
+    // Started anyway, the feed picks the file up once it is written.
+    feed.start();
+    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.refused() == 2; }));   // still missing at start
+    LauncherState s = {{"bgpd", DaemonState{}}};
+    replaceFile(path, toJson(s));
+    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == s; }));
+}
+
+TEST(StateFeed, SurvivesItsDirectoryBeingRemovedAndMadeAgain) {
+    TempDir dir;
+    fs::path sub = dir.path() / "run";
+    fs::create_directory(sub);
+    fs::path path = sub / "state.json";
+    writeFile(path, toJson({{"bgpd", DaemonState{}}}));
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    std::vector<std::string> log;
+    StateFeed feed(path.string(), mib, [&](const std::string& l) { log.push_back(l); });
+    feed.loadInitial();
+    feed.start();
+    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));   // watching
+
+    fs::remove_all(sub);
+    EXPECT_TRUE(pumpUntil(feed, [&] { return contains(log, " is gone;"); })) << testing::PrintToString(log);
+    EXPECT_EQ(feed.applied().size(), 1u);   // still served
+
+    fs::create_directory(sub);
+    LauncherState next = {{"ntpd", daemonWith({{"server", "a"}})}};
+    replaceFile(path, toJson(next));
+    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == next; }));
+    EXPECT_TRUE(contains(log, "watching directory " + sub.string() + " again"));
+    EXPECT_EQ(rowsOf(*mib), expectedRows(next));
+
+    // And it keeps watching the new directory.
+    LauncherState third = {{"ntpd", daemonWith({{"server", "b"}})}};
+    replaceFile(path, toJson(third));
+    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == third; }));
+}
+
+TEST(StateFeed, FollowsADirectoryReplacedByRename) {
+    TempDir dir;
+    fs::path sub = dir.path() / "run";
+    fs::create_directory(sub);
+    fs::path path = sub / "state.json";
+    writeFile(path, toJson({{"bgpd", DaemonState{}}}));
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    std::vector<std::string> log;
+    StateFeed feed(path.string(), mib, [&](const std::string& l) { log.push_back(l); });
+    feed.loadInitial();
+    feed.start();
+    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));   // watching
+
+    // A new directory, with its file, takes the old one's place.
+    fs::path next = dir.path() / "run.next";
+    fs::create_directory(next);
+    LauncherState s = {{"ntpd", daemonWith({{"server", "a"}})}};
+    writeFile(next / "state.json", toJson(s));
+    fs::rename(sub, dir.path() / "run.old");
+    fs::rename(next, sub);
+    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == s; })) << testing::PrintToString(log);
+
+    // Changes in the old directory no longer count; those in the new one do.
+    writeFile(dir.path() / "run.old" / "state.json", toJson({}));
+    LauncherState third = {{"ntpd", daemonWith({{"server", "b"}})}};
+    replaceFile(path, toJson(third));
+    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == third; }));
+    EXPECT_EQ(feed.refused(), 0u);
+}
+
+TEST(StateFeed, WaitsForAMissingDirectory) {
+    TempDir dir;
+    fs::path sub = dir.path() / "later";
+    fs::path path = sub / "state.json";
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    std::vector<std::string> log;
+    StateFeed feed(path.string(), mib, [&](const std::string& l) { log.push_back(l); });
+    feed.start();
+    EXPECT_TRUE(pumpUntil(feed, [&] { return !log.empty(); }));
+    EXPECT_EQ(log.front(), "state file " + path.string() + ": cannot watch directory " + sub.string() +
+                               ": No such file or directory; serving the last state, trying again every 200 ms");
+    fs::create_directory(sub);
+    LauncherState s = {{"bgpd", daemonWith({{"asn", "1"}})}};
+    replaceFile(path, toJson(s));
+    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == s; }));
+}
+
+TEST(StateFeed, RemovedFileLeavesTheStateServed) {
+    TempDir dir;
+    fs::path path = dir.path() / "state.json";
+    LauncherState s = {{"bgpd", daemonWith({{"asn", "1"}})}};
+    writeFile(path, toJson(s));
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    std::vector<std::string> log;
+    StateFeed feed(path.string(), mib, [&](const std::string& l) { log.push_back(l); });
+    feed.loadInitial();
+    feed.start();
+    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));   // the reload at start
+    fs::remove(path);
+    EXPECT_TRUE(pumpUntil(feed, [&] { return log.size() == 2; }));
+    EXPECT_EQ(log.back(), "state file " + path.string() + ": removed; serving the last state until it is written again");
+    EXPECT_EQ(feed.applied(), s);
+    EXPECT_EQ(feed.refused(), 0u);
+}
+
+TEST(StateFeed, UnchangedFileAppliesNothing) {
+    TempDir dir;
+    fs::path path = dir.path() / "state.json";
+    LauncherState s = {{"bgpd", daemonWith({{"asn", "1"}})}};
+    writeFile(path, toJson(s));
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    StateFeed feed(path.string(), mib, nullptr);
+    feed.loadInitial();
+    feed.start();
+    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));   // the reload at start
+    replaceFile(path, toJson(s));
+    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 3; }));
+    EXPECT_EQ(feed.handleEvent(), 0u);
+    EXPECT_EQ(feed.applies(), 1u);   // only loadInitial's
+}
