@@ -1,0 +1,123 @@
+#include "AgentOptions.h"
+
+#include <CLI/CLI.hpp>
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <iostream>
+
+#ifndef VELMAR_ENTERPRISE_NUMBER
+#error "VELMAR_ENTERPRISE_NUMBER must be defined by the build"
+#endif
+#ifndef VELMAR_VERSION
+#define VELMAR_VERSION "unknown"
+#endif
+
+namespace Agent {
+
+namespace {
+
+std::filesystem::path executableDir() {
+    std::error_code ec;
+    auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
+    return ec ? std::filesystem::path(".") : exe.parent_path();
+}
+
+// The first existing candidate, or the first one when none exists (the error then names it).
+std::string firstExisting(const std::vector<std::filesystem::path>& candidates) {
+    for (const auto& c : candidates)
+        if (std::filesystem::exists(c)) return c.lexically_normal().string();
+    return candidates.front().lexically_normal().string();
+}
+
+std::string defaultModule() {
+    auto dir = executableDir();
+    return firstExisting({dir / "../lib/velmar/modules/VelmarDaemonMIB.so", dir / "../modules/VelmarDaemonMIB.so"});
+}
+
+std::string defaultState() {
+    auto dir = executableDir();
+    std::vector<std::filesystem::path> c = {dir / "../share/velmar-daemon-mib/demo-state.json"};
+#ifdef VELMAR_SOURCE_DIR
+    c.emplace_back(std::filesystem::path(VELMAR_SOURCE_DIR) / "examples/demo-state.json");
+#endif
+    return firstExisting(c);
+}
+
+void build(CLI::App& app, AgentOptions& o) {
+    app.description(
+        "Serves the launcher's daemon state as the four read-only tables of VELMAR-DAEMON-MIB (" + subtreeText() +
+        "): enabled, option, running and data. Runs as a master agent on its own addresses, or as an AgentX "
+        "subagent of a running snmpd. The state file is watched and every valid change is served at once.");
+    app.add_option("--listen", o.listen,
+                   "Master mode: a Net-SNMP transport address to listen on (repeatable), e.g. udp:127.0.0.1:1161, "
+                   "udp6:[::1]:1161, tcp:127.0.0.1:1161")
+        ->default_str("udp:127.0.0.1:1161");
+    app.add_option("--agentx", o.agentx,
+                   "Subagent mode: the AgentX socket of a running snmpd master, e.g. /var/agentx/master or "
+                   "tcp:127.0.0.1:705");
+    app.add_option("--agentx-ping", o.agentxPing,
+                   "Seconds between pings of the AgentX master; a lost master is reconnected on the next ping")
+        ->check(CLI::Range(1, 3600))
+        ->default_val(5);
+    app.add_option("--state", o.stateFile, "The launcher state file (JSON), watched for changes")
+        ->default_str("the bundled demo state");
+    app.add_option("--config", o.configFile,
+                   "Access configuration in Net-SNMP snmpd.conf syntax (rocommunity, createUser, rouser, view, "
+                   "access...); default: read-only community public from 127.0.0.1 (and ::1) only");
+    app.add_option("--persistent-dir", o.persistentDir,
+                   "Directory for Net-SNMP's persistent files (v3 engine boots); default: a private temporary one");
+    app.add_option("--context", o.contexts,
+                   "Also initialise the module in this SNMP context (repeatable); tables are served only in the "
+                   "default context");
+    app.add_option("--module", o.modulePath, "The module library to load")->default_str("VelmarDaemonMIB.so beside the agent");
+    app.add_option("--trace", o.trace,
+                   "Trace levels per facility, e.g. Snmp/0-2,8 or Snmp/* (the TRACE variable does the same; lines go "
+                   "to standard error or to the file named by TRACEFILE)");
+    app.add_option("--debug", o.debug, "Net-SNMP debug tokens, e.g. VelmarDaemonMIB,trace");
+    app.set_version_flag("--version", std::string("velmar-snmp-agent ") + VELMAR_VERSION);
+    app.get_formatter()->column_width(28);
+}
+
+} // namespace
+
+std::string subtreeText() { return "enterprises." + std::to_string(VELMAR_ENTERPRISE_NUMBER) + ".3.17"; }
+
+std::string joined(const std::vector<std::string>& items) {
+    std::string out;
+    for (const auto& i : items) out += (out.empty() ? "" : ",") + i;
+    return out;
+}
+
+std::string helpText() {
+    CLI::App app("", "velmar-snmp-agent");
+    AgentOptions o;
+    build(app, o);
+    return app.help();
+}
+
+int parseOptions(int argc, char** argv, AgentOptions& opts) {
+    CLI::App app("", "velmar-snmp-agent");
+    build(app, opts);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        std::cerr << "velmar-snmp-agent: " << e.what() << " (see --help)\n";
+        return 2;
+    }
+    if (!opts.agentx.empty() && !opts.listen.empty()) {
+        std::cerr << "velmar-snmp-agent: --listen and --agentx exclude each other (see --help)\n";
+        return 2;
+    }
+    if (opts.listen.empty() && opts.agentx.empty()) opts.listen.push_back("udp:127.0.0.1:1161");
+    if (opts.modulePath.empty()) opts.modulePath = defaultModule();
+    if (opts.stateFile.empty()) opts.stateFile = defaultState();
+    return -1;
+}
+
+} // namespace Agent

@@ -1,0 +1,35 @@
+// The command line of velmar-snmp-agent: one source for parsing, --help and the man page.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace Agent {
+
+struct AgentOptions {
+    std::vector<std::string> listen;   // master mode: transport addresses
+    std::string agentx;                // subagent mode: the master's AgentX socket
+    int agentxPing = 5;                // seconds between pings of the master (reconnects)
+    std::string stateFile;             // launcher state (JSON)
+    std::string configFile;            // Net-SNMP configuration syntax: communities, users, access
+    std::string persistentDir;         // Net-SNMP persistent files; a private temporary one if empty
+    std::vector<std::string> contexts; // extra SNMP contexts to initialise
+    std::string modulePath;            // the module library
+    std::string trace;                 // trace levels, e.g. Snmp/0-2,8
+    std::string debug;                 // Net-SNMP debug tokens
+};
+
+// Parses argv into opts and fills defaults. Returns -1 to go on, or the exit code when
+// the process should stop (0 after --help or --version, 2 after a bad command line, with
+// one line on standard error).
+int parseOptions(int argc, char** argv, AgentOptions& opts);
+
+// The --help text.
+std::string helpText();
+
+// "enterprises.32473.3.17" with the build's enterprise number.
+std::string subtreeText();
+
+std::string joined(const std::vector<std::string>& items);
+
+} // namespace Agent

@@ -1,0 +1,231 @@
+// velmar-snmp-agent: serves the daemon MIB over SNMP, either as a master agent listening on
+// its own addresses or as an AgentX subagent of a running snmpd, with the launcher's state
+// fed live from a JSON file.
+//
+// One thread touches the model: Net-SNMP's select loop serves requests, applies state
+// changes handed over by the feed's worker thread, and runs the framework's activity loop.
+#include "AgentOptions.h"
+#include "StateFeed.h"
+
+#include "GenericAgent/GenericAgentSnmp.h"
+#include "orbel/Activity.h"
+#include "orbel/TraceHandle.h"
+#include "snmp/HandlerRegistration.h"
+#include "statebase/Statebase.h"
+
+#include <net-snmp/net-snmp-config.h>
+#include <net-snmp/net-snmp-includes.h>
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <optional>
+
+extern "C" {
+// Net-SNMP's VACM configuration tokens (community, view, access, rouser, ...).
+void init_vacm_conf(void);
+}
+
+namespace {
+
+constexpr const char* appName = "velmar-snmp-agent";
+constexpr const char* statePath = "snmp/launcher/daemonMIB";
+
+int signalPipe[2] = {-1, -1};
+volatile sig_atomic_t stopRequested = 0;
+
+void onSignal(int) {
+    stopRequested = 1;
+    const char c = 's';
+    [[maybe_unused]] ssize_t n = ::write(signalPipe[1], &c, 1);
+}
+
+void onSignalPipe(int fd, void*) {
+    char buf[16];
+    while (::read(fd, buf, sizeof buf) > 0) {
+    }
+}
+
+void onFeedEvent(int, void* feed) { static_cast<Agent::StateFeed*>(feed)->handleEvent(); }
+
+void installSignals() {
+    if (::pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) throw std::runtime_error("pipe: " + std::string(strerror(errno)));
+    struct sigaction sa {};
+    sa.sa_handler = onSignal;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = 0;  // no SA_RESTART: select returns at once
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+}
+
+// A private directory for Net-SNMP's configuration search path and persistent files, so
+// that no system-wide snmpd configuration leaks into this agent.
+struct PrivateDir {
+    std::filesystem::path path;
+    bool remove = false;
+    ~PrivateDir() {
+        std::error_code ec;
+        if (remove && !path.empty()) std::filesystem::remove_all(path, ec);
+    }
+};
+
+std::string readableError(const std::string& what, const std::string& path) {
+    std::ifstream f(path);
+    if (!f) return what + " " + path + ": " + std::strerror(errno);
+    return {};
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Agent::AgentOptions opts;
+    {
+        int rc = Agent::parseOptions(argc, argv, opts);
+        if (rc >= 0) return rc;
+    }
+    for (const auto& [what, path] : {std::pair<std::string, std::string>{"state file", opts.stateFile},
+                                     {"config file", opts.configFile},
+                                     {"module", opts.modulePath}}) {
+        if (path.empty()) continue;
+        std::string err = readableError(what, path);
+        if (!err.empty()) {
+            std::cerr << appName << ": cannot read " << err << "\n";
+            return 2;
+        }
+    }
+    if (!opts.trace.empty()) {
+        try {
+            Orbel::traceConfigIs(opts.trace);
+        } catch (const Orbel::Exception& e) {
+            std::cerr << appName << ": --trace: " << e.message() << "\n";
+            return 2;
+        }
+    }
+
+    // The state model, at the path the module looks for it.
+    Orbel::Ptr<GenericAgent::DaemonMib> mib = GenericAgent::daemonMibFactory("daemonMIB");
+    Statebase::root()->entityIs(statePath, mib);
+    auto log = [](const std::string& line) {
+        std::cerr << appName << ": " << line << std::endl;
+    };
+    auto feed = std::make_unique<Agent::StateFeed>(opts.stateFile, mib, log);
+    try {
+        feed->loadInitial();
+    } catch (const std::exception& e) {
+        std::cerr << appName << ": " << e.what() << "\n";
+        return 1;
+    }
+
+    // Net-SNMP: only our own configuration, a private persistent directory.
+    PrivateDir dir;
+    if (!opts.persistentDir.empty()) {
+        dir.path = opts.persistentDir;
+        std::error_code ec;
+        std::filesystem::create_directories(dir.path, ec);
+    } else {
+        char tmpl[] = "/tmp/velmar-snmp-agent.XXXXXX";
+        if (!::mkdtemp(tmpl)) {
+            std::cerr << appName << ": cannot create a private directory: " << std::strerror(errno) << "\n";
+            return 1;
+        }
+        dir.path = tmpl;
+        dir.remove = true;
+    }
+    std::string configFile = opts.configFile;
+    if (configFile.empty()) {
+        // The safe default: read-only community "public", from 127.0.0.1 only.
+        configFile = (dir.path / "default-access.conf").string();
+        std::ofstream(configFile) << "rocommunity public 127.0.0.1\nrocommunity6 public ::1\n";
+    }
+    snmp_disable_log();
+    snmp_enable_stderrlog();
+    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_CONFIGURATION_DIR, dir.path.c_str());
+    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, dir.path.c_str());
+    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_OPTIONALCONFIG, configFile.c_str());
+    netsnmp_set_mib_directory(dir.path.c_str());  // the agent itself loads no MIB files
+    setenv("MIBS", "", 1);
+    netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DONT_LOG_TCPWRAPPERS_CONNECTS, 1);
+    if (!opts.debug.empty()) {
+        debug_register_tokens(opts.debug.c_str());
+        snmp_set_do_debugging(1);
+    }
+    const bool subagent = !opts.agentx.empty();
+    if (subagent) {
+        netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE, 1);
+        netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET, opts.agentx.c_str());
+        netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL, opts.agentxPing);
+    } else {
+        std::string ports;
+        for (const auto& l : opts.listen) ports += (ports.empty() ? "" : ",") + l;
+        netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_PORTS, ports.c_str());
+    }
+    init_agent(appName);
+    if (!subagent) init_vacm_conf();
+    init_snmp(appName);
+    if (!subagent && init_master_agent() != 0) {
+        std::cerr << appName << ": cannot listen on " << Agent::joined(opts.listen) << "\n";
+        snmp_shutdown(appName);
+        return 1;
+    }
+
+    int status = 0;
+    {
+        std::unique_ptr<Snmp::ModuleLoader> module;
+        try {
+            module = std::make_unique<Snmp::ModuleLoader>(opts.modulePath);
+            module->initContext("");
+            for (const auto& c : opts.contexts) module->initContext(Orbel::String8(c));
+        } catch (const std::exception& e) {
+            std::cerr << appName << ": " << e.what() << "\n";
+            snmp_shutdown(appName);
+            return 1;
+        }
+
+        try {
+            installSignals();
+        } catch (const std::exception& e) {
+            std::cerr << appName << ": " << e.what() << "\n";
+            return 1;
+        }
+        register_readfd(signalPipe[0], onSignalPipe, nullptr);
+        register_readfd(feed->eventFd(), onFeedEvent, feed.get());
+        feed->start();
+
+        std::cout << appName << ": serving VELMAR-DAEMON-MIB (" << Agent::subtreeText() << ") from "
+                  << opts.stateFile << (subagent ? " as AgentX subagent of " : " on ")
+                  << (subagent ? opts.agentx : Agent::joined(opts.listen)) << std::endl;
+
+        while (!stopRequested) {
+            agent_check_and_process(1);
+            Orbel::ActivityLoop::instance().runPending();
+        }
+        std::cerr << appName << ": stopping" << std::endl;
+
+        feed->stop();
+        unregister_readfd(feed->eventFd());
+        unregister_readfd(signalPipe[0]);
+        // Contexts are withdrawn while the module is loaded; the agent library then frees
+        // the registrations it still holds, and only after that is the module unloaded.
+        while (!module->contexts().empty()) module->unregisterContext(module->contexts().back());
+        snmp_shutdown(appName);
+        module->unload();
+    }
+    feed.reset();
+    Statebase::root()->entityDelAll();
+    mib = nullptr;
+    ::close(signalPipe[0]);
+    ::close(signalPipe[1]);
+    return status;
+}
