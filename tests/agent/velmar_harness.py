@@ -143,6 +143,9 @@ class Process:
                 self.proc.wait(5)
         for t in self._threads:
             t.join(2)
+        for stream in (self.proc.stdout, self.proc.stderr):
+            if stream and not stream.closed:
+                stream.close()
         return self.proc.returncode
 
 
