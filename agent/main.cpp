@@ -143,9 +143,16 @@ int main(int argc, char** argv) {
         dir.path = tmpl;
         dir.remove = true;
     }
+    const bool subagent = !opts.agentx.empty();
+    {
+        // Net-SNMP announces creating this one on every start; having it already is quieter.
+        std::error_code ec;
+        std::filesystem::create_directories(dir.path / "cert_indexes", ec);
+    }
     std::string configFile = opts.configFile;
-    if (configFile.empty()) {
-        // The safe default: read-only community "public", from 127.0.0.1 only.
+    if (configFile.empty() && !subagent) {
+        // The safe default: read-only community "public", from 127.0.0.1 only.  A subagent
+        // has no access control of its own (the master applies it), so it gets no default.
         configFile = (dir.path / "default-access.conf").string();
         std::ofstream(configFile) << "rocommunity public 127.0.0.1\nrocommunity6 public ::1\n";
     }
@@ -153,7 +160,7 @@ int main(int argc, char** argv) {
     snmp_enable_stderrlog();
     netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_CONFIGURATION_DIR, dir.path.c_str());
     netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, dir.path.c_str());
-    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_OPTIONALCONFIG, configFile.c_str());
+    if (!configFile.empty()) netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_OPTIONALCONFIG, configFile.c_str());
     netsnmp_set_mib_directory(dir.path.c_str());  // the agent itself loads no MIB files
     setenv("MIBS", "", 1);
     netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DONT_LOG_TCPWRAPPERS_CONNECTS, 1);
@@ -161,17 +168,18 @@ int main(int argc, char** argv) {
         debug_register_tokens(opts.debug.c_str());
         snmp_set_do_debugging(1);
     }
-    const bool subagent = !opts.agentx.empty();
     if (subagent) {
         netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE, 1);
         netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET, opts.agentx.c_str());
-        netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL, opts.agentxPing);
     } else {
         std::string ports;
         for (const auto& l : opts.listen) ports += (ports.empty() ? "" : ",") + l;
         netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_PORTS, ports.c_str());
     }
     init_agent(appName);
+    // After init_agent: its AgentX set-up resets the ping interval to the library's default
+    // of 15 s.  The interval also paces reconnection attempts after the master goes away.
+    if (subagent) netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL, opts.agentxPing);
     if (!subagent) init_vacm_conf();
     init_snmp(appName);
     if (!subagent && init_master_agent() != 0) {

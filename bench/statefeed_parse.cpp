@@ -10,12 +10,9 @@
 //   apply    StateApplier::apply of the whole state into an empty DaemonMib (first load),
 //            then of the one-value difference (a typical reload)
 //
-// Build (after building the default preset) and run, from the repository root:
-//   B=build/default; L="$B/GenericAgent:$B/platform/launcher:$B/platform/snmp:$B/platform/orbel"
-//   g++ -std=c++20 -O2 -I. -Iplatform bench/statefeed_parse.cpp $B/agent/libstatefeed.a
-//       -L${L//:/ -L} -Wl,-rpath,$L -lvelmar-genericagent -lvelmar-snmp -lvelmar-launcher
-//       -lvelmar-orbel -lpthread -o /tmp/statefeed_parse        (one line)
-//   /tmp/statefeed_parse [--runs N]
+// Build and run, from the repository root:
+//   cmake --preset release && cmake --build --preset release --target statefeed_parse
+//   build/release/bench/statefeed_parse [--runs N]
 #include "agent/StateFeed.h"
 
 #include <nlohmann/json.hpp>
