@@ -13,19 +13,6 @@ namespace {
 
 using GenericAgent::daemonMibFactory;
 
-template <class E, class F>
-std::string thrownMessage(F&& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.message().stdString();
-    } catch (const std::exception& e) {
-        ADD_FAILURE() << "unexpected exception: " << e.what();
-        return "<other exception>";
-    }
-    ADD_FAILURE() << "nothing thrown";
-    return "<nothing thrown>";
-}
 
 // Three keys of table T in ascending order.
 template <class T>

@@ -22,6 +22,22 @@
 
 namespace {
 
+// Runs f, which must throw E; returns its message (a failure is recorded otherwise).
+template <class E, class F>
+std::string thrownMessage(F&& f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return e.message().stdString();
+    } catch (const std::exception& e) {
+        ADD_FAILURE() << "unexpected exception: " << e.what();
+        return "<other exception>";
+    }
+    ADD_FAILURE() << "nothing thrown";
+    return "<nothing thrown>";
+}
+
+
 using GenericAgent::Config;
 using GenericAgent::DaemonMib;
 using GenericAgent::DataTableIndex;

@@ -18,19 +18,6 @@ using GenericAgent::RunningTableEntry;
 AgentKey agentKey(const std::string& s) { return AgentKey(Orbel::String8(s)); }
 AgentVal agentVal(const std::string& s) { return AgentVal(Orbel::String8(s)); }
 
-template <class E, class F>
-std::string thrownMessage(F&& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.message().stdString();
-    } catch (const std::exception& e) {
-        ADD_FAILURE() << "unexpected exception: " << e.what();
-        return "<other exception>";
-    }
-    ADD_FAILURE() << "nothing thrown";
-    return "<nothing thrown>";
-}
 
 } // namespace
 

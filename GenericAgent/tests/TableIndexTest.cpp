@@ -30,19 +30,6 @@ std::string text(const OptionTableIndex& i) { return GenericAgent::valueToStrep(
 std::string text(const DataTableIndex& i) { return GenericAgent::valueToStrep(i).stdString(); }
 
 // The message of the E that f throws; a failure if f throws nothing or something else.
-template <class E, class F>
-std::string thrownMessage(F&& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.message().stdString();
-    } catch (const std::exception& e) {
-        ADD_FAILURE() << "unexpected exception: " << e.what();
-        return "<other exception>";
-    }
-    ADD_FAILURE() << "nothing thrown";
-    return "<nothing thrown>";
-}
 
 // Strings whose Snmp::String order differs from plain byte order in every way that
 // matters: length first, unsigned bytes, embedded zero bytes, the empty string.
