@@ -1,0 +1,279 @@
+"""Prometheus: Debian's prometheus-snmp-exporter scrapes velmar-snmp-agent with the
+module in prometheus/snmp.yml.
+
+The committed snmp.yml must be what prometheus/generate makes of generator.yml today;
+the flags read 1 (true) and 0 (false); option and data values arrive as labels of
+info-style samples; a rewritten state file shows in the next scrape.
+
+Both servers listen on free loopback ports and are stopped by process id; every wait is
+bounded. The exporter reaches nothing but the agent."""
+
+import copy
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import time
+import unittest
+import urllib.error
+import urllib.parse
+import urllib.request
+
+import velmar_harness as h
+
+PROMETHEUS_DIR = os.path.join(h.SOURCE_DIR, "prometheus")
+SNMP_YML = os.path.join(PROMETHEUS_DIR, "snmp.yml")
+EXPORTER = os.environ.get("VELMAR_SNMP_EXPORTER", "prometheus-snmp-exporter")
+GENERATOR = os.environ.get("VELMAR_SNMP_GENERATOR", "prometheus-snmp-generator")
+MODULE = "velmar_daemon"
+
+STATE = {"daemons": {
+    "bgpd": {"config": {"enabled": True, "options": {"asn": "65001", "router-id": "10.0.0.1"}},
+             "status": {"running": True, "data": {"pid": "4242", "uptime": "3d4h"}}},
+    "ntpd": {"config": {"enabled": False, "options": {"servers": "192.0.2.10,192.0.2.11"}},
+             "status": {"running": False, "data": {"last-exit": "stopped by launcher"}}},
+    "lldpd": {"config": {"enabled": True, "options": {"system-name": "leaf \"01\"\\a"}}},
+    "dæmon": {"status": {"running": True, "data": {"clé": "välue"}}},
+}}
+
+# metric name: (walked table, value column, index labels)
+METRICS = {
+    "velmarDaemonEnabled": ("enabled", ["velmarDaemonEnabledAgentName"]),
+    "velmarDaemonOptionValue": ("option", ["velmarDaemonOptionAgentName", "velmarDaemonOptionKey"]),
+    "velmarDaemonRunning": ("running", ["velmarDaemonRunningAgentName"]),
+    "velmarDaemonDataValue": ("data", ["velmarDaemonDataAgentName", "velmarDaemonDataKey"]),
+}
+
+_SAMPLE = re.compile(r'^([A-Za-z_:][A-Za-z0-9_:]*)(?:\{(.*)\})? (\S+)$')
+_LABEL = re.compile(r'([A-Za-z_][A-Za-z0-9_]*)="((?:[^"\\]|\\.)*)",?')
+
+
+def _unescape(v):
+    return re.sub(r'\\(.)', lambda m: "\n" if m.group(1) == "n" else m.group(1), v)
+
+
+def parse_exposition(text):
+    """[(name, {label: value}, float)] of the samples in Prometheus' text format."""
+    samples = []
+    for line in text.splitlines():
+        if not line or line.startswith("#"):
+            continue
+        m = _SAMPLE.match(line)
+        if not m:
+            raise ValueError("not a sample line: %r" % line)
+        labels = {k: _unescape(v) for k, v in _LABEL.findall(m.group(2) or "")}
+        samples.append((m.group(1), labels, float(m.group(3))))
+    return samples
+
+
+def http_get(url, timeout=10.0):
+    with urllib.request.urlopen(url, timeout=timeout) as r:
+        return r.status, r.read().decode("utf-8")
+
+
+class Exporter:
+    """prometheus-snmp-exporter on a free TCP port of 127.0.0.1 with our snmp.yml."""
+
+    def __init__(self, directory, config=SNMP_YML, timeout=15.0):
+        self.port = h.free_port(socket.SOCK_STREAM)
+        self.log_path = os.path.join(directory, "exporter-%d.log" % self.port)
+        self._log = open(self.log_path, "w")
+        self.proc = subprocess.Popen(
+            [EXPORTER, "--config.file=" + config, "--web.listen-address=127.0.0.1:%d" % self.port,
+             "--log.level=debug"],
+            stdin=subprocess.DEVNULL, stdout=self._log, stderr=subprocess.STDOUT)
+        deadline = time.time() + timeout
+        while time.time() < deadline:
+            if self.proc.poll() is not None:
+                break
+            try:
+                if http_get("http://127.0.0.1:%d/" % self.port, timeout=1.0)[0] == 200:
+                    return
+            except (OSError, urllib.error.URLError):
+                pass
+            time.sleep(0.05)
+        self.stop()
+        raise RuntimeError("%s did not get ready in %.0f s:\n%s" % (EXPORTER, timeout, self.log()))
+
+    def log(self):
+        with open(self.log_path, encoding="utf-8", errors="replace") as f:
+            return f.read()
+
+    def scrape(self, agent_port, module=MODULE):
+        query = urllib.parse.urlencode({"target": "127.0.0.1:%d" % agent_port, "module": module})
+        status, body = http_get("http://127.0.0.1:%d/snmp?%s" % (self.port, query))
+        if status != 200:
+            raise RuntimeError("scrape answered %d" % status)
+        return parse_exposition(body)
+
+    def stop(self, timeout=10.0):
+        if self.proc.poll() is None:
+            os.kill(self.proc.pid, signal.SIGTERM)
+            try:
+                self.proc.wait(timeout)
+            except subprocess.TimeoutExpired:
+                os.kill(self.proc.pid, signal.SIGKILL)
+                self.proc.wait(5)
+        self._log.close()
+        return self.proc.returncode
+
+
+def expected_samples(state):
+    """{(metric, frozenset(labels))} of what the module should yield for a state, derived
+    from the state itself: flags 1 or 0, values as a label of a sample of value 1."""
+    out = {}
+    for name, d in state["daemons"].items():
+        cfg, st = d.get("config"), d.get("status")
+        out[("velmarDaemonEnabled", frozenset({"velmarDaemonEnabledAgentName": name}.items()))] = \
+            1.0 if cfg and cfg.get("enabled") else 0.0
+        out[("velmarDaemonRunning", frozenset({"velmarDaemonRunningAgentName": name}.items()))] = \
+            1.0 if st and st.get("running") else 0.0
+        for metric, part, member, prefix in (("velmarDaemonOptionValue", cfg, "options", "Option"),
+                                             ("velmarDaemonDataValue", st, "data", "Data")):
+            for key, value in ((part or {}).get(member) or {}).items():
+                if value == "":
+                    continue
+                labels = {"velmarDaemon%sAgentName" % prefix: name, "velmarDaemon%sKey" % prefix: key,
+                          metric: value}
+                out[(metric, frozenset(labels.items()))] = 1.0
+    return out
+
+
+def served_samples(samples):
+    return {(n, frozenset(l.items())): v for n, l, v in samples if n.startswith("velmarDaemon")}
+
+
+def require_tools(test):
+    for tool in (EXPORTER, GENERATOR):
+        if not shutil.which(tool):
+            test.fail("%s is not installed (scripts/install-deps installs prometheus-snmp-exporter)" % tool)
+
+
+class ConfigTest(unittest.TestCase):
+    """snmp.yml is the generator's output for generator.yml, and says what the README says."""
+
+    def setUp(self):
+        require_tools(self)
+        self.tmp = h.TempDir()
+        self.addCleanup(self.tmp.cleanup)
+
+    def test_committed_snmp_yml_is_what_the_generator_makes(self):
+        out = self.tmp.file("snmp.yml")
+        r = subprocess.run(["bash", os.path.join(PROMETHEUS_DIR, "generate"), out], capture_output=True, text=True,
+                           timeout=120, env=dict(os.environ, SNMP_GENERATOR=GENERATOR))
+        self.assertEqual(r.returncode, 0, r.stdout + r.stderr)
+        with open(out, encoding="utf-8") as f:
+            generated = f.read()
+        with open(SNMP_YML, encoding="utf-8") as f:
+            committed = f.read()
+        self.assertEqual(committed, generated, "prometheus/snmp.yml is stale: run prometheus/generate")
+
+    def test_module_walks_the_four_tables_with_their_index_labels(self):
+        with open(SNMP_YML, encoding="utf-8") as f:
+            text = f.read()
+        self.assertTrue(text.startswith("# WARNING: This file was auto-generated"), text[:200])
+        self.assertIn("\n%s:\n" % MODULE, "\n" + text)
+        walks = re.findall(r"^  - (\S+)$", text.split("  metrics:")[0], re.M)
+        self.assertEqual(walks, [h.oid_str(sub)[1:] for sub, _, _ in h.TABLES.values()])
+        names = re.findall(r"^  - name: (\S+)$", text, re.M)
+        self.assertEqual(sorted(names), sorted(METRICS))
+        for metric, (table, labels) in METRICS.items():
+            block = text.split("  - name: %s\n" % metric, 1)[1].split("\n  - name: ", 1)[0]
+            sub, col, _ = h.TABLES[table]
+            self.assertIn("    oid: %s\n" % h.oid_str(sub + (1, col))[1:], block)
+            self.assertIn("    type: DisplayString\n", block)
+            self.assertEqual(re.findall(r"- labelname: (\S+)\n      type: DisplayString", block), labels, block)
+
+    def test_exporter_accepts_the_config(self):
+        r = subprocess.run([EXPORTER, "--config.file=" + SNMP_YML, "--dry-run"], capture_output=True, text=True,
+                           timeout=60)
+        self.assertEqual(r.returncode, 0, r.stdout + r.stderr)
+
+
+class ScrapeTest(unittest.TestCase):
+    def setUp(self):
+        require_tools(self)
+        self.tmp = h.TempDir()
+        self.addCleanup(self.tmp.cleanup)
+        self.path = self.tmp.file("state.json")
+        self.state = copy.deepcopy(STATE)
+        h.write_state(self.path, self.state)
+        self.agent = h.Agent(self.path)
+        self.addCleanup(self.agent.stop)
+        self.exporter = Exporter(self.tmp.path)
+        self.addCleanup(self.exporter.stop)
+
+    def scrape(self):
+        return served_samples(self.exporter.scrape(self.agent.port))
+
+    def diagnostics(self):
+        return "\nagent:\n%s\nexporter:\n%s" % (self.agent.stderr(), self.exporter.log()[-4000:])
+
+    def wait_for(self, expected, timeout=5.0):
+        deadline = time.time() + timeout
+        got = None
+        while time.time() < deadline:
+            got = self.scrape()
+            if got == expected:
+                return got
+            time.sleep(0.1)
+        self.fail("scrape did not follow the state file:\nmissing %s\nextra %s%s" % (
+            sorted(set(expected.items()) - set(got.items())), sorted(set(got.items()) - set(expected.items())),
+            self.diagnostics()))
+
+    def test_scrape_yields_every_row_and_nothing_else(self):
+        self.assertEqual(self.scrape(), expected_samples(self.state), self.diagnostics())
+
+    def test_running_reads_1_and_stopped_reads_0(self):
+        got = self.scrape()
+        key = lambda d: ("velmarDaemonRunning", frozenset({"velmarDaemonRunningAgentName": d}.items()))
+        self.assertEqual(got[key("bgpd")], 1.0)
+        self.assertEqual(got[key("ntpd")], 0.0)       # status says running: false
+        self.assertEqual(got[key("lldpd")], 0.0)      # no status at all
+        self.assertEqual(got[key("dæmon")], 1.0)      # UTF-8 name as label text
+
+    def test_enabled_reads_1_and_disabled_reads_0(self):
+        got = self.scrape()
+        key = lambda d: ("velmarDaemonEnabled", frozenset({"velmarDaemonEnabledAgentName": d}.items()))
+        self.assertEqual(got[key("bgpd")], 1.0)
+        self.assertEqual(got[key("ntpd")], 0.0)
+        self.assertEqual(got[key("dæmon")], 0.0)      # no config at all
+
+    def test_values_are_labels_of_info_samples(self):
+        samples = self.exporter.scrape(self.agent.port)
+        options = [l for n, l, v in samples if n == "velmarDaemonOptionValue" and v == 1.0]
+        self.assertIn({"velmarDaemonOptionAgentName": "lldpd", "velmarDaemonOptionKey": "system-name",
+                       "velmarDaemonOptionValue": "leaf \"01\"\\a"}, options)
+        data = [l for n, l, v in samples if n == "velmarDaemonDataValue" and v == 1.0]
+        self.assertIn({"velmarDaemonDataAgentName": "dæmon", "velmarDaemonDataKey": "clé",
+                       "velmarDaemonDataValue": "välue"}, data)
+
+    def test_changed_option_shows_in_the_next_scrape(self):
+        self.scrape()
+        s = copy.deepcopy(self.state)
+        s["daemons"]["bgpd"]["config"]["options"]["asn"] = "65002"
+        h.write_state(self.path, s)
+        got = self.wait_for(expected_samples(s))
+        old = ("velmarDaemonOptionValue", frozenset({"velmarDaemonOptionAgentName": "bgpd",
+                                                     "velmarDaemonOptionKey": "asn",
+                                                     "velmarDaemonOptionValue": "65001"}.items()))
+        self.assertNotIn(old, got)
+
+    def test_stopped_daemon_and_removed_rows_follow_the_file(self):
+        s = copy.deepcopy(self.state)
+        s["daemons"]["bgpd"]["status"] = {"running": False, "data": {"last-exit": "exit code 1"}}
+        del s["daemons"]["ntpd"]
+        h.write_state(self.path, s)
+        got = self.wait_for(expected_samples(s))
+        self.assertEqual(got[("velmarDaemonRunning", frozenset({"velmarDaemonRunningAgentName": "bgpd"}.items()))], 0.0)
+
+    def test_unknown_module_is_refused_by_the_exporter(self):
+        with self.assertRaises(urllib.error.HTTPError) as e:
+            self.exporter.scrape(self.agent.port, module="no_such_module")
+        self.assertEqual(e.exception.code, 400)
+
+
+if __name__ == "__main__":
+    unittest.main()
