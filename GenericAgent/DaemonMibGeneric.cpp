@@ -209,28 +209,36 @@ namespace {
 const bool registeredAtLoad = (registerDaemonMibTypes(), true);
 }
 
-const Orbel::TypeDescriptor* EnabledTableEntry::GenericIf_::type() const noexcept { return typeNamed("GenericAgent::EnabledTableEntry"); }
-const Orbel::TypeDescriptor* OptionTableEntry::GenericIf_::type() const noexcept { return typeNamed("GenericAgent::OptionTableEntry"); }
-const Orbel::TypeDescriptor* RunningTableEntry::GenericIf_::type() const noexcept { return typeNamed("GenericAgent::RunningTableEntry"); }
-const Orbel::TypeDescriptor* DataTableEntry::GenericIf_::type() const noexcept { return typeNamed("GenericAgent::DataTableEntry"); }
+template <>
+const Orbel::TypeDescriptor* RowGenericIf<EnabledTableEntry>::type() const noexcept { return typeNamed("GenericAgent::EnabledTableEntry"); }
+template <>
+const Orbel::TypeDescriptor* RowGenericIf<OptionTableEntry>::type() const noexcept { return typeNamed("GenericAgent::OptionTableEntry"); }
+template <>
+const Orbel::TypeDescriptor* RowGenericIf<RunningTableEntry>::type() const noexcept { return typeNamed("GenericAgent::RunningTableEntry"); }
+template <>
+const Orbel::TypeDescriptor* RowGenericIf<DataTableEntry>::type() const noexcept { return typeNamed("GenericAgent::DataTableEntry"); }
 
-Orbel::Ptr<GenericIf> EnabledTableEntry::GenericIf_::attributeOp(const AttributeOp& op, const Orbel::Ptr<const GenericIf>& index,
-                                                                const Orbel::Ptr<const GenericIf>& argument) {
+template <>
+Orbel::Ptr<GenericIf> RowGenericIf<EnabledTableEntry>::attributeOp(const AttributeOp& op, const Orbel::Ptr<const GenericIf>& index,
+                                                                  const Orbel::Ptr<const GenericIf>& argument) {
     return flagRowOp(*this, *row_, row_->agentConfig(), row_->enabled(), "agentConfig", "enabled", op, index, argument);
 }
 
-Orbel::Ptr<GenericIf> RunningTableEntry::GenericIf_::attributeOp(const AttributeOp& op, const Orbel::Ptr<const GenericIf>& index,
-                                                                const Orbel::Ptr<const GenericIf>& argument) {
+template <>
+Orbel::Ptr<GenericIf> RowGenericIf<RunningTableEntry>::attributeOp(const AttributeOp& op, const Orbel::Ptr<const GenericIf>& index,
+                                                                  const Orbel::Ptr<const GenericIf>& argument) {
     return flagRowOp(*this, *row_, row_->agentStatus(), row_->running(), "agentStatus", "running", op, index, argument);
 }
 
-Orbel::Ptr<GenericIf> OptionTableEntry::GenericIf_::attributeOp(const AttributeOp& op, const Orbel::Ptr<const GenericIf>& index,
-                                                               const Orbel::Ptr<const GenericIf>& argument) {
+template <>
+Orbel::Ptr<GenericIf> RowGenericIf<OptionTableEntry>::attributeOp(const AttributeOp& op, const Orbel::Ptr<const GenericIf>& index,
+                                                                 const Orbel::Ptr<const GenericIf>& argument) {
     return valueRowOp<OptionTableEntry, OptionTableIndex>(*this, *row_, row_->agentConfig(), "agentConfig", op, index, argument);
 }
 
-Orbel::Ptr<GenericIf> DataTableEntry::GenericIf_::attributeOp(const AttributeOp& op, const Orbel::Ptr<const GenericIf>& index,
-                                                             const Orbel::Ptr<const GenericIf>& argument) {
+template <>
+Orbel::Ptr<GenericIf> RowGenericIf<DataTableEntry>::attributeOp(const AttributeOp& op, const Orbel::Ptr<const GenericIf>& index,
+                                                               const Orbel::Ptr<const GenericIf>& argument) {
     return valueRowOp<DataTableEntry, DataTableIndex>(*this, *row_, row_->agentStatus(), "agentStatus", op, index, argument);
 }
 

@@ -408,65 +408,51 @@ protected:
 // ---------------------------------------------------------------------------------------
 // Generic access (the framework reaches the model reflectively through these).
 
-class EnabledTableEntry::GenericIf_ : public Orbel::GenericIf {
+// The generic interface of a row: holds a counted reference to the row and answers
+// attributeOp by attribute number (read-only; see DaemonMibGeneric.cpp).
+template <class Row>
+class RowGenericIf : public Orbel::GenericIf {
 public:
-    GenericIf_(const EnabledTableEntry* row, bool isConst) : Orbel::GenericIf(isConst), row_(row) {}
+    RowGenericIf(const Row* row, bool isConst) : Orbel::GenericIf(isConst), row_(row) {}
+    const Row* row() const noexcept { return row_.ptr(); }
     const Orbel::TypeDescriptor* type() const noexcept override;
     Orbel::Ptr<Orbel::GenericIf> attributeOp(const AttributeOp& op, const Orbel::Ptr<const Orbel::GenericIf>& index,
                                              const Orbel::Ptr<const Orbel::GenericIf>& argument) override;
-    const EnabledTableEntry* row() const noexcept { return row_.ptr(); }
 
 protected:
-    ~GenericIf_() override = default;
+    ~RowGenericIf() override = default;
 
 private:
-    Orbel::Ptr<const EnabledTableEntry> row_;
+    Orbel::Ptr<const Row> row_;
 };
 
-class OptionTableEntry::GenericIf_ : public Orbel::GenericIf {
-public:
-    GenericIf_(const OptionTableEntry* row, bool isConst) : Orbel::GenericIf(isConst), row_(row) {}
-    const Orbel::TypeDescriptor* type() const noexcept override;
-    Orbel::Ptr<Orbel::GenericIf> attributeOp(const AttributeOp& op, const Orbel::Ptr<const Orbel::GenericIf>& index,
-                                             const Orbel::Ptr<const Orbel::GenericIf>& argument) override;
-    const OptionTableEntry* row() const noexcept { return row_.ptr(); }
+// Each row type's answers are defined beside the type descriptors.
+#define VELMAR_ROW_GENERIC_IF_SPECIALIZE(Row)                                                                  \
+    template <>                                                                                               \
+    const Orbel::TypeDescriptor* RowGenericIf<Row>::type() const noexcept;                                    \
+    template <>                                                                                               \
+    Orbel::Ptr<Orbel::GenericIf> RowGenericIf<Row>::attributeOp(                                             \
+        const AttributeOp& op, const Orbel::Ptr<const Orbel::GenericIf>& index,                               \
+        const Orbel::Ptr<const Orbel::GenericIf>& argument);
+VELMAR_ROW_GENERIC_IF_SPECIALIZE(EnabledTableEntry)
+VELMAR_ROW_GENERIC_IF_SPECIALIZE(OptionTableEntry)
+VELMAR_ROW_GENERIC_IF_SPECIALIZE(RunningTableEntry)
+VELMAR_ROW_GENERIC_IF_SPECIALIZE(DataTableEntry)
+#undef VELMAR_ROW_GENERIC_IF_SPECIALIZE
 
-protected:
-    ~GenericIf_() override = default;
-
-private:
-    Orbel::Ptr<const OptionTableEntry> row_;
-};
-
-class RunningTableEntry::GenericIf_ : public Orbel::GenericIf {
-public:
-    GenericIf_(const RunningTableEntry* row, bool isConst) : Orbel::GenericIf(isConst), row_(row) {}
-    const Orbel::TypeDescriptor* type() const noexcept override;
-    Orbel::Ptr<Orbel::GenericIf> attributeOp(const AttributeOp& op, const Orbel::Ptr<const Orbel::GenericIf>& index,
-                                             const Orbel::Ptr<const Orbel::GenericIf>& argument) override;
-    const RunningTableEntry* row() const noexcept { return row_.ptr(); }
-
-protected:
-    ~GenericIf_() override = default;
-
-private:
-    Orbel::Ptr<const RunningTableEntry> row_;
-};
-
-class DataTableEntry::GenericIf_ : public Orbel::GenericIf {
-public:
-    GenericIf_(const DataTableEntry* row, bool isConst) : Orbel::GenericIf(isConst), row_(row) {}
-    const Orbel::TypeDescriptor* type() const noexcept override;
-    Orbel::Ptr<Orbel::GenericIf> attributeOp(const AttributeOp& op, const Orbel::Ptr<const Orbel::GenericIf>& index,
-                                             const Orbel::Ptr<const Orbel::GenericIf>& argument) override;
-    const DataTableEntry* row() const noexcept { return row_.ptr(); }
-
-protected:
-    ~GenericIf_() override = default;
-
-private:
-    Orbel::Ptr<const DataTableEntry> row_;
-};
+#define VELMAR_ROW_GENERIC_IF(Row)                                         \
+    class Row::GenericIf_ : public RowGenericIf<Row> {                     \
+    public:                                                                \
+        using RowGenericIf::RowGenericIf;                                  \
+                                                                           \
+    protected:                                                             \
+        ~GenericIf_() override = default;                                  \
+    };
+VELMAR_ROW_GENERIC_IF(EnabledTableEntry)
+VELMAR_ROW_GENERIC_IF(OptionTableEntry)
+VELMAR_ROW_GENERIC_IF(RunningTableEntry)
+VELMAR_ROW_GENERIC_IF(DataTableEntry)
+#undef VELMAR_ROW_GENERIC_IF
 
 // The container's generic interface, and the target of its generic observer adapter:
 // per-key changes are deferred to the activity loop when notification is deferred, and a
