@@ -25,6 +25,12 @@
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
 #include <assert.h>
+#ifdef NDEBUG
+// <assert.h> declares the failure routine only for builds with assertions; set-up failures
+// stop the process through it in every build type.
+extern "C" [[noreturn]] void __assert_fail(const char* assertion, const char* file, unsigned int line,
+                                           const char* function) noexcept;
+#endif
 
 #include <cstdlib>
 #include <list>
@@ -117,32 +123,36 @@ netsnmp_variable_list* velmarDaemonDataTableIterationHelper(velmarDaemonDataTabl
 // ---------------------------------------------------------------------------------------
 // What differs between the four tables.
 
+// The names a table's functions, traces and registration carry, from its short name.
+#define VELMAR_TABLE_NAMES(Name)                                                                              \
+    static constexpr const char* table = "velmarDaemon" #Name "Table";                                         \
+    static constexpr const char* registrationPrefix = "velmarDaemon" #Name "Table_";                           \
+    static constexpr const char* getFirst = "velmarDaemon" #Name "Table_get_first_data_point";                 \
+    static constexpr const char* getNext = "velmarDaemon" #Name "Table_get_next_data_point";                   \
+    static constexpr const char* makeData = "velmarDaemon" #Name "Table_make_data_context";                    \
+    static constexpr const char* freeData = "velmarDaemon" #Name "Table_free_data_context";                    \
+    static constexpr const char* freeLoop = "velmarDaemon" #Name "Table_free_loop_context_at_end";             \
+    static constexpr const char* helper = "velmarDaemon" #Name "TableIterationHelper";                         \
+    static constexpr const char* handler = "velmarDaemon" #Name "Table_handler";                               \
+    static constexpr const char* initialize = "initialize_table_velmarDaemon" #Name "Table";                   \
+    static constexpr const char* initializeSignature = "void initialize_table_velmarDaemon" #Name "Table(Orbel::String)";
+
 struct EnabledTable {
     using Entry = GenericAgent::EnabledTableEntry;
     using Key = Snmp::String;
     using Map = DaemonMib::EnabledTableMap;
     using Context = velmarDaemonEnabledTable_entry;
     static constexpr auto namedHelper = velmarDaemonEnabledTableIterationHelper;
+    VELMAR_TABLE_NAMES(Enabled)
     static const Map& map(const DaemonMib& m) { return m.enabledTable(); }
     static constexpr oid subtree[2] = {1, 1};
     static constexpr unsigned components = 1;
-    static constexpr const char* table = "velmarDaemonEnabledTable";
-    static constexpr const char* registrationPrefix = "velmarDaemonEnabledTable_";
     static constexpr const char* nameComponent = "velmarDaemonEnabledAgentName";
     static constexpr const char* keyComponent = nullptr;
     static constexpr const char* keyTypeWord = "Snmp::String";
     static constexpr unsigned column = 2;
     static constexpr const char* columnName = "velmarDaemonEnabled";
     static constexpr std::size_t indexBuffer = 32;
-    static constexpr const char* getFirst = "velmarDaemonEnabledTable_get_first_data_point";
-    static constexpr const char* getNext = "velmarDaemonEnabledTable_get_next_data_point";
-    static constexpr const char* makeData = "velmarDaemonEnabledTable_make_data_context";
-    static constexpr const char* freeData = "velmarDaemonEnabledTable_free_data_context";
-    static constexpr const char* freeLoop = "velmarDaemonEnabledTable_free_loop_context_at_end";
-    static constexpr const char* helper = "velmarDaemonEnabledTableIterationHelper";
-    static constexpr const char* handler = "velmarDaemonEnabledTable_handler";
-    static constexpr const char* initialize = "initialize_table_velmarDaemonEnabledTable";
-    static constexpr const char* initializeSignature = "void initialize_table_velmarDaemonEnabledTable(Orbel::String)";
     static Key keyOf(const Snmp::String& name, const Snmp::String&) { return name; }
     static const Snmp::String& printedKey(const Entry& row) { return row.agentName(); }
     // The value: the enabled flag as a TruthValue.
@@ -162,26 +172,16 @@ struct OptionTable {
     using Map = DaemonMib::OptionTableMap;
     using Context = velmarDaemonOptionTable_entry;
     static constexpr auto namedHelper = velmarDaemonOptionTableIterationHelper;
+    VELMAR_TABLE_NAMES(Option)
     static const Map& map(const DaemonMib& m) { return m.optionTable(); }
     static constexpr oid subtree[2] = {1, 2};
     static constexpr unsigned components = 2;
-    static constexpr const char* table = "velmarDaemonOptionTable";
-    static constexpr const char* registrationPrefix = "velmarDaemonOptionTable_";
     static constexpr const char* nameComponent = "velmarDaemonOptionAgentName";
     static constexpr const char* keyComponent = "velmarDaemonOptionKey";
     static constexpr const char* keyTypeWord = "GenericAgent::OptionTableIndex";
     static constexpr unsigned column = 3;
     static constexpr const char* columnName = "velmarDaemonOptionValue";
     static constexpr std::size_t indexBuffer = 64;
-    static constexpr const char* getFirst = "velmarDaemonOptionTable_get_first_data_point";
-    static constexpr const char* getNext = "velmarDaemonOptionTable_get_next_data_point";
-    static constexpr const char* makeData = "velmarDaemonOptionTable_make_data_context";
-    static constexpr const char* freeData = "velmarDaemonOptionTable_free_data_context";
-    static constexpr const char* freeLoop = "velmarDaemonOptionTable_free_loop_context_at_end";
-    static constexpr const char* helper = "velmarDaemonOptionTableIterationHelper";
-    static constexpr const char* handler = "velmarDaemonOptionTable_handler";
-    static constexpr const char* initialize = "initialize_table_velmarDaemonOptionTable";
-    static constexpr const char* initializeSignature = "void initialize_table_velmarDaemonOptionTable(Orbel::String)";
     static Key keyOf(const Snmp::String& name, const Snmp::String& key) { return Key(name, key); }
     static Key printedKey(const Entry& row) { return row.index(); }
     // The value: the option's value as an octet string of 1 to 10240 bytes.
@@ -202,26 +202,16 @@ struct RunningTable {
     using Map = DaemonMib::RunningTableMap;
     using Context = velmarDaemonRunningTable_entry;
     static constexpr auto namedHelper = velmarDaemonRunningTableIterationHelper;
+    VELMAR_TABLE_NAMES(Running)
     static const Map& map(const DaemonMib& m) { return m.runningTable(); }
     static constexpr oid subtree[2] = {2, 1};
     static constexpr unsigned components = 1;
-    static constexpr const char* table = "velmarDaemonRunningTable";
-    static constexpr const char* registrationPrefix = "velmarDaemonRunningTable_";
     static constexpr const char* nameComponent = "velmarDaemonRunningAgentName";
     static constexpr const char* keyComponent = nullptr;
     static constexpr const char* keyTypeWord = "Snmp::String";
     static constexpr unsigned column = 2;
     static constexpr const char* columnName = "velmarDaemonRunning";
     static constexpr std::size_t indexBuffer = 32;
-    static constexpr const char* getFirst = "velmarDaemonRunningTable_get_first_data_point";
-    static constexpr const char* getNext = "velmarDaemonRunningTable_get_next_data_point";
-    static constexpr const char* makeData = "velmarDaemonRunningTable_make_data_context";
-    static constexpr const char* freeData = "velmarDaemonRunningTable_free_data_context";
-    static constexpr const char* freeLoop = "velmarDaemonRunningTable_free_loop_context_at_end";
-    static constexpr const char* helper = "velmarDaemonRunningTableIterationHelper";
-    static constexpr const char* handler = "velmarDaemonRunningTable_handler";
-    static constexpr const char* initialize = "initialize_table_velmarDaemonRunningTable";
-    static constexpr const char* initializeSignature = "void initialize_table_velmarDaemonRunningTable(Orbel::String)";
     static Key keyOf(const Snmp::String& name, const Snmp::String&) { return name; }
     static const Snmp::String& printedKey(const Entry& row) { return row.agentName(); }
     static constexpr bool stringValue = false;
@@ -240,26 +230,16 @@ struct DataTable {
     using Map = DaemonMib::DataTableMap;
     using Context = velmarDaemonDataTable_entry;
     static constexpr auto namedHelper = velmarDaemonDataTableIterationHelper;
+    VELMAR_TABLE_NAMES(Data)
     static const Map& map(const DaemonMib& m) { return m.dataTable(); }
     static constexpr oid subtree[2] = {2, 2};
     static constexpr unsigned components = 2;
-    static constexpr const char* table = "velmarDaemonDataTable";
-    static constexpr const char* registrationPrefix = "velmarDaemonDataTable_";
     static constexpr const char* nameComponent = "velmarDaemonDataAgentName";
     static constexpr const char* keyComponent = "velmarDaemonDataKey";
     static constexpr const char* keyTypeWord = "GenericAgent::DataTableIndex";
     static constexpr unsigned column = 3;
     static constexpr const char* columnName = "velmarDaemonDataValue";
     static constexpr std::size_t indexBuffer = 64;
-    static constexpr const char* getFirst = "velmarDaemonDataTable_get_first_data_point";
-    static constexpr const char* getNext = "velmarDaemonDataTable_get_next_data_point";
-    static constexpr const char* makeData = "velmarDaemonDataTable_make_data_context";
-    static constexpr const char* freeData = "velmarDaemonDataTable_free_data_context";
-    static constexpr const char* freeLoop = "velmarDaemonDataTable_free_loop_context_at_end";
-    static constexpr const char* helper = "velmarDaemonDataTableIterationHelper";
-    static constexpr const char* handler = "velmarDaemonDataTable_handler";
-    static constexpr const char* initialize = "initialize_table_velmarDaemonDataTable";
-    static constexpr const char* initializeSignature = "void initialize_table_velmarDaemonDataTable(Orbel::String)";
     static Key keyOf(const Snmp::String& name, const Snmp::String& key) { return Key(name, key); }
     static Key printedKey(const Entry& row) { return row.index(); }
     static constexpr bool stringValue = true;
