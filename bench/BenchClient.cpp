@@ -363,11 +363,15 @@ int main(int argc, char** argv) {
     reference.indexes.clear();
     reference.indexes.shrink_to_fit();
 
-    for (const Way& way : ways) {
-        for (const std::string& workload : workloads) {
-            if (workload == "bulk10" || workload == "bulk50" || workload == "getnext") {
-                const long reps = workload == "bulk10" ? 10 : workload == "bulk50" ? 50 : 0;
-                for (std::size_t r = 0; r < repeat; ++r) {
+    // Ways take turns within each workload and repetition, so that a change in the
+    // machine's load falls on all of them alike.
+    for (const std::string& workload : workloads) {
+        const bool isWalk = workload == "bulk10" || workload == "bulk50" || workload == "getnext";
+        if (!isWalk && workload != "get" && workload != "absent") fail("unknown workload " + workload);
+        for (std::size_t r = 0; r < (isWalk ? repeat : 1); ++r) {
+            for (const Way& way : ways) {
+                if (isWalk) {
+                    const long reps = workload == "bulk10" ? 10 : workload == "bulk50" ? 50 : 0;
                     const Clocks before = client.clocks();
                     WalkResult w = walk(client, way, rows, reps, false);
                     const Clocks after = client.clocks();
@@ -379,22 +383,21 @@ int main(int argc, char** argv) {
                                   sampled ? "null" : (w.checksum == reference.checksum ? "true" : "false"),
                                   jsonEscape(w.problem).c_str());
                     report(way.name, workload, rows, before, after, client.pids(), w.varbinds, w.requests, extra);
+                } else {
+                    std::vector<std::vector<oid>> which = workload == "get" ? present : absent;
+                    if (getLimits.count(way.name) && getLimits[way.name] < which.size())
+                        which.resize(getLimits[way.name]);
+                    const Clocks before = client.clocks();
+                    GetResult g = gets(client, way, which);
+                    const Clocks after = client.clocks();
+                    char extra[512];
+                    std::snprintf(extra, sizeof extra,
+                                  ", \"answered\": %zu, \"no_such\": %zu, \"latency_median_s\": %.9f, "
+                                  "\"latency_p90_s\": %.9f, \"latency_p10_s\": %.9f, \"problem\": \"%s\"",
+                                  g.answered, g.noSuch, percentile(g.latencies, 0.5), percentile(g.latencies, 0.9),
+                                  percentile(g.latencies, 0.1), jsonEscape(g.problem).c_str());
+                    report(way.name, workload, rows, before, after, client.pids(), g.requests, g.requests, extra);
                 }
-            } else if (workload == "get" || workload == "absent") {
-                std::vector<std::vector<oid>> which = workload == "get" ? present : absent;
-                if (getLimits.count(way.name) && getLimits[way.name] < which.size()) which.resize(getLimits[way.name]);
-                const Clocks before = client.clocks();
-                GetResult g = gets(client, way, which);
-                const Clocks after = client.clocks();
-                char extra[512];
-                std::snprintf(extra, sizeof extra,
-                              ", \"answered\": %zu, \"no_such\": %zu, \"latency_median_s\": %.9f, "
-                              "\"latency_p90_s\": %.9f, \"latency_p10_s\": %.9f, \"problem\": \"%s\"",
-                              g.answered, g.noSuch, percentile(g.latencies, 0.5), percentile(g.latencies, 0.9),
-                              percentile(g.latencies, 0.1), jsonEscape(g.problem).c_str());
-                report(way.name, workload, rows, before, after, client.pids(), g.requests, g.requests, extra);
-            } else {
-                fail("unknown workload " + workload);
             }
         }
     }

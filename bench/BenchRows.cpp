@@ -208,6 +208,17 @@ std::size_t stringBytes(const Agent::LauncherState& state) {
     return n;
 }
 
+std::size_t rowStringBytes(const Agent::LauncherState& state) {
+    std::size_t n = 0;
+    for (const auto& [name, s] : state) {
+        for (const auto& [k, v] : s.options)
+            if (!v.empty()) n += name.size() + k.size() + v.size();
+        for (const auto& [k, v] : s.data)
+            if (!v.empty()) n += name.size() + k.size() + v.size();
+    }
+    return n;
+}
+
 std::size_t modelRows(const Agent::LauncherState& state) {
     std::size_t n = 0;
     for (const auto& [name, s] : state) {

@@ -69,6 +69,10 @@ std::vector<unsigned long> indexOid(const std::string& name, const std::string& 
 // value of every option and data row.
 std::size_t stringBytes(const Agent::LauncherState& state);
 
+// Bytes of the strings each option and data row is made of (its name, key and value),
+// summed over the rows: a name shared by many rows counts once per row.
+std::size_t rowStringBytes(const Agent::LauncherState& state);
+
 // Rows of the four tables: enabled and running (one each per daemon), option and data.
 std::size_t modelRows(const Agent::LauncherState& state);
 

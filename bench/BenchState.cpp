@@ -55,7 +55,7 @@ int main(int argc, char** argv) {
         data += s.data.size();
     }
     std::printf("{\"daemons\": %zu, \"option_rows\": %zu, \"data_rows\": %zu, \"model_rows\": %zu, "
-                "\"string_bytes\": %zu, \"file_bytes\": %zu}\n",
-                state.size(), options, data, Bench::modelRows(state), Bench::stringBytes(state), json.size());
+                "\"string_bytes\": %zu, \"row_string_bytes\": %zu, \"file_bytes\": %zu}\n",
+                state.size(), options, data, Bench::modelRows(state), Bench::stringBytes(state), Bench::rowStringBytes(state), json.size());
     return 0;
 }
