@@ -87,7 +87,9 @@ def write_state(path, state):
 class Process:
     """A server process started with a ready line on standard output."""
 
-    def __init__(self, argv, ready_text, env=None, timeout=15.0):
+    def __init__(self, argv, ready_text, env=None, timeout=15.0, ready=None):
+        """With ready_text None, ready is a callable polled until it returns true (for
+        servers that print nothing when they are ready)."""
         self.argv = argv
         self.stderr_lines = []
         self.stdout_lines = []
@@ -98,9 +100,23 @@ class Process:
                          threading.Thread(target=self._pump, args=(self.proc.stderr, self.stderr_lines, None), daemon=True)]
         for t in self._threads:
             t.start()
-        if not self._ready.wait(timeout):
+        if ready_text is None and ready is not None:
+            if not self._poll_ready(ready, timeout):
+                self.stop()
+                raise RuntimeError("%s did not get ready in %.0f s; output:\n%s" % (argv[0], timeout, self.output()))
+        elif not self._ready.wait(timeout):
             self.stop()
             raise RuntimeError("%s did not get ready in %.0f s; stderr:\n%s" % (argv[0], timeout, self.stderr()))
+
+    def _poll_ready(self, ready, timeout):
+        deadline = time.time() + timeout
+        while time.time() < deadline:
+            if self.proc.poll() is not None:
+                return False
+            if ready():
+                return True
+            time.sleep(0.05)
+        return False
 
     def _pump(self, stream, sink, ready_text):
         for line in stream:
@@ -119,6 +135,10 @@ class Process:
 
     def stderr(self):
         return "\n".join(self.stderr_lines)
+
+    def output(self):
+        """Standard output, then standard error."""
+        return "\n".join(self.stdout_lines + self.stderr_lines)
 
     def wait_stderr(self, text, timeout=5.0, start=0):
         deadline = time.time() + timeout
@@ -160,6 +180,83 @@ class Agent(Process):
             argv += ["--listen", l]
         argv += list(extra)
         super().__init__(argv, "serving", env=env)
+
+
+SNMPD = os.environ.get("VELMAR_SNMPD", "/usr/sbin/snmpd")
+
+
+class Snmpd(Process):
+    """Net-SNMP's snmpd as AgentX master on a free UDP port of 127.0.0.1, with a private
+    configuration and persistent directory inside `directory`.
+
+    It serves our subtree only, read-only to `community` from 127.0.0.1, and initialises
+    only the modules it needs for that (`modules`, snmpd's -I list), so that none of its own
+    MIB modules answers inside or beside the walks.  It prints no ready line: it is ready when
+    its UDP port answers, which it opens after the AgentX socket.  Its log (-Lo) is on standard
+    output: output() returns it.
+    """
+
+    def __init__(self, directory, agentx, port=None, community="public", modules="agentx,vacm_conf",
+                 extra_conf=(), timeout=15.0):
+        self.port = port or free_port()
+        self.agentx = agentx
+        self.config = os.path.join(directory, "snmpd-%d.conf" % self.port)
+        persistent = os.path.join(directory, "snmpd-persistent")
+        os.makedirs(persistent, exist_ok=True)
+        lines = ["master agentx",
+                 "agentXSocket %s" % agentx,
+                 "agentXPerms 0660 0700",
+                 "agentXTimeout 2",
+                 "agentXRetries 2",
+                 "view velmar included %s" % oid_str(ROOT),
+                 "rocommunity %s 127.0.0.1 -V velmar" % community,
+                 "dontLogTCPWrappersConnects yes"] + list(extra_conf)
+        with open(self.config, "w", encoding="utf-8") as f:
+            f.write("\n".join(lines) + "\n")
+        env = dict(os.environ)
+        env.update(MIBS="", SNMP_PERSISTENT_DIR=persistent, SNMPCONFPATH=directory, HOME=directory)
+        argv = [SNMPD, "-f", "-Lo", "-C", "-c", self.config, "-I", modules, "udp:127.0.0.1:%d" % self.port]
+        super().__init__(argv, None, env=env, timeout=timeout, ready=lambda: udp_answers(self.port, community))
+
+
+def _ber(tag, payload):
+    n = len(payload)
+    if n < 0x80:
+        head = bytes([n])
+    else:
+        size = n.to_bytes((n.bit_length() + 7) // 8, "big")
+        head = bytes([0x80 | len(size)]) + size
+    return bytes([tag]) + head + payload
+
+
+def _ber_int(v):
+    return _ber(0x02, v.to_bytes(max(1, (v.bit_length() + 8) // 8), "big", signed=True))
+
+
+def _ber_oid(oid):
+    out = bytearray([40 * oid[0] + oid[1]])
+    for x in oid[2:]:
+        chunk = [x & 0x7F]
+        x >>= 7
+        while x:
+            chunk.append(0x80 | (x & 0x7F))
+            x >>= 7
+        out.extend(reversed(chunk))
+    return _ber(0x06, bytes(out))
+
+
+def udp_answers(port, community="public", timeout=0.2):
+    """True if an SNMPv2c GET sent to 127.0.0.1:port gets any answer within timeout."""
+    varbind = _ber(0x30, _ber_oid(ROOT) + b"\x05\x00")
+    pdu = _ber(0xA0, _ber_int(0x5EED) + _ber_int(0) + _ber_int(0) + _ber(0x30, varbind))
+    message = _ber(0x30, _ber_int(1) + _ber(0x04, community.encode()) + pdu)
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+        s.settimeout(timeout)
+        try:
+            s.sendto(message, ("127.0.0.1", port))
+            return len(s.recv(65535)) > 0
+        except OSError:  # timeout, or refused while nothing listens yet
+            return False
 
 
 class TempDir:
