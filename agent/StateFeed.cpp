@@ -24,6 +24,9 @@
 #include <rapidjson/reader.h>
 
 #include <fcntl.h>
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
@@ -50,6 +53,8 @@ constexpr std::size_t shownBytes = 64;       // bytes of a name or key quoted in
 // may look up to 15 bytes past the terminating zero.
 constexpr std::size_t padBytes = 16;
 constexpr int rearmMillis = 200;
+// How long the worker waits after a reload before it hands released memory back.
+constexpr int releaseMillis = 1000;
 
 std::string prefix(const std::string& file) { return "state file " + file + ": "; }
 
@@ -515,6 +520,7 @@ struct ConfigSide {
         o.optionIs(GenericAgent::AgentKey(k), GenericAgent::AgentVal(Orbel::String(v)));
     }
     static void valueDel(Object& o, const Orbel::String& k) { o.optionDel(GenericAgent::AgentKey(k)); }
+    static const GenericAgent::AgentValMap& values(const Object& o) { return o.options(); }
     static void flagRowIs(GenericAgent::DaemonMib& m, const Orbel::String& n, const Orbel::Ptr<Object>& o) {
         m.enabledTableIs(n, o);
     }
@@ -537,6 +543,7 @@ struct StatusSide {
         o.dataIs(GenericAgent::AgentKey(k), GenericAgent::AgentVal(Orbel::String(v)));
     }
     static void valueDel(Object& o, const Orbel::String& k) { o.dataDel(GenericAgent::AgentKey(k)); }
+    static const GenericAgent::AgentValMap& values(const Object& o) { return o.data(); }
     static void flagRowIs(GenericAgent::DaemonMib& m, const Orbel::String& n, const Orbel::Ptr<Object>& o) {
         m.runningTableIs(n, o);
     }
@@ -549,6 +556,15 @@ struct StatusSide {
         m.dataTableDel(GenericAgent::DataTableIndex(n, k));
     }
 };
+
+// The key as the object stores it: a row made with it shares the key's bytes with the
+// object's entry instead of holding a copy of its own.
+template <class Side>
+Orbel::String storedKey(const typename Side::Object& object, const Orbel::String& key) {
+    const GenericAgent::AgentValMap& values = Side::values(object);
+    auto it = values.find(GenericAgent::AgentKey(key));
+    return it == values.end() ? key : Orbel::String(it->first);
+}
 
 // A new object filled from a section that appears.
 template <class Side>
@@ -564,7 +580,7 @@ template <class Side>
 void addKeyRows(GenericAgent::DaemonMib& m, const Orbel::String& name, const SectionChange& s,
                 const Orbel::Ptr<typename Side::Object>& object) {
     for (const KeyChange& k : s.keys)
-        if (k.rowAfter) Side::keyRowIs(m, name, Orbel::String(k.key), object);
+        if (k.rowAfter) Side::keyRowIs(m, name, storedKey<Side>(*object, Orbel::String(k.key)), object);
 }
 
 template <class Side>
@@ -584,7 +600,7 @@ void applySide(GenericAgent::DaemonMib& m, const Orbel::String& name, const Sect
             if (k.rowBefore && !k.rowAfter) Side::keyRowDel(m, name, key);
             if (k.value) Side::valueIs(*object, key, *k.value);
             else Side::valueDel(*object, key);
-            if (!k.rowBefore && k.rowAfter) Side::keyRowIs(m, name, key, object);
+            if (!k.rowBefore && k.rowAfter) Side::keyRowIs(m, name, storedKey<Side>(*object, key), object);
         }
     } else if (s.after) {
         object = makeFilled<Side>(name, s);
@@ -599,19 +615,160 @@ void applySide(GenericAgent::DaemonMib& m, const Orbel::String& name, const Sect
     }
 }
 
-// Records a side's change in the served state.
-void recordSide(const SectionChange& s, bool& has, bool& flag, Keys& keys) {
-    has = s.after;
-    if (!s.after) {
-        flag = false;
-        keys.clear();
-        return;
+// ---------------------------------------------------------------------------------------
+// The worker's packed copy of the state. A daemon packs into one string: a flags byte
+// (hasConfig 1, enabled 2, hasStatus 4, running 8), then the options and then the data,
+// each as a count followed by its keys in order, every key and value as a length and its
+// bytes. Lengths are base-128 varints (low 7 bits first, high bit set on all but the
+// last byte). Equal daemons pack to equal strings, and unpack(pack(d)) == d.
+
+void putLength(std::string& out, std::size_t n) {
+    while (n >= 0x80) {
+        out += static_cast<char>((n & 0x7f) | 0x80);
+        n >>= 7;
     }
-    if (s.flag) flag = *s.flag;
-    for (const KeyChange& k : s.keys) {
-        if (k.value) keys.insert_or_assign(k.key, *k.value);
-        else keys.erase(k.key);
+    out += static_cast<char>(n);
+}
+
+std::size_t lengthBytes(std::size_t n) {
+    std::size_t bytes = 1;
+    for (; n >= 0x80; n >>= 7) ++bytes;
+    return bytes;
+}
+
+std::size_t getLength(const char*& p) {
+    std::size_t n = 0;
+    for (unsigned shift = 0;; shift += 7) {
+        const auto c = static_cast<unsigned char>(*p++);
+        n |= static_cast<std::size_t>(c & 0x7f) << shift;
+        if (!(c & 0x80)) return n;
     }
+}
+
+std::string pack(const DaemonState& d) {
+    std::size_t size = 1;
+    for (const Keys* keys : {&d.options, &d.data}) {
+        size += lengthBytes(keys->size());
+        for (const auto& [k, v] : *keys) size += lengthBytes(k.size()) + k.size() + lengthBytes(v.size()) + v.size();
+    }
+    std::string out;
+    out.reserve(size);
+    out += static_cast<char>((d.hasConfig ? 1 : 0) | (d.enabled ? 2 : 0) | (d.hasStatus ? 4 : 0) | (d.running ? 8 : 0));
+    for (const Keys* keys : {&d.options, &d.data}) {
+        putLength(out, keys->size());
+        for (const auto& [k, v] : *keys) {
+            putLength(out, k.size());
+            out += k;
+            putLength(out, v.size());
+            out += v;
+        }
+    }
+    return out;
+}
+
+DaemonState unpack(const std::string& body) {
+    DaemonState d;
+    const char* p = body.data();
+    const auto flags = static_cast<unsigned char>(*p++);
+    d.hasConfig = flags & 1;
+    d.enabled = flags & 2;
+    d.hasStatus = flags & 4;
+    d.running = flags & 8;
+    for (Keys* keys : {&d.options, &d.data}) {
+        for (std::size_t n = getLength(p); n > 0; --n) {
+            const std::size_t kl = getLength(p);
+            std::string k(p, kl);
+            p += kl;
+            const std::size_t vl = getLength(p);
+            keys->emplace_hint(keys->end(), std::move(k), std::string(p, vl));
+            p += vl;
+        }
+    }
+    return d;
+}
+
+// The state, packed (Packed: StateFeed's PackedDaemon).
+template <class Packed>
+std::vector<Packed> packAll(const LauncherState& state) {
+    std::vector<Packed> out;
+    out.reserve(state.size());
+    for (const auto& [name, d] : state) out.push_back(Packed{name, pack(d)});
+    return out;
+}
+
+// True when body is what d packs into, compared as it is read: no packing, no copy.
+bool samePacked(const std::string& body, const DaemonState& d) {
+    const char* p = body.data();
+    const char* const end = p + body.size();
+    const auto flags = static_cast<unsigned char>(*p++);
+    if (flags != ((d.hasConfig ? 1 : 0) | (d.enabled ? 2 : 0) | (d.hasStatus ? 4 : 0) | (d.running ? 8 : 0)))
+        return false;
+    for (const Keys* keys : {&d.options, &d.data}) {
+        if (getLength(p) != keys->size()) return false;
+        for (const auto& [k, v] : *keys) {
+            const std::size_t kl = getLength(p);
+            if (kl != k.size() || std::memcmp(p, k.data(), kl) != 0) return false;
+            p += kl;
+            const std::size_t vl = getLength(p);
+            if (vl != v.size() || std::memcmp(p, v.data(), vl) != 0) return false;
+            p += vl;
+        }
+    }
+    return p == end;
+}
+
+// The same difference as diffStates(the unpacked `from`, to), computed without unpacking
+// or packing any daemon that did not change. Consumes `from`: what it returns with the
+// difference is `to` packed, holding the bodies of the unchanged daemons moved over.
+template <class Packed>
+std::pair<StateDiff, std::vector<Packed>> diffPacked(std::vector<Packed>& from, const LauncherState& to) {
+    StateDiff diff;
+    std::vector<Packed> packedTo;
+    packedTo.reserve(to.size());
+    auto i = from.begin();
+    auto j = to.begin();
+    while (i != from.end() || j != to.end()) {
+        if (j == to.end() || (i != from.end() && i->name < j->first)) {
+            const DaemonState before = unpack(i->body);
+            diff.daemons.push_back(diffDaemon(i->name, &before, nullptr));
+            ++i;
+        } else if (i == from.end() || j->first < i->name) {
+            diff.daemons.push_back(diffDaemon(j->first, nullptr, &j->second));
+            packedTo.push_back(Packed{j->first, pack(j->second)});
+            ++j;
+        } else {
+            if (samePacked(i->body, j->second)) {
+                packedTo.push_back(std::move(*i));
+            } else {
+                const DaemonState before = unpack(i->body);
+                DaemonChange d = diffDaemon(i->name, &before, &j->second);
+                if (!d.config.empty() || !d.status.empty()) diff.daemons.push_back(std::move(d));
+                packedTo.push_back(Packed{j->first, pack(j->second)});
+            }
+            ++i;
+            ++j;
+        }
+    }
+    from.clear();
+    return {std::move(diff), std::move(packedTo)};
+}
+
+// Hands memory that the allocator holds free back to the system: a big state parsed and
+// released leaves pages behind in the allocator's arenas (the worker's among them) that it
+// would otherwise keep resident until the next reload reuses them.
+void releaseFreeMemory() {
+#if defined(__GLIBC__)
+    malloc_trim(0);
+#endif
+}
+
+// A difference this big leaves enough released memory behind to be worth handing back.
+constexpr std::size_t bigDifferenceKeys = 1024;
+
+std::size_t keysIn(const StateDiff& diff) {
+    std::size_t n = 0;
+    for (const DaemonChange& d : diff.daemons) n += 1 + d.config.keys.size() + d.status.keys.size();
+    return n;
 }
 
 } // namespace
@@ -712,10 +869,31 @@ Orbel::Ptr<GenericAgent::Status> StateApplier::status(const std::string& daemon)
 }
 
 void StateApplier::apply(const StateDiff& diff) {
-    for (const DaemonChange& d : diff.daemons) {
-        applyDaemon(d);
-        record(d);
+    applied_.reset();
+    for (const DaemonChange& d : diff.daemons) applyDaemon(d);
+}
+
+const LauncherState& StateApplier::applied() const {
+    if (applied_) return *applied_;
+    LauncherState state;
+    auto copy = [](const GenericAgent::AgentValMap& values, Keys& keys) {
+        for (const auto& [k, v] : values) keys.emplace(std::string(k.view()), std::string(v.view()));
+    };
+    for (const auto& [name, o] : objects_) {
+        DaemonState& d = state[name];
+        if (o.config) {
+            d.hasConfig = true;
+            d.enabled = o.config->enabled();
+            copy(o.config->options(), d.options);
+        }
+        if (o.status) {
+            d.hasStatus = true;
+            d.running = o.status->running();
+            copy(o.status->data(), d.data);
+        }
     }
+    applied_ = std::move(state);
+    return *applied_;
 }
 
 void StateApplier::applyDaemon(const DaemonChange& d) {
@@ -746,16 +924,6 @@ void StateApplier::applyDaemon(const DaemonChange& d) {
     }
     applySide<ConfigSide>(m, o.name, d.config, o.config);
     applySide<StatusSide>(m, o.name, d.status, o.status);
-}
-
-void StateApplier::record(const DaemonChange& d) {
-    if (!d.after) {
-        applied_.erase(d.name);
-        return;
-    }
-    DaemonState& s = applied_[d.name];
-    recordSide(d.config, s.hasConfig, s.enabled, s.options);
-    recordSide(d.status, s.hasStatus, s.running, s.data);
 }
 
 // ---------------------------------------------------------------------------------------
@@ -817,9 +985,13 @@ void StateFeed::loadInitial() {
     StateDiff diff = diffStates(applier_.applied(), next);
     applier_.apply(diff);
     ++applies_;
-    workerState_ = std::move(next);
+    workerState_ = packAll<PackedDaemon>(next);
     loadedInitial_ = true;
-    if (log_) log_(prefix(path_) + diff.summary());
+    const std::string line = prefix(path_) + diff.summary();
+    next = LauncherState();
+    diff = StateDiff();
+    releaseFreeMemory();
+    if (log_) log_(line);
 }
 
 void StateFeed::start() {
@@ -848,6 +1020,7 @@ void StateFeed::stop() {
 std::size_t StateFeed::handleEvent() {
     drainFd(eventFd_);
     std::size_t applied = 0;
+    std::size_t keys = 0;
     for (;;) {
         Item item;
         {
@@ -860,9 +1033,11 @@ std::size_t StateFeed::handleEvent() {
             applier_.apply(*item.diff);
             ++applies_;
             ++applied;
+            keys += keysIn(*item.diff);
         }
         if (!item.line.empty() && log_) log_(item.line);
     }
+    if (keys >= bigDifferenceKeys) releaseFreeMemory();
     return applied;
 }
 
@@ -896,10 +1071,13 @@ void StateFeed::reload(IfMissing ifMissing) {
         return;
     }
     ++reloads_;
-    StateDiff diff = diffStates(workerState_, next);
+    auto [diff, packed] = diffPacked(workerState_, next);
+    workerState_ = std::move(packed);
+    // What the parse took is free again once the worker is idle (see run()).
+    next = LauncherState();
+    releasePending_ = true;
     if (diff.empty()) return;
     std::string line = prefix(path_) + diff.summary();
-    workerState_ = std::move(next);
     post({std::move(diff), std::move(line)});
 }
 
@@ -929,9 +1107,15 @@ void StateFeed::run() {
                 first = false;
             }
             pollfd fds[2] = {{stopFd_, POLLIN, 0}, {inotifyFd_, POLLIN, 0}};
-            int n = ::poll(fds, 2, wd < 0 ? rearmMillis : -1);
+            int n = ::poll(fds, 2, wd < 0 ? rearmMillis : releasePending_ ? releaseMillis : -1);
             if (n < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
             if (fds[0].revents) return;
+            if (n == 0 && releasePending_) {
+                // Idle since the last reload: hand what it released back to the system. Reloads
+                // in quick succession reuse that memory instead.
+                releaseFreeMemory();
+                releasePending_ = false;
+            }
             if (n <= 0 || !fds[1].revents) continue;
             for (;;) {
                 ssize_t got = ::read(inotifyFd_, buffer, sizeof buffer);

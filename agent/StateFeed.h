@@ -192,8 +192,11 @@ public:
     // objects. Leaves the rows it made in the DaemonMib when the applier goes.
     void apply(const StateDiff& diff);
 
-    // What is being served.
-    const LauncherState& applied() const noexcept { return applied_; }
+    // What is being served, read back from the daemons' Config and Status objects (which
+    // hold every key, empty values included). Built on the first call after a change and
+    // kept until the next apply(): the applier keeps no second copy of the state while
+    // nobody asks for one.
+    const LauncherState& applied() const;
     const Orbel::Ptr<GenericAgent::DaemonMib>& mib() const noexcept { return mib_; }
     // The daemon's Config and Status objects (null when it has none, or is unknown).
     Orbel::Ptr<GenericAgent::Config> config(const std::string& daemon) const;
@@ -206,11 +209,10 @@ private:
         Orbel::Ptr<GenericAgent::Status> status;
     };
     void applyDaemon(const DaemonChange& change);
-    void record(const DaemonChange& change);
 
     Orbel::Ptr<GenericAgent::DaemonMib> mib_;
     std::map<std::string, Objects> objects_;
-    LauncherState applied_;
+    mutable std::optional<LauncherState> applied_;   // applied(), once asked for
 };
 
 // ---------------------------------------------------------------------------------------
@@ -274,7 +276,7 @@ public:
 
     const std::string& path() const noexcept { return path_; }
     // What is being served (loop thread).
-    const LauncherState& applied() const noexcept { return applier_.applied(); }
+    const LauncherState& applied() const { return applier_.applied(); }
     const StateApplier& applier() const noexcept { return applier_; }
 
 private:
@@ -301,7 +303,15 @@ private:
     std::thread worker_;
     bool loadedInitial_ = false;
 
-    LauncherState workerState_;         // the worker's copy of the last accepted state
+    // The worker's copy of the last accepted state, packed: per daemon, in name order, its
+    // name and one string holding its flags, keys and values (a few bytes beyond the
+    // bytes themselves, where a LauncherState spends a map node and two strings per key).
+    struct PackedDaemon {
+        std::string name;
+        std::string body;
+    };
+    std::vector<PackedDaemon> workerState_;
+    bool releasePending_ = false;       // the worker has memory to hand back once idle
 
     std::mutex mutex_;
     std::deque<Item> queue_;

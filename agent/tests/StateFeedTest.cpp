@@ -694,6 +694,54 @@ TEST(StateApplier, FollowsRandomSequences) {
     }
 }
 
+// Each option or data row's key is the very string its daemon's Config or Status stores
+// (one copy of the bytes per key), also when a row appears for a key that was kept empty.
+TEST(StateApplier, RowsShareTheirKeysWithTheStoredValues) {
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    StateApplier applier(mib);
+    auto expectShared = [&](const std::string& daemon) -> std::size_t {
+        std::size_t rows = 0;
+        for (auto it = mib->optionTable().begin(); !it.isEnd(); ++it, ++rows) {
+            const auto& options = applier.config(daemon)->options();
+            auto stored = options.find(GenericAgent::AgentKey(it->key().str()));
+            if (stored == options.end()) {
+                ADD_FAILURE() << "no option " << it->key();
+                continue;
+            }
+            EXPECT_TRUE(it->key().str().sharesBodyWith(stored->first)) << it->key();
+        }
+        for (auto it = mib->dataTable().begin(); !it.isEnd(); ++it, ++rows) {
+            const auto& data = applier.status(daemon)->data();
+            auto stored = data.find(GenericAgent::AgentKey(it->key().str()));
+            if (stored == data.end()) {
+                ADD_FAILURE() << "no data key " << it->key();
+                continue;
+            }
+            EXPECT_TRUE(it->key().str().sharesBodyWith(stored->first)) << it->key();
+        }
+        return rows;
+    };
+    applyState(applier, {{"bgpd", daemonWith({{"asn", "65001"}, {"router-id", ""}}, true, {{{"pid", "42"}}})}});
+    EXPECT_EQ(expectShared("bgpd"), 2u);
+    applyState(applier, {{"bgpd", daemonWith({{"asn", "65001"}, {"router-id", "10.0.0.1"}}, true, {{{"pid", "42"}}})}});
+    EXPECT_EQ(expectShared("bgpd"), 3u);
+}
+
+// What the applier serves is read back from the objects; asking for it changes nothing.
+TEST(StateApplier, AppliedIsReadBackFromTheObjects) {
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    StateApplier applier(mib);
+    LauncherState s = {{"bgpd", daemonWith({{"asn", "65001"}, {"empty", ""}}, false, {{{"pid", "42"}}}, true)},
+                       {"ntpd", DaemonState{}}};
+    applier.apply(diffStates(applier.applied(), s));
+    auto version = mib->version();
+    EXPECT_EQ(applier.applied(), s);
+    EXPECT_EQ(&applier.applied(), &applier.applied());   // built once until the next change
+    EXPECT_EQ(mib->version(), version);
+    applier.apply(diffStates(applier.applied(), {}));
+    EXPECT_TRUE(applier.applied().empty());
+}
+
 TEST(StateApplier, LeavesNothingBehind) {
     GenericAgent::daemonMibFactory("warm-up");   // registers the types once
     auto instances = Orbel::PtrInterface::liveInstances();
@@ -755,6 +803,27 @@ TEST(StateFeed, LoadsInitiallyAndAppliesARenamedFile) {
     EXPECT_EQ(feed.refused(), 0u);
     feed.stop();
     feed.stop();   // again: nothing
+}
+
+// The worker diffs each file against its packed copy of the last one: through any sequence
+// of files the rows served are exactly those of the last file.
+TEST(StateFeed, FollowsRandomSequencesOfFiles) {
+    TempDir dir;
+    fs::path path = dir.path() / "state.json";
+    std::mt19937 rng(23);
+    writeFile(path, toJson(randomState(rng)));
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    StateFeed feed(path.string(), mib, nullptr);
+    feed.loadInitial();
+    feed.start();
+    for (int i = 0; i < 40; ++i) {
+        LauncherState next = randomState(rng);
+        replaceFile(path, toJson(next));
+        ASSERT_TRUE(pumpUntil(feed, [&] { return feed.applied() == next; })) << "file " << i;
+        EXPECT_EQ(rowsOf(*mib), expectedRows(next)) << "file " << i;
+    }
+    feed.stop();
+    EXPECT_EQ(feed.refused(), 0u);
 }
 
 TEST(StateFeed, AppliesAFileWrittenInPlace) {
