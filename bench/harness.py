@@ -314,7 +314,10 @@ class Bench:
             try:
                 agent.wait_line("serving")
                 snmp_answers(port, MODULE_ROOT, timeout=30) if state != empty else None
-                # Resident memory once the worker's first reload is over and nothing changes.
+                # Resident memory once the worker's first reload is over, it has handed what
+                # it released back to the system (a second after going idle), and nothing
+                # changes any more.
+                time.sleep(2.5)
                 last, stable = -1, 0
                 for _ in range(100):
                     time.sleep(0.2)

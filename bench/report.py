@@ -134,13 +134,16 @@ def derive(results):
     # 6. Reload.
     rl = results.get("reload")
     if rl:
-        ok = rl["ratio"] <= 1.5 and rl["rows_told"] == 0 and rl["same_row_objects"] and rl["in_place_only"]
+        # The worse of a reload right after another and one after the worker handed its
+        # memory back to the system (which then faults it in again).
+        worst = max(rl["ratio"], rl.get("ratio_after_release", 0))
+        ok = worst <= 1.5 and rl["rows_told"] == 0 and rl["same_row_objects"] and rl["in_place_only"]
         targets.append({
             "id": "reload",
             "target": "a reload changing one value of a 100,000-row file costs <= 1.5 x parsing it, and re-creates no row",
-            "value": round(rl["ratio"], 3), "limit": 1.5, "met": ok,
-            "detail": {k: rl[k] for k in ("parse_s", "reload_s", "apply_s", "rows_told", "same_row_objects",
-                                          "in_place_only")}})
+            "value": round(worst, 3), "limit": 1.5, "met": ok,
+            "detail": {k: rl.get(k) for k in ("parse_s", "reload_s", "reload_after_release_s", "release_s", "apply_s",
+                                              "rows_told", "same_row_objects", "in_place_only")}})
     # Checks: every complete walk of the module and the baselines returned the same rows.
     mismatches = [f"{k[1]} {k[3]} at {k[2]}" for k, s in side.items()
                   if k[3] in WALKS and k[1] != "floor" and not s["sampled"] and not all(s["checksum_matches"])]
@@ -253,7 +256,11 @@ def markdown(results):
         out.append("## Reload\n")
         out.append(f"A {rl['key_rows']:,}-row file ({rl['file_bytes']:,} bytes): parsing it takes "
                    f"{rl['parse_s'] * 1000:.1f} ms; a reload that changes one value takes {rl['reload_s'] * 1000:.1f} ms "
-                   f"of process CPU ({rl['ratio']:.2f} x), of which {rl['apply_s'] * 1e6:.1f} µs on the agent's loop. "
+                   f"of process CPU ({rl['ratio']:.2f} x) when it follows another reload, and "
+                   f"{rl.get('reload_after_release_s', 0) * 1000:.1f} ms ({rl.get('ratio_after_release', 0):.2f} x) when "
+                   f"the worker has handed its working memory back to the system in between (it does so once idle "
+                   f"for a second, for {rl.get('release_s', 0) * 1000:.1f} ms of CPU). Of a reload, "
+                   f"{rl['apply_s'] * 1e6:.1f} µs run on the agent's loop. "
                    f"Rows told to observers: {rl['rows_told']}; the same row objects before and after: "
                    f"{'yes' if rl['same_row_objects'] else 'no'}.\n")
     micro = results.get("micro")
