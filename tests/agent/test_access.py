@@ -1,7 +1,15 @@
 """Access to velmar-snmp-agent: v2c and v3 (authPriv, SHA and AES) from a --config file,
-wrong credentials refused, named contexts serving nothing, the MIB's names resolving."""
+wrong credentials refused, named contexts serving nothing, the MIB's names resolving; the
+default answering 127.0.0.1 only; a v3-only configuration refusing everything below
+authPriv; no SET of any type on any column changing anything, whatever the version,
+community, user or mode; the AgentX socket of the recommended snmpd fragment not
+world-writable."""
 
 import os
+import re
+import socket
+import stat
+import time
 import unittest
 
 import velmar_harness as h
@@ -139,6 +147,350 @@ class MibNamesTest(unittest.TestCase):
         finally:
             tmp.cleanup()
 
+
+
+# --- Raw SNMPv1/v2c messages, for SETs of every type and requests from chosen sources ------
+
+def _ber_unsigned(tag, v):
+    body = v.to_bytes(max(1, (v.bit_length() + 8) // 8), "big")
+    return h._ber(tag, body)
+
+
+# (name, BER encoding of a value of that type): every type a varbind can carry in a SET.
+SET_VALUES = [
+    ("INTEGER", h._ber_int(1)),
+    ("INTEGER false", h._ber_int(2)),
+    ("OCTET STRING", h._ber(0x04, b"changed")),
+    ("empty OCTET STRING", h._ber(0x04, b"")),
+    ("BITS", h._ber(0x04, b"\x80")),
+    ("NULL", b"\x05\x00"),
+    ("OBJECT IDENTIFIER", h._ber_oid((1, 3, 6, 1, 4, 1))),
+    ("IpAddress", h._ber(0x40, bytes([192, 0, 2, 1]))),
+    ("Counter32", _ber_unsigned(0x41, 7)),
+    ("Gauge32", _ber_unsigned(0x42, 7)),
+    ("TimeTicks", _ber_unsigned(0x43, 7)),
+    ("Opaque", h._ber(0x44, b"\x9f\x78\x04\x3f\x80\x00\x00")),
+    ("Counter64", _ber_unsigned(0x46, 2 ** 40)),
+]
+ERRORS = ["noError", "tooBig", "noSuchName", "badValue", "readOnly", "genErr", "noAccess", "wrongType",
+          "wrongLength", "wrongEncoding", "wrongValue", "noCreation", "inconsistentValue", "resourceUnavailable",
+          "commitFailed", "undoFailed", "authorizationError", "notWritable", "inconsistentName"]
+
+
+def message(version, community, pdu_tag, varbinds, request_id=0x5EED):
+    """An SNMP message of version 0 (v1) or 1 (v2c) with (oid, encoded value) varbinds."""
+    vbs = b"".join(h._ber(0x30, h._ber_oid(oid) + value) for oid, value in varbinds)
+    pdu = h._ber(pdu_tag, h._ber_int(request_id) + h._ber_int(0) + h._ber_int(0) + h._ber(0x30, vbs))
+    return h._ber(0x30, h._ber_int(version) + h._ber(0x04, community.encode()) + pdu)
+
+
+def _tlv(data, at):
+    tag, n = data[at], data[at + 1]
+    at += 2
+    if n & 0x80:
+        k = n & 0x7F
+        n = int.from_bytes(data[at:at + k], "big")
+        at += k
+    return tag, data[at:at + n], at + n
+
+
+def error_status(answer):
+    """The error status of a v1/v2c response message."""
+    _, msg, _ = _tlv(answer, 0)
+    _, _, at = _tlv(msg, 0)          # version
+    _, _, at = _tlv(msg, at)         # community
+    _, pdu, _ = _tlv(msg, at)
+    _, _, at = _tlv(pdu, 0)          # request id
+    _, status, _ = _tlv(pdu, at)
+    return int.from_bytes(status, "big", signed=True)
+
+
+def ask(data, port, host="127.0.0.1", source="127.0.0.1", timeout=1.0):
+    """Sends one datagram from source; returns the answer, or None when none comes."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+        s.bind((source, 0))
+        s.settimeout(timeout)
+        s.sendto(data, (host, port))
+        try:
+            return s.recv(65535)
+        except socket.timeout:
+            return None
+
+
+def set_targets(expected):
+    """OIDs to SET: every column of the first row of each table (the index columns, the value
+    column and one past it), and the value column of a row that does not exist."""
+    out = []
+    for table, (sub, col, _) in h.TABLES.items():
+        oid, _ = expected[table][0]
+        index = oid[len(sub) + 2:]
+        for c in range(1, col + 2):
+            out.append(sub + (1, c) + index)
+        out.append(sub + (1, col) + h.index_of("new-daemon", "new-key")[:len(index) + 12])
+    return out
+
+
+def whole_walk(port, **kw):
+    return {t: h.walk(port, sub, **kw) for t, (sub, _, _) in h.TABLES.items()}
+
+
+class SetRefusedTest(unittest.TestCase):
+    """No SET changes anything, in any mode: v1 and v2c with the read and the write community,
+    v3 with a read and a write user, every type on every column."""
+
+    USER_RO, USER_RW = "reader", "writer"
+
+    @classmethod
+    def setUpClass(cls):
+        cls.tmp = h.TempDir()
+        cls.state_file = cls.tmp.file("state.json")
+        h.write_state(cls.state_file, STATE)
+        cls.config = cls.tmp.file("access.conf")
+        with open(cls.config, "w") as f:
+            f.write("rocommunity public 127.0.0.1\n"
+                    "rwcommunity private 127.0.0.1\n"
+                    'createUser %s SHA "%s" AES "%s"\n' % (cls.USER_RO, AUTH, PRIV) +
+                    'createUser %s SHA "%s" AES "%s"\n' % (cls.USER_RW, AUTH, PRIV) +
+                    "rouser %s priv\n" % cls.USER_RO +
+                    "rwuser %s priv\n" % cls.USER_RW)
+        cls.agent = h.Agent(cls.state_file, extra=["--config", cls.config])
+        cls.expected = h.expected_rows(STATE)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.agent.stop()
+        cls.tmp.cleanup()
+
+    def assert_unchanged(self):
+        self.assertEqual(whole_walk(self.agent.port), self.expected)
+        self.assertEqual(whole_walk(self.agent.port, bulk=False), self.expected)
+
+    def test_v1_and_v2c_sets_of_every_type_on_every_column_are_refused(self):
+        outcomes = {}
+        for version, community in ((0, "public"), (0, "private"), (1, "public"), (1, "private")):
+            for oid in set_targets(self.expected):
+                for name, value in SET_VALUES:
+                    answer = ask(message(version, community, 0xA3, [(oid, value)]), self.agent.port)
+                    self.assertIsNotNone(answer, "no answer to a SET of %s (v%d %s)" % (name, version + 1, community))
+                    status = error_status(answer)
+                    self.assertNotEqual(status, 0, "SET of %s to %s accepted (v%d %s)"
+                                        % (name, h.oid_str(oid), version + 1, community))
+                    key = ("v1" if version == 0 else "v2c") + " " + community
+                    outcomes.setdefault(key, set()).add(ERRORS[status] if 0 <= status < len(ERRORS) else status)
+        # The read community is refused by the access check (values of a type no SET can
+        # carry, such as NULL, are refused before it as wrongType); the write one reaches the
+        # registrations, which are read-only.
+        self.assertEqual(outcomes["v2c public"], {"noAccess", "wrongType"}, outcomes)
+        self.assertEqual(outcomes["v2c private"], {"notWritable", "wrongType"}, outcomes)
+        print("\nSET outcomes: %s" % {k: sorted(v) for k, v in sorted(outcomes.items())})
+        self.assert_unchanged()
+
+    def test_a_set_of_many_varbinds_is_refused_whole(self):
+        varbinds = [(oid, value) for oid in set_targets(self.expected)[:6] for _, value in SET_VALUES[:3]]
+        for version, community in ((0, "private"), (1, "private")):
+            answer = ask(message(version, community, 0xA3, varbinds), self.agent.port)
+            self.assertIsNotNone(answer)
+            self.assertNotEqual(error_status(answer), 0)
+        self.assert_unchanged()
+
+    def test_v3_sets_of_every_type_by_read_and_write_users_are_refused(self):
+        from pysnmp.hlapi import (ContextData, ObjectIdentity, ObjectType, SnmpEngine, UdpTransportTarget,
+                                  UsmUserData, setCmd, usmAesCfb128Protocol, usmHMACSHAAuthProtocol)
+        from pysnmp.proto import rfc1902
+        from pyasn1.type import univ
+        values = [rfc1902.Integer32(1), rfc1902.OctetString(b"changed"), univ.Null(""),
+                  rfc1902.ObjectName("1.3.6.1.4.1"), rfc1902.IpAddress("192.0.2.1"), rfc1902.Counter32(7),
+                  rfc1902.Gauge32(7), rfc1902.TimeTicks(7), rfc1902.Opaque(b"\x01"), rfc1902.Counter64(2 ** 40),
+                  rfc1902.Bits(b"\x80")]
+        engine = SnmpEngine()
+        target = UdpTransportTarget(("127.0.0.1", self.agent.port), timeout=2, retries=1)
+        outcomes = {}
+        for user in (self.USER_RO, self.USER_RW):
+            auth = UsmUserData(user, AUTH, PRIV, authProtocol=usmHMACSHAAuthProtocol, privProtocol=usmAesCfb128Protocol)
+            for oid in set_targets(self.expected):
+                for value in values:
+                    err_ind, err_stat, _, _ = next(setCmd(engine, auth, target, ContextData(),
+                                                          ObjectType(ObjectIdentity(h.oid_str(oid)[1:]), value),
+                                                          lookupMib=False))
+                    self.assertFalse(err_ind, "%s: %s" % (user, err_ind))
+                    self.assertTrue(err_stat, "SET of %s to %s by %s accepted" % (type(value).__name__,
+                                                                                   h.oid_str(oid), user))
+                    outcomes.setdefault(user, set()).add(err_stat.prettyPrint())
+        self.assertIn("noAccess", outcomes[self.USER_RO], outcomes)
+        self.assertIn("notWritable", outcomes[self.USER_RW], outcomes)
+        print("\nv3 SET outcomes: %s" % {k: sorted(v) for k, v in outcomes.items()})
+        self.assert_unchanged()
+
+
+class SourceAddressTest(unittest.TestCase):
+    """The default configuration answers 127.0.0.1 only: an agent listening on 127.0.0.2
+    answers a request from 127.0.0.1 and ignores the same request from 127.0.0.2 and
+    127.0.0.3 (the whole 127.0.0.0/8 reaches the loopback interface)."""
+
+    def test_default_answers_only_127_0_0_1(self):
+        tmp = h.TempDir()
+        try:
+            path = tmp.file("state.json")
+            h.write_state(path, STATE)
+            port = h.free_port(host="127.0.0.2")
+            agent = h.Agent(path, port=port, listen=["udp:127.0.0.2:%d" % port])
+            try:
+                oid, value = h.expected_rows(STATE)["enabled"][0]
+                get = message(1, "public", 0xA0, [(oid, b"\x05\x00")])
+                answer = ask(get, port, host="127.0.0.2", source="127.0.0.1")
+                self.assertIsNotNone(answer, agent.stderr())
+                self.assertEqual(error_status(answer), 0)
+                self.assertIn(h._ber_int(value), answer)
+                for source in ("127.0.0.2", "127.0.0.3"):
+                    self.assertIsNone(ask(get, port, host="127.0.0.2", source=source), source)
+                    self.assertIsNone(ask(message(1, "public", 0xA3, [(oid, h._ber_int(2))]), port, host="127.0.0.2",
+                                          source=source), source)
+                # Still answering 127.0.0.1 afterwards.
+                self.assertIsNotNone(ask(get, port, host="127.0.0.2", source="127.0.0.1"))
+            finally:
+                self.assertEqual(agent.stop(), 0)
+        finally:
+            tmp.cleanup()
+
+    def test_default_refuses_every_set_from_127_0_0_1(self):
+        tmp = h.TempDir()
+        try:
+            path = tmp.file("state.json")
+            h.write_state(path, STATE)
+            agent = h.Agent(path)
+            try:
+                expected = h.expected_rows(STATE)
+                for version in (0, 1):
+                    for oid in set_targets(expected):
+                        for name, value in SET_VALUES:
+                            answer = ask(message(version, "public", 0xA3, [(oid, value)]), agent.port)
+                            self.assertIsNotNone(answer)
+                            self.assertNotEqual(error_status(answer), 0, name)
+                self.assertEqual(whole_walk(agent.port), expected)
+            finally:
+                self.assertEqual(agent.stop(), 0)
+        finally:
+            tmp.cleanup()
+
+
+class V3OnlyTest(unittest.TestCase):
+    """The v3-only configuration of the README (authPriv, SHA and AES): everything else is
+    refused, communities included."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.tmp = h.TempDir()
+        cls.state_file = cls.tmp.file("state.json")
+        h.write_state(cls.state_file, STATE)
+        cls.config = cls.tmp.file("v3.conf")
+        with open(cls.config, "w") as f:
+            f.write('createUser ops SHA "%s" AES "%s"\nrouser ops priv\n' % (AUTH, PRIV))
+        cls.agent = h.Agent(cls.state_file, extra=["--config", cls.config])
+        cls.oid = h.oid_str(h.expected_rows(STATE)["enabled"][0][0])
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.agent.stop()
+        cls.tmp.cleanup()
+
+    def get(self, **kw):
+        return h.run_tool("snmpget", v3_args(self.agent.port, user="ops", **kw) + [self.oid])
+
+    def test_authpriv_is_served(self):
+        rc, out, err = self.get()
+        self.assertEqual(rc, 0, err)
+        self.assertIn("INTEGER: 1", out)
+
+    def test_no_auth_and_auth_without_priv_are_refused(self):
+        for level in ("noAuthNoPriv", "authNoPriv"):
+            rc, out, err = self.get(level=level)
+            self.assertNotEqual(rc, 0, level)
+            self.assertNotIn("INTEGER", out, level)
+            self.assertRegex(out + err, "authorizationError|noAccess|Timeout|unsupportedSecurityLevel", level)
+
+    def test_wrong_passwords_and_unknown_user_are_refused(self):
+        cases = [({"auth": "wrong-auth-pass"}, "Authentication failure"),
+                 ({"priv": "wrong-priv-pass"}, None),
+                 ({"user": "nobody"}, "Unknown user name")]
+        for kw, needle in cases:
+            rc, out, err = h.run_tool("snmpget", v3_args(self.agent.port, **dict({"user": "ops"}, **kw)) + [self.oid])
+            self.assertNotEqual(rc, 0, kw)
+            self.assertNotIn("INTEGER", out, kw)
+            if needle:
+                self.assertIn(needle, out + err, kw)
+
+    def test_no_community_is_answered(self):
+        get = lambda v: message(v, "public", 0xA0, [(h.parse_oid(self.oid), b"\x05\x00")])  # noqa: E731
+        for version in (0, 1):
+            self.assertIsNone(ask(get(version), self.agent.port), "v%d public" % (version + 1))
+
+
+def _example_agentx_conf():
+    with open(os.path.join(h.SOURCE_DIR, "examples", "snmpd-agentx.conf"), encoding="utf-8") as f:
+        return f.read()
+
+
+@unittest.skipUnless(os.path.exists(h.SNMPD), "snmpd is not installed")
+class AgentxSocketTest(unittest.TestCase):
+    """snmpd with the fragment of examples/snmpd-agentx.conf (its socket moved to a temporary
+    directory): the socket is not world-writable, our agent registers through it, and a SET
+    through the master with a write community changes nothing."""
+
+    def test_recommended_socket_is_not_world_writable_and_sets_through_it_change_nothing(self):
+        tmp = h.TempDir()
+        processes = []
+        try:
+            conf = _example_agentx_conf()
+            perms = re.search(r"^agentXPerms\s+(\d+)\s+(\d+)", conf, re.M)
+            self.assertIsNotNone(perms, "the example sets no agentXPerms")
+            self.assertEqual(int(perms.group(1), 8) & 0o002, 0, "the example's socket mode is world-writable")
+            sock = os.path.join(tmp.path, "agentx", "master")
+            conf = re.sub(r"^agentXSocket\s+.*$", "agentXSocket unix:%s" % sock, conf, flags=re.M)
+            conf = re.sub(r"^rocommunity\s+public\s+localhost", "rocommunity public 127.0.0.1", conf, flags=re.M)
+            conf += "\nrwcommunity private 127.0.0.1 -V velmarDaemonView\ndontLogTCPWrappersConnects yes\n"
+            path = tmp.file("snmpd.conf")
+            with open(path, "w") as f:
+                f.write(conf)
+            persistent = tmp.file("persistent")
+            os.makedirs(persistent)
+            port = h.free_port()
+            env = dict(os.environ, MIBS="", SNMP_PERSISTENT_DIR=persistent, SNMPCONFPATH=tmp.path, HOME=tmp.path)
+            snmpd = h.Process([h.SNMPD, "-f", "-Lo", "-C", "-c", path, "-I", "agentx,vacm_conf",
+                               "udp:127.0.0.1:%d" % port], None, env=env, ready=lambda: h.udp_answers(port))
+            processes.append(snmpd)
+            mode = stat.S_IMODE(os.stat(sock).st_mode)
+            self.assertTrue(stat.S_ISSOCK(os.stat(sock).st_mode))
+            self.assertEqual(mode & 0o002, 0, "socket mode %o is world-writable" % mode)
+            self.assertEqual(mode, int(perms.group(1), 8), "socket mode %o" % mode)
+            dir_mode = stat.S_IMODE(os.stat(os.path.dirname(sock)).st_mode)
+            self.assertEqual(dir_mode & 0o002, 0, "directory mode %o is world-writable" % dir_mode)
+            print("\nAgentX socket %o, its directory %o (agentXPerms %s %s)"
+                  % (mode, dir_mode, perms.group(1), perms.group(2)))
+
+            state_file = tmp.file("state.json")
+            h.write_state(state_file, STATE)
+            agent = h.Process([h.AGENT, "--agentx", sock, "--agentx-ping", "1", "--state", state_file], "serving")
+            processes.append(agent)
+            expected = h.expected_rows(STATE)
+            deadline = time.time() + 15
+            while time.time() < deadline and whole_walk(port) != expected:
+                time.sleep(0.2)
+            self.assertEqual(whole_walk(port), expected, agent.stderr() + snmpd.output())
+            statuses = set()
+            for oid in set_targets(expected):
+                for name, value in SET_VALUES:
+                    answer = ask(message(1, "private", 0xA3, [(oid, value)]), port, timeout=5)
+                    self.assertIsNotNone(answer, name)
+                    status = error_status(answer)
+                    self.assertNotEqual(status, 0, "SET of %s to %s accepted through the master" % (name, oid))
+                    statuses.add(ERRORS[status] if 0 <= status < len(ERRORS) else status)
+            print("SET outcomes through the master: %s" % sorted(statuses))
+            self.assertEqual(whole_walk(port), expected)
+            self.assertTrue(agent.alive())
+        finally:
+            for p in reversed(processes):
+                p.stop()
+            tmp.cleanup()
 
 if __name__ == "__main__":
     unittest.main()
