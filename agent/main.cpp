@@ -5,13 +5,10 @@
 // One thread touches the model: Net-SNMP's select loop serves requests, applies state
 // changes handed over by the feed's worker thread, and runs the framework's activity loop.
 #include "AgentOptions.h"
-#include "StateFeed.h"
+#include "Host.h"
 
-#include "GenericAgent/GenericAgentSnmp.h"
 #include "orbel/Activity.h"
 #include "orbel/TraceHandle.h"
-#include "snmp/HandlerRegistration.h"
-#include "statebase/Statebase.h"
 
 #include <net-snmp/net-snmp-config.h>
 #include <net-snmp/net-snmp-includes.h>
@@ -40,7 +37,6 @@ void init_vacm_conf(void);
 namespace {
 
 constexpr const char* appName = "velmar-snmp-agent";
-constexpr const char* statePath = "snmp/launcher/daemonMIB";
 
 int signalPipe[2] = {-1, -1};
 volatile sig_atomic_t stopRequested = 0;
@@ -56,8 +52,6 @@ void onSignalPipe(int fd, void*) {
     while (::read(fd, buf, sizeof buf) > 0) {
     }
 }
-
-void onFeedEvent(int, void* feed) { static_cast<Agent::StateFeed*>(feed)->handleEvent(); }
 
 void installSignals() {
     if (::pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) throw std::runtime_error("pipe: " + std::string(strerror(errno)));
@@ -115,14 +109,11 @@ int main(int argc, char** argv) {
     }
 
     // The state model, at the path the module looks for it.
-    Orbel::Ptr<GenericAgent::DaemonMib> mib = GenericAgent::daemonMibFactory("daemonMIB");
-    Statebase::root()->entityIs(statePath, mib);
-    auto log = [](const std::string& line) {
+    Agent::Host host([](const std::string& line) {
         std::cerr << appName << ": " << line << std::endl;
-    };
-    auto feed = std::make_unique<Agent::StateFeed>(opts.stateFile, mib, log);
+    });
     try {
-        feed->loadInitial();
+        host.loadState(opts.stateFile);
     } catch (const std::exception& e) {
         std::cerr << appName << ": " << e.what() << "\n";
         return 1;
@@ -189,50 +180,48 @@ int main(int argc, char** argv) {
     }
 
     int status = 0;
-    {
-        std::unique_ptr<Snmp::ModuleLoader> module;
-        try {
-            module = std::make_unique<Snmp::ModuleLoader>(opts.modulePath);
-            module->initContext("");
-            for (const auto& c : opts.contexts) module->initContext(Orbel::String8(c));
-        } catch (const std::exception& e) {
-            std::cerr << appName << ": " << e.what() << "\n";
-            snmp_shutdown(appName);
-            return 1;
-        }
-
-        try {
-            installSignals();
-        } catch (const std::exception& e) {
-            std::cerr << appName << ": " << e.what() << "\n";
-            return 1;
-        }
-        register_readfd(signalPipe[0], onSignalPipe, nullptr);
-        register_readfd(feed->eventFd(), onFeedEvent, feed.get());
-        feed->start();
-
-        std::cout << appName << ": serving VELMAR-DAEMON-MIB (" << Agent::subtreeText() << ") from "
-                  << opts.stateFile << (subagent ? " as AgentX subagent of " : " on ")
-                  << (subagent ? opts.agentx : Agent::joined(opts.listen)) << std::endl;
-
-        while (!stopRequested) {
-            agent_check_and_process(1);
-            Orbel::ActivityLoop::instance().runPending();
-        }
-        std::cerr << appName << ": stopping" << std::endl;
-
-        feed->stop();
-        unregister_readfd(feed->eventFd());
-        unregister_readfd(signalPipe[0]);
-        // Contexts are withdrawn while the module is loaded; the agent library then frees
-        // the registrations it still holds, and only after that is the module unloaded.
-        while (!module->contexts().empty()) module->unregisterContext(module->contexts().back());
+    try {
+        host.loadModule(opts.modulePath, opts.contexts);
+    } catch (const std::exception& e) {
+        std::cerr << appName << ": " << e.what() << "\n";
         snmp_shutdown(appName);
-        module->unload();
+        return 1;
     }
-    feed.reset();
-    Statebase::root()->entityDelAll();
-    mib = nullptr;
+
+    try {
+        installSignals();
+    } catch (const std::exception& e) {
+        std::cerr << appName << ": " << e.what() << "\n";
+        return 1;
+    }
+    register_readfd(signalPipe[0], onSignalPipe, nullptr);
+    try {
+        host.startFeed();
+    } catch (const std::exception& e) {
+        std::cerr << appName << ": " << e.what() << "\n";
+        unregister_readfd(signalPipe[0]);
+        host.stopServing();
+        snmp_shutdown(appName);
+        return 1;
+    }
+
+    std::cout << appName << ": serving VELMAR-DAEMON-MIB (" << Agent::subtreeText() << ") from "
+              << opts.stateFile << (subagent ? " as AgentX subagent of " : " on ")
+              << (subagent ? opts.agentx : Agent::joined(opts.listen)) << std::endl;
+
+    while (!stopRequested) {
+        agent_check_and_process(1);
+        Orbel::ActivityLoop::instance().runPending();
+    }
+    std::cerr << appName << ": stopping" << std::endl;
+
+    unregister_readfd(signalPipe[0]);
+    // The feed stops and the module leaves every context while it is loaded; the agent
+    // library then frees the registrations it still holds, and only after that is the
+    // module unloaded and the state tree cleared.
+    host.stopServing();
+    snmp_shutdown(appName);
+    host.release();
     ::close(signalPipe[0]);
     ::close(signalPipe[1]);
     return status;

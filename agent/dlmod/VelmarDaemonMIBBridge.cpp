@@ -1,0 +1,369 @@
+// velmar_daemon_mib: serves the daemon MIB from a stock snmpd, which loads this library
+// through its dlmod directive. It brings no agent of its own: it takes its settings from
+// snmpd.conf, and once snmpd has read its configuration it does inside snmpd what
+// velmar-snmp-agent does in its own process (Agent::Host): the DaemonMib in the state tree,
+// the launcher state feed on snmpd's select loop, and the module VelmarDaemonMIB loaded
+// through the plugin layer.
+//
+//   dlmod velmar_daemon_mib /usr/lib/velmar/dlmod/velmar_daemon_mib.so
+//   velmarStateFile /run/launcher/state.json      # required: the launcher's state file
+//   velmarModule /usr/lib/velmar/modules/VelmarDaemonMIB.so
+//                                                 # default: ../modules/VelmarDaemonMIB.so
+//                                                 # beside this library (build tree or install)
+//   velmarContext NAME                            # repeatable: also initialise the module in NAME
+//   velmarTrace Snmp/0-2,8                        # trace levels, as the TRACE variable
+//
+// The velmar* lines must come after the dlmod line: snmpd learns them only when it loads
+// this library, which it does while reading that line. A line given twice counts the last
+// time (velmarContext adds up). Access to the subtree is snmpd's own configuration.
+//
+// Life inside snmpd, all on its one thread:
+//   init_velmar_daemon_mib      the dlmod line: registers the directives and two callbacks
+//   after the configuration     (SNMP_CALLBACK_POST_READ_CONFIG) starts serving; a missing
+//                               or bad setting is one LOG_ERR line naming the directive and
+//                               the file, and then nothing is served (snmpd runs on)
+//   snmp_shutdown               (SNMP_CALLBACK_SHUTDOWN, ahead of snmpd's modules) stops
+//                               serving and withdraws the directives and callbacks, while
+//                               the agent is still whole
+//   deinit_velmar_daemon_mib    the library is unloaded (SIGHUP, the dlmod table, exit):
+//                               does whatever the shutdown callback has not done
+// SIGHUP makes snmpd unload every dlmod library and read its configuration again, which
+// loads this one afresh: the settings are read again and the state file loaded anew.
+#include "agent/Host.h"
+
+#include "orbel/Exception.h"
+#include "orbel/TraceHandle.h"
+
+#include <net-snmp/net-snmp-config.h>
+#include <net-snmp/net-snmp-includes.h>
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#define VELMAR_DLMOD_EXPORT extern "C" __attribute__((visibility("default")))
+
+// snmpd calls these by name (dlsym of "init_" and "deinit_" followed by the dlmod name).
+VELMAR_DLMOD_EXPORT void init_velmar_daemon_mib(void);
+VELMAR_DLMOD_EXPORT void deinit_velmar_daemon_mib(void);
+
+namespace {
+
+constexpr const char* bridgeName = "velmar_daemon_mib";
+
+#define VELMAR_STRINGIFY2(x) #x
+#define VELMAR_STRINGIFY(x) VELMAR_STRINGIFY2(x)
+constexpr const char* subtree = "enterprises." VELMAR_STRINGIFY(VELMAR_ENTERPRISE_NUMBER) ".3.17";
+
+// What snmpd.conf said.
+struct Settings {
+    std::string stateFile;
+    std::string modulePath;
+    std::vector<std::string> contexts;
+};
+
+// Everything the bridge holds while it is loaded.
+struct Bridge {
+    Settings settings;
+    std::unique_ptr<Agent::Host> host;
+    std::string modulePath;                   // the module the host loaded
+    std::optional<std::string> traceBefore;   // the trace configuration velmarTrace replaced
+    bool withdrawn = false;                   // directives and callbacks are unregistered
+};
+
+// Made by init, deleted by deinit. A plain pointer: the library may be unloaded while
+// snmpd runs, and nothing of it may be left for static destruction.
+Bridge* bridge = nullptr;
+
+constexpr const char* stateFileToken = "velmarStateFile";
+constexpr const char* moduleToken = "velmarModule";
+constexpr const char* contextToken = "velmarContext";
+constexpr const char* traceToken = "velmarTrace";
+
+// The one word of a directive's argument (double quotes allowed, as elsewhere in
+// snmpd.conf). Reports a missing or second word through config_perror, which names the
+// file and the line, and returns nothing then.
+std::optional<std::string> oneWord(const char* token, char* line, const char* what) {
+    char word[4096];
+    if (!line || !*line) {
+        config_perror((std::string(token) + " needs " + what).c_str());
+        return std::nullopt;
+    }
+    const char* rest = copy_nword(line, word, sizeof word);
+    if (!*word) {
+        config_perror((std::string(token) + " needs " + what).c_str());
+        return std::nullopt;
+    }
+    if (rest && *rest) {
+        config_perror((std::string(token) + " takes one word (" + what + "), not \"" + line + "\"").c_str());
+        return std::nullopt;
+    }
+    return std::string(word);
+}
+
+// Runs a directive's parser; nothing may escape into snmpd's C code.
+template <class F>
+void guarded(const char* token, F parse) noexcept {
+    try {
+        parse();
+    } catch (const std::exception& e) {
+        config_perror((std::string(token) + ": " + e.what()).c_str());
+    } catch (...) {
+        config_perror(token);
+    }
+}
+
+void parseStateFile(const char* token, char* line) {
+    guarded(token, [&] {
+        if (auto w = oneWord(token, line, "the path of the launcher's state file"); w && bridge) bridge->settings.stateFile = *w;
+    });
+}
+
+void parseModule(const char* token, char* line) {
+    guarded(token, [&] {
+        if (auto w = oneWord(token, line, "the path of VelmarDaemonMIB.so"); w && bridge) bridge->settings.modulePath = *w;
+    });
+}
+
+void parseContext(const char* token, char* line) {
+    guarded(token, [&] {
+        if (auto w = oneWord(token, line, "an SNMP context name"); w && bridge) bridge->settings.contexts.push_back(*w);
+    });
+}
+
+void parseTrace(const char* token, char* line) {
+    guarded(token, [&] {
+        auto w = oneWord(token, line, "trace levels such as Snmp/0-2,8");
+        if (!w || !bridge) return;
+        const std::string before = Orbel::traceConfig();
+        try {
+            Orbel::traceConfigIs(*w);
+        } catch (const Orbel::Exception& e) {
+            config_perror((std::string(token) + " " + *w + ": " + e.what()).c_str());
+            return;
+        }
+        if (!bridge->traceBefore) bridge->traceBefore = before;
+    });
+}
+
+// ../modules/VelmarDaemonMIB.so beside this library, where the build tree and an install
+// both put it. (Load the library by its real path: its RUNPATH, $ORIGIN/.., finds the
+// platform libraries only from there, not through a symbolic link.)
+std::string defaultModulePath() {
+    Dl_info info{};
+    if (!::dladdr(reinterpret_cast<void*>(&init_velmar_daemon_mib), &info) || !info.dli_fname) return "VelmarDaemonMIB.so";
+    std::error_code ec;
+    std::filesystem::path self = std::filesystem::canonical(info.dli_fname, ec);
+    if (ec) self = info.dli_fname;
+    const std::filesystem::path module = self.parent_path() / ".." / "modules" / "VelmarDaemonMIB.so";
+    std::filesystem::path p = std::filesystem::weakly_canonical(module, ec);
+    return (ec ? module : p).string();
+}
+
+void logLine(int priority, const std::string& line) { snmp_log(priority, "%s: %s\n", bridgeName, line.c_str()); }
+
+// The registrations in snmpd's registry, in every context, with a handler whose code lives
+// in the library file at `library`.
+std::vector<netsnmp_handler_registration*> registrationsInto(const std::string& library) {
+    std::vector<netsnmp_handler_registration*> found;
+    std::vector<std::pair<std::string, bool>> files;   // file name -> is the library
+    auto inLibrary = [&](Netsnmp_Node_Handler* fn) {
+        Dl_info info{};
+        if (!fn || !::dladdr(reinterpret_cast<void*>(fn), &info) || !info.dli_fname) return false;
+        for (const auto& [file, same] : files)
+            if (file == info.dli_fname) return same;
+        std::error_code ec;
+        const bool same = std::filesystem::equivalent(info.dli_fname, library, ec) && !ec;
+        files.emplace_back(info.dli_fname, same);
+        return same;
+    };
+    for (subtree_context_cache* c = get_top_context_cache(); c; c = c->next)
+        for (netsnmp_subtree* s = c->first_subtree; s; s = s->next)
+            for (netsnmp_subtree* t = s; t; t = t->children) {
+                netsnmp_handler_registration* reg = t->reginfo;
+                if (!reg || std::find(found.begin(), found.end(), reg) != found.end()) continue;
+                for (netsnmp_mib_handler* h = reg->handler; h; h = h->next)
+                    if (inLibrary(h->access_method)) {
+                        found.push_back(reg);
+                        break;
+                    }
+            }
+    return found;
+}
+
+// Stops the feed, withdraws the module from snmpd, unloads it and clears the state tree.
+// The module leaves its default-context tables registered when it leaves that context (an
+// agent that owns its process frees them in snmp_shutdown); snmpd runs on after the bridge
+// unloads the module (SIGHUP, the dlmod table), so every registration that still leads into
+// the module's code is removed here, before the code goes.
+void stopServing(bool announce = true) {
+    if (!bridge || !bridge->host) return;
+    bridge->host->stopServing();
+    if (!bridge->modulePath.empty()) {
+        const auto left = registrationsInto(bridge->modulePath);
+        for (netsnmp_handler_registration* reg : left) {
+            // The module hands its default-context iterator, table and column information
+            // (calloc'd) to the agent library without the iterator's ownership flag: an
+            // agent that exits keeps them to the end. Unregistered here they would be lost,
+            // so the iterator's handler frees them with itself.
+            for (netsnmp_mib_handler* h = reg->handler; h; h = h->next)
+                if (h->handler_name && std::strcmp(h->handler_name, TABLE_ITERATOR_NAME) == 0 && h->myvoid && !h->data_free)
+                    h->data_free = [](void* p) {
+                        auto* iinfo = static_cast<netsnmp_iterator_info*>(p);
+                        if (iinfo->table_reginfo) {
+                            for (netsnmp_column_info* c = iinfo->table_reginfo->valid_columns; c;) {
+                                netsnmp_column_info* next = c->next;
+                                free(c);
+                                c = next;
+                            }
+                            iinfo->table_reginfo->valid_columns = nullptr;
+                        }
+                        netsnmp_iterator_delete_table(iinfo);
+                    };
+            netsnmp_unregister_handler(reg);
+        }
+        DEBUGMSGTL((bridgeName, "removed %u registrations the module left\n", static_cast<unsigned>(left.size())));
+    }
+    bridge->host->release();
+    bridge->host.reset();
+    bridge->modulePath.clear();
+    if (announce) logLine(LOG_INFO, "stopped serving");
+}
+
+// Starts serving with the settings read; on a bad one logs why and serves nothing.
+void startServing() {
+    if (!bridge || bridge->host) return;
+    const Settings& s = bridge->settings;
+    if (s.stateFile.empty()) {
+        logLine(LOG_ERR, std::string("no ") + stateFileToken + " line after the dlmod line (" + stateFileToken +
+                             " PATH names the launcher's state file); serving nothing");
+        return;
+    }
+    const bool defaultModule = s.modulePath.empty();
+    const std::string modulePath = defaultModule ? defaultModulePath() : s.modulePath;
+
+    bridge->host = std::make_unique<Agent::Host>([](const std::string& line) { logLine(LOG_NOTICE, line); });
+    Agent::Host& host = *bridge->host;
+    try {
+        host.loadState(s.stateFile);
+    } catch (const std::exception& e) {
+        logLine(LOG_ERR, std::string(stateFileToken) + ": " + e.what() + "; serving nothing");   // names the file
+        stopServing(false);
+        return;
+    }
+    bridge->modulePath = modulePath;   // from here on, what the module registers is withdrawn with it
+    try {
+        host.loadModule(modulePath, s.contexts);
+    } catch (const std::exception& e) {
+        // The message names the file.
+        logLine(LOG_ERR, std::string(moduleToken) + (defaultModule ? " (not given; the default beside this library)" : "") +
+                             ": " + e.what() + "; serving nothing");
+        stopServing(false);
+        return;
+    }
+    try {
+        host.startFeed();
+        host.runActivitiesFromSelectLoop();
+    } catch (const std::exception& e) {
+        logLine(LOG_ERR, std::string(stateFileToken) + " " + s.stateFile + ": cannot watch it: " + e.what() + "; serving nothing");
+        stopServing(false);
+        return;
+    }
+
+    std::string contexts;
+    for (const auto& c : s.contexts) contexts += (contexts.empty() ? "" : ", ") + c;
+    logLine(LOG_INFO, std::string("serving VELMAR-DAEMON-MIB (") + subtree + ") from " + s.stateFile + " with " + modulePath +
+                          (contexts.empty() ? "" : " (also initialised in contexts " + contexts + ")"));
+}
+
+int onConfigRead(int, int, void*, void*) {
+    try {
+        startServing();
+    } catch (const std::exception& e) {
+        logLine(LOG_ERR, std::string("cannot start: ") + e.what() + "; serving nothing");
+        try {
+            stopServing(false);
+        } catch (...) {
+        }
+    } catch (...) {
+        logLine(LOG_ERR, "cannot start; serving nothing");
+    }
+    return SNMPERR_SUCCESS;
+}
+
+int onShutdown(int, int, void*, void*);
+
+// Unregisters the directives and callbacks.
+//
+// At shutdown snmpd unloads this library from inside the removal of its own dlmod
+// directive, which has already noted the entry after it in the list of directives; removing
+// our directives there could free that very entry. So the shutdown callback, which runs
+// first (highest priority), withdraws everything, and deinit finds nothing left to do.
+// From inside the shutdown callback that callback itself stays registered (the library
+// holds the lock of its list while it runs it): it is never called again, and the library
+// frees its entry when it clears its callbacks. On SIGHUP, deinit runs while snmpd frees
+// its configuration, where removing our entries is safe, and withdraws everything itself.
+void withdraw(bool inShutdownCallback) {
+    if (!bridge || bridge->withdrawn) return;
+    bridge->withdrawn = true;
+    for (const char* token : {stateFileToken, moduleToken, contextToken, traceToken}) snmpd_unregister_config_handler(token);
+    snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr, 1);
+    if (!inShutdownCallback) snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_SHUTDOWN, onShutdown, nullptr, 1);
+}
+
+int onShutdown(int, int, void*, void*) {
+    try {
+        stopServing();
+        withdraw(true);
+    } catch (const std::exception& e) {
+        logLine(LOG_ERR, std::string("stopping: ") + e.what());
+    } catch (...) {
+    }
+    return SNMPERR_SUCCESS;
+}
+
+} // namespace
+
+void init_velmar_daemon_mib(void) {
+    if (bridge) return;   // a second dlmod line for the same library
+    try {
+        bridge = new Bridge;
+        snmpd_register_config_handler(stateFileToken, parseStateFile, nullptr, "PATH (the launcher's state file)");
+        snmpd_register_config_handler(moduleToken, parseModule, nullptr, "PATH (VelmarDaemonMIB.so)");
+        snmpd_register_config_handler(contextToken, parseContext, nullptr, "NAME (an extra SNMP context)");
+        snmpd_register_config_handler(traceToken, parseTrace, nullptr, "LEVELS (e.g. Snmp/0-2,8)");
+        // No client argument: the library frees client arguments with free() when it clears
+        // its callbacks.
+        snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr);
+        // Ahead of snmpd's own shutdown of its modules, which unloads this library from inside
+        // its list of directives (see withdraw).
+        netsnmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_SHUTDOWN, onShutdown, nullptr,
+                                  NETSNMP_CALLBACK_HIGHEST_PRIORITY);
+        DEBUGMSGTL((bridgeName, "loaded; waiting for the end of the configuration\n"));
+    } catch (const std::exception& e) {
+        logLine(LOG_ERR, std::string("cannot initialise: ") + e.what());
+    }
+}
+
+void deinit_velmar_daemon_mib(void) {
+    if (!bridge) return;
+    try {
+        stopServing();
+        withdraw(false);
+        if (bridge->traceBefore) Orbel::traceConfigIs(*bridge->traceBefore);
+    } catch (const std::exception& e) {
+        logLine(LOG_ERR, std::string("unloading: ") + e.what());
+    } catch (...) {
+    }
+    delete bridge;
+    bridge = nullptr;
+    DEBUGMSGTL((bridgeName, "unloaded\n"));
+}
