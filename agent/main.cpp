@@ -167,6 +167,12 @@ int main(int argc, char** argv) {
         for (const auto& l : opts.listen) ports += (ports.empty() ? "" : ",") + l;
         netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_PORTS, ports.c_str());
     }
+    {
+        // Debian's agent library starts SMUX in init_agent: a TCP listener on port 199 of
+        // every address. This agent has no SMUX peers and listens only where --listen says.
+        char noSmux[] = "-smux";
+        add_to_init_list(noSmux);
+    }
     init_agent(appName);
     // After init_agent: its AgentX set-up resets the ping interval to the library's default
     // of 15 s.  The interval also paces reconnection attempts after the master goes away.

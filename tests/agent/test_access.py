@@ -373,6 +373,49 @@ class SourceAddressTest(unittest.TestCase):
             tmp.cleanup()
 
 
+def listening_sockets(pid):
+    """The TCP sockets listening and the UDP sockets bound, of process pid: [(proto, address)]
+    with addresses as in /proc/net (hex address:port)."""
+    inodes = set()
+    for fd in os.listdir("/proc/%d/fd" % pid):
+        try:
+            target = os.readlink("/proc/%d/fd/%s" % (pid, fd))
+        except OSError:
+            continue
+        if target.startswith("socket:["):
+            inodes.add(target[8:-1])
+    out = []
+    for proto in ("tcp", "tcp6", "udp", "udp6"):
+        with open("/proc/net/" + proto) as f:
+            next(f)
+            for line in f:
+                fields = line.split()
+                local, state, inode = fields[1], fields[3], fields[9]
+                if inode in inodes and (proto.startswith("udp") or state == "0A"):  # 0A: LISTEN
+                    out.append((proto, local))
+    return out
+
+
+class ListeningTest(unittest.TestCase):
+    """The agent listens where --listen says and nowhere else: in particular not on SMUX's
+    TCP port 199 of every address, which Debian's agent library opens unless told not to."""
+
+    def test_only_the_listen_address_is_open(self):
+        tmp = h.TempDir()
+        try:
+            path = tmp.file("state.json")
+            h.write_state(path, STATE)
+            agent = h.Agent(path)
+            try:
+                port = "%04X" % agent.port
+                self.assertEqual(listening_sockets(agent.pid), [("udp", "0100007F:" + port)], agent.stderr())
+                self.assertNotIn("smux", agent.stderr().lower())
+            finally:
+                self.assertEqual(agent.stop(), 0)
+        finally:
+            tmp.cleanup()
+
+
 class V3OnlyTest(unittest.TestCase):
     """The v3-only configuration of the README (authPriv, SHA and AES): everything else is
     refused, communities included."""

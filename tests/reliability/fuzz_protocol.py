@@ -15,6 +15,7 @@ Paths default to VELMAR_AGENT and VELMAR_PROTOCOL_FUZZ (set by CTest).
 import argparse
 import json
 import os
+import re
 import signal
 import subprocess
 import sys
@@ -108,8 +109,17 @@ def main():
               "(%d besides the state and stop lines); %.0f s in all"
               % ("alive at the end" if alive else "GONE", code, rss, len(agent.stderr_lines), len(other),
                  time.time() - started))
-        for line in (reports or other)[:40]:
-            print("  agent: " + line)
+        if reports:
+            for line in reports[:40]:
+                print("  agent: " + line)
+        else:
+            # What Net-SNMP logged about the malformed requests, by kind.
+            kinds = {}
+            for line in other:
+                kind = re.sub(r"0x[0-9a-f]+|\([0-9a-f]+\)|\d+", "N", line)
+                kinds[kind] = kinds.get(kind, 0) + 1
+            for kind, n in sorted(kinds.items(), key=lambda kv: -kv[1])[:15]:
+                print("  agent logged %6d x %s" % (n, kind))
     finally:
         tmp.cleanup()
     if failures:
