@@ -41,8 +41,31 @@
 #include <utility>
 
 namespace Agent {
+// The allocator of the reader's stack: RapidJSON's CrtAllocator under a type of its own,
+// so that the stack's Reserve can be replaced for this reader alone (below).
+struct ReaderStackAllocator : rapidjson::CrtAllocator {};
+} // namespace Agent
+
+// RapidJSON 1.1.0's Stack<A>::Reserve tests `stackTop_ + n > stackEnd_`. The stack is
+// allocated on its first push, so on the first string of every file both pointers are
+// null and that sum is arithmetic on a null pointer: undefined behaviour, which UBSan
+// reports. This replacement compares the room left instead, which is also defined for an
+// empty stack (null - null is 0). The reader pushes only chars on its stack.
+RAPIDJSON_NAMESPACE_BEGIN
+namespace internal {
+template <>
+template <>
+inline void Stack<Agent::ReaderStackAllocator>::Reserve<char>(size_t count) {
+    if (RAPIDJSON_UNLIKELY(count > static_cast<size_t>(stackEnd_ - stackTop_))) Expand<char>(count);
+}
+} // namespace internal
+RAPIDJSON_NAMESPACE_END
+
+namespace Agent {
 
 namespace {
+
+using Reader = rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, ReaderStackAllocator>;
 
 constexpr std::size_t maxNameBytes = 32;     // the daemon-name index of the tables
 constexpr std::size_t maxKeyBytes = 64;      // the key index of the option and data tables
@@ -392,7 +415,7 @@ LauncherState parsePadded(const char* text, std::size_t n, const std::string& fi
     }
     rapidjson::StringStream stream(text);
     StateHandler handler(stream, view);
-    rapidjson::Reader reader;
+    Reader reader;
     rapidjson::ParseResult result = reader.Parse<rapidjson::kParseNumbersAsStringsFlag>(stream, handler);
     if (result) return std::move(handler.state);
     if (result.Code() == rapidjson::kParseErrorNumberTooBig) handler.numberTooBig();
