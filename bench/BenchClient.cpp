@@ -5,7 +5,8 @@
 //
 //   velmar-bench-client --peer udp:127.0.0.1:16100 --pids 1234 --rows 10000
 //       --way module=1.3.6.1.4.1.32473.3.17.1.2 --way container=1.3.6.1.4.1.32473.99.2.1.2
-//       --workloads bulk10,bulk50,getnext,get,absent --gets 2000 --absent 50 [--limit naive=500]
+//       --workloads bulk10,bulk50,getnext,get,absent --gets 2000 --absent 50 [--repeat 3]
+//       [--limit naive=500] [--get-limit naive=100] [--repeat-way naive=1]
 //
 // Workloads, each timed on its own:
 //   bulk10, bulk50  a walk of the whole table with GETBULK, max-repetitions 10 or 50; the
@@ -294,7 +295,7 @@ int main(int argc, char** argv) {
     std::vector<Way> ways;
     std::vector<std::string> workloads = {"bulk10", "bulk50", "getnext", "get", "absent"};
     std::size_t rows = 0, getCount = 1000, absentCount = 50, repeat = 1;
-    std::map<std::string, std::size_t> limits, getLimits;
+    std::map<std::string, std::size_t> limits, getLimits, repeats;
     long timeoutMs = 60000;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
@@ -315,11 +316,12 @@ int main(int argc, char** argv) {
         else if (a == "--gets") getCount = std::stoul(value());
         else if (a == "--absent") absentCount = std::stoul(value());
         else if (a == "--repeat") repeat = std::max<std::size_t>(1, std::stoul(value()));
-        else if (a == "--limit" || a == "--get-limit") {
+        else if (a == "--limit" || a == "--get-limit" || a == "--repeat-way") {
             const std::string v = value();
             const auto eq = v.find('=');
             if (eq == std::string::npos) fail(a + " NAME=COUNT");
-            (a == "--limit" ? limits : getLimits)[v.substr(0, eq)] = std::stoul(v.substr(eq + 1));
+            (a == "--limit" ? limits : a == "--get-limit" ? getLimits : repeats)[v.substr(0, eq)] =
+                std::stoul(v.substr(eq + 1));
         } else if (a == "--timeout-ms") timeoutMs = std::stol(value());
         else fail("unknown argument " + a);
     }
@@ -370,6 +372,7 @@ int main(int argc, char** argv) {
         if (!isWalk && workload != "get" && workload != "absent") fail("unknown workload " + workload);
         for (std::size_t r = 0; r < (isWalk ? repeat : 1); ++r) {
             for (const Way& way : ways) {
+                if (isWalk && repeats.count(way.name) && r >= repeats[way.name]) continue;
                 if (isWalk) {
                     const long reps = workload == "bulk10" ? 10 : workload == "bulk50" ? 50 : 0;
                     const Clocks before = client.clocks();

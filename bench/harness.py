@@ -211,7 +211,7 @@ class Bench:
             gets = 500 if self.quick else 3000
             absent = 10 if self.quick else (60 if rows < 100000 else 30)
             cmd += ["--gets", str(gets), "--absent", str(absent), "--repeat", "1" if self.quick else "3",
-                    "--get-limit", f"naive={50 if self.quick else 200}"]
+                    "--get-limit", f"naive={50 if self.quick else 200}", "--repeat-way", "naive=1"]
             log(f"side by side, {rows} rows per table")
             for r in run_json_lines(cmd):
                 r["deployment"] = "bench host (standalone)"
