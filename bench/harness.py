@@ -393,6 +393,17 @@ class Bench:
         with open(os.path.join(self.args.out, "results.md"), "w") as f:
             f.write(report.markdown(self.results))
         report.plot(self.results, os.path.join(self.args.out, "performance.png"))
+        # A full run into bench/results/ also refreshes the figures docs/performance.md shows.
+        doc = os.path.join(ROOT, "docs", "performance.md")
+        if not self.quick and os.path.abspath(self.args.out) == os.path.join(HERE, "results") and os.path.exists(doc):
+            with open(doc) as f:
+                text = f.read()
+            begin, end = "<!-- figures: written by scripts/bench -->", "<!-- /figures -->"
+            if begin in text and end in text:
+                text = text[:text.index(begin) + len(begin)] + "\n" + report.headline(self.results) + \
+                       text[text.index(end):]
+                with open(doc, "w") as f:
+                    f.write(text)
         shutil.rmtree(self.work, ignore_errors=True)
         log(f"done in {self.results['duration_s']} s; results in {self.args.out}")
         return 0

@@ -292,6 +292,44 @@ def markdown(results):
     return "\n".join(out) + "\n"
 
 
+def headline(results):
+    """The figures docs/performance.md shows: the targets and the main numbers by size."""
+    m = results["machine"]
+    by = {(x["way"], x["rows"], x["workload"]): x for x in results["summary"]}
+    deps = {(x["deployment"], x["rows"], x["workload"]): x for x in results["deployment_summary"]}
+    sizes = sorted({x["rows"] for x in results["summary"]})
+    out = [f"Figures of the last full run ({results['started']}, commit {m['commit']}; load average "
+           f"{m['load_before'][0]:.1f} before and {m.get('load_after', [0])[0]:.1f} after on {m['cores']} shared cores).",
+           "", "| target | value | limit | met |", "|---|---|---|---|"]
+    for t in results["targets"]:
+        out.append(f"| {t['target']} | {t['value']} | {t['limit']} | {'yes' if t['met'] else '**no**'} |")
+    out += ["", "Agent CPU per varbind (µs) in a full GETBULK 50 walk, and GETs of one varbind:", "",
+            "| rows | module | table_container | floor | generated iterator | module throughput / container's "
+            "| module / floor | GET median round trip, module (µs) | GET of an absent row, module (agent ms) "
+            "| module as AgentX subagent | module in snmpd (dlmod) |",
+            "|---|---|---|---|---|---|---|---|---|---|---|"]
+    for rows in sizes:
+        def g(way, workload="bulk50", field="agent_us_per_varbind"):
+            x = by.get((way, rows, workload))
+            return x.get(field) if x else None
+        mod, con, flo, nai = g("module"), g("container"), g("floor"), g("naive")
+        ax = deps.get(("AgentX subagent of snmpd", rows, "bulk50"), {}).get("agent_us_per_varbind")
+        dl = deps.get(("dlmod bridge in snmpd", rows, "bulk50"), {}).get("agent_us_per_varbind")
+        absent = g("module", "absent")
+        out.append(f"| {rows:,} | {_f(mod, 2)} | {_f(con, 2)} | {_f(flo, 2)} | {_f(nai, 0)} | "
+                   f"{_f(con / mod if mod and con else None, 2)} | {_f(mod / flo if mod and flo else None, 2)} | "
+                   f"{_f(g('module', 'get', 'latency_median_us'))} | {_f(absent / 1000 if absent else None, 2)} | "
+                   f"{_f(ax, 1)} | {_f(dl, 1)} |")
+    mem, rl = results.get("memory"), results.get("reload")
+    if mem and rl:
+        out += ["", f"Memory: {mem['bytes_per_row_beyond_strings']:.0f} bytes per row beyond the rows' strings at "
+                    f"{mem['key_rows']:,} rows. Reload of one value in a {rl['key_rows']:,}-row file: "
+                    f"{rl['ratio']:.2f} x parsing it ({rl['reload_s'] * 1000:.0f} ms against {rl['parse_s'] * 1000:.0f} ms; "
+                    f"{rl.get('ratio_after_release', 0):.2f} x after the worker handed its memory back), no row "
+                    f"re-created."]
+    return "\n".join(out) + "\n"
+
+
 def plot(results, path):
     import matplotlib
     matplotlib.use("Agg")
