@@ -15,16 +15,19 @@
 //            worker to have handed the memory it parsed into back to the system (it does
 //            so once idle for a second), so that the reload faults it in again
 //   release  the worker's CPU for that hand-back
+//   parse_after_release   the parse alone after its memory went back to the system, which
+//            reload_after_release is compared with (both fault their memory in)
 //   parse    Agent::loadStateFile of the same file on this thread (read + parse + validate)
 // and checked: the difference is one value changed in place, no row comes or goes (an
 // observer of the DaemonMib hears nothing), and the row objects are the same ones.
 //
 // Output: one JSON object on standard output (times in seconds, medians over --rounds).
-//   velmar-bench-reload --rows 100000 --rounds 9 --dir /tmp/x
+//   velmar-bench-reload --rows 100000 --rounds 9 --cold-rounds 3 --dir /tmp/x
 #include "BenchRows.h"
 
 #include "agent/StateFeed.h"
 
+#include <malloc.h>
 #include <poll.h>
 #include <time.h>
 #include <unistd.h>
@@ -79,12 +82,13 @@ public:
 } // namespace
 
 int main(int argc, char** argv) {
-    std::size_t rows = 100000, rounds = 9;
+    std::size_t rows = 100000, rounds = 9, coldRounds = 3;
     std::string dir = "/tmp";
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string a = argv[i], v = argv[i + 1];
         if (a == "--rows") rows = std::stoul(v);
         else if (a == "--rounds") rounds = std::stoul(v);
+        else if (a == "--cold-rounds") coldRounds = std::max<std::size_t>(1, std::stoul(v));
         else if (a == "--dir") dir = v;
         else {
             std::cerr << "velmar-bench-reload: unknown argument " << a << "\n";
@@ -107,13 +111,22 @@ int main(int argc, char** argv) {
     const std::string path = dir + "/reload-state.json";
     writeAtomically(path, first);
 
-    // Parsing alone, for comparison.
-    std::vector<double> parse;
+    // Parsing alone, for comparison: right after another parse (its memory still in the
+    // allocator's hands), and after that memory went back to the system (so that the parse
+    // faults it in again, as a reload does after the worker handed its memory back).
+    std::vector<double> parse, coldParse;
     for (std::size_t r = 0; r < rounds; ++r) {
         const double t0 = threadCpu();
         Agent::LauncherState s = Agent::loadStateFile(path);
         const double t1 = threadCpu();
         parse.push_back(t1 - t0);
+    }
+    for (std::size_t r = 0; r < coldRounds; ++r) {
+        malloc_trim(0);
+        const double t0 = threadCpu();
+        Agent::LauncherState s = Agent::loadStateFile(path);
+        const double t1 = threadCpu();
+        coldParse.push_back(t1 - t0);
     }
 
     Orbel::Ptr<GenericAgent::DaemonMib> mib = GenericAgent::daemonMibFactory("daemonMIB");
@@ -178,7 +191,7 @@ int main(int argc, char** argv) {
     // After the worker went idle and handed that memory back to the system: the hand-back
     // itself, and a reload that must fault its memory in again.
     std::vector<double> release, cold;
-    for (std::size_t r = 0; r < std::max<std::size_t>(3, rounds / 3); ++r) {
+    for (std::size_t r = 0; r < coldRounds; ++r) {
         const double c0 = processCpu();
         usleep(1500000);
         release.push_back(processCpu() - c0);
@@ -197,10 +210,12 @@ int main(int argc, char** argv) {
 
     std::printf("{\"key_rows\": %zu, \"model_rows\": %zu, \"file_bytes\": %zu, \"rounds\": %zu, "
                 "\"parse_s\": %.6f, \"reload_s\": %.6f, \"apply_s\": %.9f, \"ratio\": %.4f, "
-                "\"reload_after_release_s\": %.6f, \"ratio_after_release\": %.4f, \"release_s\": %.6f, "
+                "\"parse_after_release_s\": %.6f, \"reload_after_release_s\": %.6f, "
+                "\"ratio_after_release\": %.4f, \"release_s\": %.6f, "
                 "\"rows_told\": %zu, \"same_row_objects\": %s, \"in_place_only\": %s, \"last_log\": \"%s\"}\n",
                 rows, modelRows, first.size(), rounds, median(parse), median(reload), median(apply),
-                median(reload) / median(parse), median(cold), median(cold) / median(parse), median(release), counter->told, sameRows ? "true" : "false",
+                median(reload) / median(parse), median(coldParse), median(cold), median(cold) / median(coldParse),
+                median(release), counter->told, sameRows ? "true" : "false",
                 inPlaceOnly ? "true" : "false", log.empty() ? "" : log.back().c_str());
     std::filesystem::remove(path);
     return 0;

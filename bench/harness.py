@@ -137,6 +137,7 @@ class Bench:
             "started": datetime.datetime.now(datetime.timezone.utc).isoformat(timespec="seconds"),
             "machine": self.machine(),
             "side_by_side": [],
+            "get_latency": [],
             "deployments": [],
             "states": {},
             "skipped": [],
@@ -218,6 +219,39 @@ class Bench:
                 self.results["side_by_side"].append(r)
         finally:
             host.stop()
+
+    # -------------------------------------------------------------------------------------
+    # GET latency against table size, measured side by side: one host per size, all up at
+    # once, and the client taking them in turns, so that each size sees the same load.
+
+    def get_latency(self):
+        hosts = {}
+        try:
+            for rows in self.sizes:
+                state = self.state_file(rows, rows)
+                port = free_port()
+                host = Proc([os.path.join(self.bin, "velmar-bench-host"), "--state", state, "--module", self.module,
+                             "--listen", f"udp:127.0.0.1:{port}", "--ways", "module,container,floor",
+                             "--dir", os.path.join(self.work, f"latency-{rows}")], f"latency-{rows}", env=SNMP_ENV)
+                hosts[rows] = (host, port)
+            for rows, (host, port) in hosts.items():
+                host.wait_line("ready")
+                if not snmp_answers(port, MODULE_ROOT):
+                    raise RuntimeError("a latency host does not answer")
+            rounds = 2 if self.quick else 7
+            log(f"GET latency side by side at {', '.join(str(r) for r in self.sizes)} rows, {rounds} rounds")
+            for r in range(rounds):
+                for rows, (host, port) in hosts.items():
+                    cmd = [os.path.join(self.bin, "velmar-bench-client"), "--peer", f"udp:127.0.0.1:{port}",
+                           "--pids", str(host.pid), "--rows", str(rows), "--workloads", "get",
+                           "--gets", "200" if self.quick else "400", "--way", f"module={MODULE_ROOT}"]
+                    cmd += [a for w in ("container", "floor") for a in ("--way", f"{w}={BASELINE_ROOTS[w]}")]
+                    for rec in run_json_lines(cmd):
+                        rec["round"] = r
+                        self.results["get_latency"].append(rec)
+        finally:
+            for host, _ in hosts.values():
+                host.stop()
 
     # -------------------------------------------------------------------------------------
     # Deployments of the module.
@@ -349,6 +383,7 @@ class Bench:
     def reload(self):
         rounds = "3" if self.quick else "9"
         out = run_json_lines([os.path.join(self.bin, "velmar-bench-reload"), "--rows", "100000", "--rounds", rounds,
+                              "--cold-rounds", "1" if self.quick else "3",
                               "--dir", os.path.join(self.work, "reload")])
         self.results["reload"] = out[0]
         log("reload:", out[0])
@@ -377,7 +412,8 @@ class Bench:
         self.micro()
         for rows in self.sizes:
             self.side_by_side(rows)
-        for rows in self.sizes:
+        self.get_latency()
+        for rows in self.sizes[:1] if self.quick else self.sizes:
             self.standalone(rows)
             self.agentx(rows)
             self.dlmod_bridge(rows)
