@@ -33,14 +33,15 @@ EXPECTED_FILES = {
     "./usr/lib/velmar/libvelmar-snmp.so": "$ORIGIN",
     "./usr/lib/velmar/libvelmar-genericagent.so": "$ORIGIN",
     "./usr/lib/velmar/modules/VelmarDaemonMIB.so": "$ORIGIN/..",
+    "./usr/lib/velmar/dlmod/velmar_daemon_mib.so": "$ORIGIN/..",
     "./usr/share/snmp/mibs/VELMAR-DAEMON-MIB.txt": None,
     "./usr/share/velmar-daemon-mib/demo-state.json": None,
     "./usr/share/man/man1/velmar-snmp-agent.1.gz": None,
     "./lib/systemd/system/velmar-snmp-agent.service": None,
     "./etc/snmp/snmpd.conf.d/velmar-daemon-mib.conf": None,
 }
-# Other files may only be further shared objects of the project (loadable bridges and the
-# like), under its private library directory.
+# Other files may only be further shared objects of the project, under its private
+# library directory.
 EXTRA_ALLOWED = re.compile(r"^\./usr/lib/velmar/.+\.so$")
 
 
