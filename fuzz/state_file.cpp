@@ -10,7 +10,8 @@
 //     character as a \u escape, members reordered and spaced out) parses back equal;
 //   - diffStates: a state differs from itself in nothing; the difference from a to b
 //     applied to a gives b (both ways, for b derived from a by removing, adding and
-//     changing daemons, sections, flags and keys); its counts match the rows;
+//     changing daemons, sections, flags and keys); its counts add up to the rows that
+//     come and go;
 //   - StateApplier serves exactly the rows of each state it is taken through (empty, a,
 //     b, empty) and leaves no object or string behind.
 #include "FuzzCheck.h"
@@ -287,6 +288,17 @@ void checkDiffs(const Fuzz::Case& c, const LauncherState& a, const LauncherState
     c.check(ab.empty() == (a == b), "an empty difference between unequal states, or the reverse");
     c.check(applied(a, ab) == b, "the difference from a to b applied to a is not b");
     c.check(applied(b, Agent::diffStates(b, a)) == a, "the difference from b to a applied to b is not a");
+
+    // Rows come and go as the counts say: enabled and running rows, one per daemon each,
+    // and a row per non-empty value.
+    auto rows = [](const LauncherState& s) { return static_cast<long long>(2 * s.size() + rowsWithValues(s)); };
+    Agent::StateDiff::Counts counts = ab.counts();
+    c.check(static_cast<long long>(counts.rowsAdded) - static_cast<long long>(counts.rowsRemoved) == rows(b) - rows(a),
+            "the counts of a difference do not add up to the rows it makes and removes", ab.summary());
+    c.check(ab.changes() == counts.rowsAdded + counts.rowsRemoved + counts.inPlace,
+            "changes() is not the sum of the counts", ab.summary());
+    c.check(ab.empty() == (ab.changes() == 0 && counts.daemonsAdded == 0 && counts.daemonsRemoved == 0),
+            "a difference with no change is not empty, or the reverse", ab.summary());
 
     Agent::StateDiff::Counts fresh = Agent::diffStates({}, a).counts();
     c.check(fresh.daemonsAdded == a.size() && fresh.daemonsRemoved == 0 &&
