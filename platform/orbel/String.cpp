@@ -3,6 +3,8 @@
 #include <cstring>
 #include <new>
 #include <ostream>
+#include <stdexcept>
+#include <string>
 
 namespace Orbel {
 
@@ -23,13 +25,15 @@ String::String(const char* s) : String(s, s ? std::strlen(s) : 0) {}
 
 String::String(const char* bytes, std::size_t n) {
     if (n == 0) return;
+    if (n > maxSize)
+        throw std::length_error("Orbel::String: " + std::to_string(n) + " bytes, more than " + std::to_string(maxSize));
+    static_assert(sizeof(Body) == 8, "a body header of two 32-bit words");
     void* mem = ::operator new(sizeof(Body) + n + 1);
     b_ = new (mem) Body{};
     b_->refs = 1;
-    b_->size = n;
+    b_->size = static_cast<std::uint32_t>(n);
     std::memcpy(b_->bytes(), bytes, n);
     b_->bytes()[n] = '\0';
-    b_->hash = fnv1a(bytes, n);
     bodies.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -41,6 +45,8 @@ void String::drop() noexcept {
     }
     b_ = nullptr;
 }
+
+std::size_t String::hash() const noexcept { return fnv1a(data(), size()); }
 
 std::int64_t String::liveBodies() noexcept { return bodies.load(std::memory_order_relaxed); }
 

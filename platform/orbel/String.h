@@ -24,6 +24,7 @@ public:
 
     String() noexcept = default;
     String(const char* s);
+    // Throws std::length_error for more than maxSize bytes (before reading any).
     String(const char* bytes, std::size_t n);
     String(std::string_view s) : String(s.data(), s.size()) {}
     String(const std::string& s) : String(s.data(), s.size()) {}
@@ -45,8 +46,9 @@ public:
     const char* cStr() const noexcept { return data(); }
     unsigned char operator[](std::size_t i) const noexcept { return static_cast<unsigned char>(data()[i]); }
 
-    // The framework's string hash (FNV-1a over the bytes), computed once per body.
-    std::size_t hash() const noexcept { return b_ ? b_->hash : emptyHash; }
+    // The framework's string hash (FNV-1a over the bytes), computed on each call: bodies
+    // keep no copy of it (see Body).
+    std::size_t hash() const noexcept;
     // True when both share one body (cheap identity test, not equality).
     bool sharesBodyWith(const String& o) const noexcept { return b_ == o.b_; }
 
@@ -56,7 +58,7 @@ public:
     static std::int64_t liveBodies() noexcept;
 
     friend bool operator==(const String& a, const String& b) noexcept {
-        return a.b_ == b.b_ || (a.size() == b.size() && a.hash() == b.hash() && a.view() == b.view());
+        return a.b_ == b.b_ || a.view() == b.view();
     }
     friend bool operator!=(const String& a, const String& b) noexcept { return !(a == b); }
     // Byte order (unsigned), a prefix before its extensions: the order of std::string.
@@ -66,16 +68,21 @@ public:
     friend bool operator>=(const String& a, const String& b) noexcept { return !(a < b); }
 
     static constexpr std::size_t emptyHash = 14695981039346656037ull;
+    // The longest string a body holds.
+    static constexpr std::size_t maxSize = 0xffffffffu;
 
 private:
+    // 8 bytes before the string's own: a model holds hundreds of thousands of short keys
+    // and values, each in a body of its own, so the header keeps only the count and the
+    // length. A cached hash would cost 8 bytes a body to save hashing a key of a few
+    // dozen bytes on a lookup.
     struct Body {
 #ifdef ORBEL_THREAD_SAFE_PTR
         std::atomic<std::uint32_t> refs;
 #else
         std::uint32_t refs;
 #endif
-        std::size_t size;
-        std::size_t hash;
+        std::uint32_t size;
         char* bytes() noexcept { return reinterpret_cast<char*>(this + 1); }
     };
     void drop() noexcept;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <sstream>
+#include <stdexcept>
 #include <unordered_set>
 
 TEST(String, EmptyHasNoBody) {
@@ -76,4 +77,16 @@ TEST(String, NameIsAString) {
     Orbel::Name n("daemonMIB");
     const Orbel::String& s = n;
     EXPECT_EQ(s, Orbel::String("daemonMIB"));
+}
+
+TEST(String, RefusesMoreBytesThanABodyHoldsBeforeReadingThem) {
+    auto before = Orbel::String::liveBodies();
+    const char one = 'x';   // only one byte behind the pointer: the check must come first
+    try {
+        Orbel::String s(&one, Orbel::String::maxSize + 1);
+        FAIL() << "no exception";
+    } catch (const std::length_error& e) {
+        EXPECT_STREQ(e.what(), "Orbel::String: 4294967296 bytes, more than 4294967295");
+    }
+    EXPECT_EQ(Orbel::String::liveBodies(), before);
 }
