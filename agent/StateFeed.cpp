@@ -23,6 +23,10 @@
 #include <rapidjson/error/en.h>
 #include <rapidjson/reader.h>
 
+// Header-only: nothing to link, no library for the package to depend on.
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
 #include <fcntl.h>
 #if defined(__GLIBC__)
 #include <malloc.h>
@@ -639,141 +643,37 @@ void applySide(GenericAgent::DaemonMib& m, const Orbel::String& name, const Sect
 }
 
 // ---------------------------------------------------------------------------------------
-// The worker's packed copy of the state. A daemon packs into one string: a flags byte
-// (hasConfig 1, enabled 2, hasStatus 4, running 8), then the options and then the data,
-// each as a count followed by its keys in order, every key and value as a length and its
-// bytes. Lengths are base-128 varints (low 7 bits first, high bit set on all but the
-// last byte). Equal daemons pack to equal strings, and unpack(pack(d)) == d.
+// The worker's digest of a daemon: XXH3's 128-bit hash of its flags byte (hasConfig 1,
+// enabled 2, hasStatus 4, running 8), then of the options and then the data, each as a
+// count followed by its keys in order, every key and value as a length and its bytes.
+// Equal daemons have equal digests; the lengths make the encoding unambiguous, so two
+// daemons that differ share a digest only by a 128-bit collision.
 
-void putLength(std::string& out, std::size_t n) {
-    while (n >= 0x80) {
-        out += static_cast<char>((n & 0x7f) | 0x80);
-        n >>= 7;
-    }
-    out += static_cast<char>(n);
-}
+struct Digest {
+    std::uint64_t low = 0;
+    std::uint64_t high = 0;
+    friend bool operator==(const Digest&, const Digest&) = default;
+};
 
-std::size_t lengthBytes(std::size_t n) {
-    std::size_t bytes = 1;
-    for (; n >= 0x80; n >>= 7) ++bytes;
-    return bytes;
-}
-
-std::size_t getLength(const char*& p) {
-    std::size_t n = 0;
-    for (unsigned shift = 0;; shift += 7) {
-        const auto c = static_cast<unsigned char>(*p++);
-        n |= static_cast<std::size_t>(c & 0x7f) << shift;
-        if (!(c & 0x80)) return n;
-    }
-}
-
-std::string pack(const DaemonState& d) {
-    std::size_t size = 1;
+Digest digest(const DaemonState& d) {
+    XXH3_state_t state;
+    XXH3_128bits_reset(&state);
+    auto feed = [&state](const void* p, std::size_t n) { XXH3_128bits_update(&state, p, n); };
+    auto feedLength = [&feed](std::uint64_t n) { feed(&n, sizeof n); };
+    const auto flags = static_cast<unsigned char>((d.hasConfig ? 1 : 0) | (d.enabled ? 2 : 0) | (d.hasStatus ? 4 : 0) |
+                                                  (d.running ? 8 : 0));
+    feed(&flags, 1);
     for (const Keys* keys : {&d.options, &d.data}) {
-        size += lengthBytes(keys->size());
-        for (const auto& [k, v] : *keys) size += lengthBytes(k.size()) + k.size() + lengthBytes(v.size()) + v.size();
-    }
-    std::string out;
-    out.reserve(size);
-    out += static_cast<char>((d.hasConfig ? 1 : 0) | (d.enabled ? 2 : 0) | (d.hasStatus ? 4 : 0) | (d.running ? 8 : 0));
-    for (const Keys* keys : {&d.options, &d.data}) {
-        putLength(out, keys->size());
+        feedLength(keys->size());
         for (const auto& [k, v] : *keys) {
-            putLength(out, k.size());
-            out += k;
-            putLength(out, v.size());
-            out += v;
+            feedLength(k.size());
+            feed(k.data(), k.size());
+            feedLength(v.size());
+            feed(v.data(), v.size());
         }
     }
-    return out;
-}
-
-DaemonState unpack(const std::string& body) {
-    DaemonState d;
-    const char* p = body.data();
-    const auto flags = static_cast<unsigned char>(*p++);
-    d.hasConfig = flags & 1;
-    d.enabled = flags & 2;
-    d.hasStatus = flags & 4;
-    d.running = flags & 8;
-    for (Keys* keys : {&d.options, &d.data}) {
-        for (std::size_t n = getLength(p); n > 0; --n) {
-            const std::size_t kl = getLength(p);
-            std::string k(p, kl);
-            p += kl;
-            const std::size_t vl = getLength(p);
-            keys->emplace_hint(keys->end(), std::move(k), std::string(p, vl));
-            p += vl;
-        }
-    }
-    return d;
-}
-
-// The state, packed (Packed: StateFeed's PackedDaemon).
-template <class Packed>
-std::vector<Packed> packAll(const LauncherState& state) {
-    std::vector<Packed> out;
-    out.reserve(state.size());
-    for (const auto& [name, d] : state) out.push_back(Packed{name, pack(d)});
-    return out;
-}
-
-// True when body is what d packs into, compared as it is read: no packing, no copy.
-bool samePacked(const std::string& body, const DaemonState& d) {
-    const char* p = body.data();
-    const char* const end = p + body.size();
-    const auto flags = static_cast<unsigned char>(*p++);
-    if (flags != ((d.hasConfig ? 1 : 0) | (d.enabled ? 2 : 0) | (d.hasStatus ? 4 : 0) | (d.running ? 8 : 0)))
-        return false;
-    for (const Keys* keys : {&d.options, &d.data}) {
-        if (getLength(p) != keys->size()) return false;
-        for (const auto& [k, v] : *keys) {
-            const std::size_t kl = getLength(p);
-            if (kl != k.size() || std::memcmp(p, k.data(), kl) != 0) return false;
-            p += kl;
-            const std::size_t vl = getLength(p);
-            if (vl != v.size() || std::memcmp(p, v.data(), vl) != 0) return false;
-            p += vl;
-        }
-    }
-    return p == end;
-}
-
-// The same difference as diffStates(the unpacked `from`, to), computed without unpacking
-// or packing any daemon that did not change. Consumes `from`: what it returns with the
-// difference is `to` packed, holding the bodies of the unchanged daemons moved over.
-template <class Packed>
-std::pair<StateDiff, std::vector<Packed>> diffPacked(std::vector<Packed>& from, const LauncherState& to) {
-    StateDiff diff;
-    std::vector<Packed> packedTo;
-    packedTo.reserve(to.size());
-    auto i = from.begin();
-    auto j = to.begin();
-    while (i != from.end() || j != to.end()) {
-        if (j == to.end() || (i != from.end() && i->name < j->first)) {
-            const DaemonState before = unpack(i->body);
-            diff.daemons.push_back(diffDaemon(i->name, &before, nullptr));
-            ++i;
-        } else if (i == from.end() || j->first < i->name) {
-            diff.daemons.push_back(diffDaemon(j->first, nullptr, &j->second));
-            packedTo.push_back(Packed{j->first, pack(j->second)});
-            ++j;
-        } else {
-            if (samePacked(i->body, j->second)) {
-                packedTo.push_back(std::move(*i));
-            } else {
-                const DaemonState before = unpack(i->body);
-                DaemonChange d = diffDaemon(i->name, &before, &j->second);
-                if (!d.config.empty() || !d.status.empty()) diff.daemons.push_back(std::move(d));
-                packedTo.push_back(Packed{j->first, pack(j->second)});
-            }
-            ++i;
-            ++j;
-        }
-    }
-    from.clear();
-    return {std::move(diff), std::move(packedTo)};
+    const XXH128_hash_t h = XXH3_128bits_digest(&state);
+    return {h.low64, h.high64};
 }
 
 // Hands memory that the allocator holds free back to the system: a big state parsed and
@@ -896,25 +796,34 @@ void StateApplier::apply(const StateDiff& diff) {
     for (const DaemonChange& d : diff.daemons) applyDaemon(d);
 }
 
-const LauncherState& StateApplier::applied() const {
-    if (applied_) return *applied_;
-    LauncherState state;
+DaemonState StateApplier::readBack(const Objects& o) {
+    DaemonState d;
     auto copy = [](const GenericAgent::AgentValMap& values, Keys& keys) {
         for (const auto& [k, v] : values) keys.emplace(std::string(k.view()), std::string(v.view()));
     };
-    for (const auto& [name, o] : objects_) {
-        DaemonState& d = state[name];
-        if (o.config) {
-            d.hasConfig = true;
-            d.enabled = o.config->enabled();
-            copy(o.config->options(), d.options);
-        }
-        if (o.status) {
-            d.hasStatus = true;
-            d.running = o.status->running();
-            copy(o.status->data(), d.data);
-        }
+    if (o.config) {
+        d.hasConfig = true;
+        d.enabled = o.config->enabled();
+        copy(o.config->options(), d.options);
     }
+    if (o.status) {
+        d.hasStatus = true;
+        d.running = o.status->running();
+        copy(o.status->data(), d.data);
+    }
+    return d;
+}
+
+std::optional<DaemonState> StateApplier::served(const std::string& daemon) const {
+    auto it = objects_.find(daemon);
+    if (it == objects_.end()) return std::nullopt;
+    return readBack(it->second);
+}
+
+const LauncherState& StateApplier::applied() const {
+    if (applied_) return *applied_;
+    LauncherState state;
+    for (const auto& [name, o] : objects_) state.emplace_hint(state.end(), name, readBack(o));
     applied_ = std::move(state);
     return *applied_;
 }
@@ -1008,13 +917,33 @@ void StateFeed::loadInitial() {
     StateDiff diff = diffStates(applier_.applied(), next);
     applier_.apply(diff);
     ++applies_;
-    workerState_ = packAll<PackedDaemon>(next);
+    remember(next);
     loadedInitial_ = true;
     const std::string line = prefix(path_) + diff.summary();
     next = LauncherState();
     diff = StateDiff();
     releaseFreeMemory();
     if (log_) log_(line);
+}
+
+void StateFeed::remember(const LauncherState& accepted) {
+    workerState_.clear();
+    workerState_.reserve(accepted.size());
+    for (const auto& [name, d] : accepted) {
+        const Digest h = digest(d);
+        workerState_.push_back({name, h.low, h.high});
+    }
+}
+
+StateDiff StateFeed::diffServed(Changed& changed) const {
+    StateDiff diff;
+    for (auto& [name, after] : changed) {
+        const std::optional<DaemonState> before = applier_.served(name);
+        DaemonChange d = diffDaemon(name, before ? &*before : nullptr, after ? &*after : nullptr);
+        if (d.before != d.after || !d.config.empty() || !d.status.empty()) diff.daemons.push_back(std::move(d));
+        after.reset();
+    }
+    return diff;
 }
 
 void StateFeed::start() {
@@ -1052,11 +981,16 @@ std::size_t StateFeed::handleEvent() {
             item = std::move(queue_.front());
             queue_.pop_front();
         }
-        if (item.diff) {
-            applier_.apply(*item.diff);
-            ++applies_;
-            ++applied;
-            keys += keysIn(*item.diff);
+        if (item.changed) {
+            const StateDiff diff = diffServed(*item.changed);
+            item.changed.reset();
+            if (!diff.empty()) {
+                applier_.apply(diff);
+                ++applies_;
+                ++applied;
+                keys += keysIn(diff);
+                if (log_) log_(prefix(path_) + diff.summary());
+            }
         }
         if (!item.line.empty() && log_) log_(item.line);
     }
@@ -1094,14 +1028,26 @@ void StateFeed::reload(IfMissing ifMissing) {
         return;
     }
     ++reloads_;
-    auto [diff, packed] = diffPacked(workerState_, next);
-    workerState_ = std::move(packed);
+    // Each daemon against its digest in the last accepted file; both lists are in name order.
+    Changed changed;
+    std::vector<DaemonDigest> digests;
+    digests.reserve(next.size());
+    auto i = workerState_.begin();
+    for (auto& [name, d] : next) {
+        for (; i != workerState_.end() && i->name < name; ++i) changed.emplace_back(std::move(i->name), std::nullopt);
+        const Digest h = digest(d);
+        const bool known = i != workerState_.end() && i->name == name;
+        if (!known || Digest{i->low, i->high} != h) changed.emplace_back(name, std::move(d));
+        digests.push_back({name, h.low, h.high});
+        if (known) ++i;
+    }
+    for (; i != workerState_.end(); ++i) changed.emplace_back(std::move(i->name), std::nullopt);
+    workerState_ = std::move(digests);
     // What the parse took is free again once the worker is idle (see run()).
     next = LauncherState();
     releasePending_ = true;
-    if (diff.empty()) return;
-    std::string line = prefix(path_) + diff.summary();
-    post({std::move(diff), std::move(line)});
+    if (changed.empty()) return;
+    post({std::move(changed), std::string()});
 }
 
 void StateFeed::run() {

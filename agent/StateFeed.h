@@ -79,6 +79,7 @@
 #include <string_view>
 #include <thread>
 #include <vector>
+#include <utility>
 
 namespace Agent {
 
@@ -197,6 +198,8 @@ public:
     // kept until the next apply(): the applier keeps no second copy of the state while
     // nobody asks for one.
     const LauncherState& applied() const;
+    // One daemon as it is served, read back the same way; none when it is not served.
+    std::optional<DaemonState> served(const std::string& daemon) const;
     const Orbel::Ptr<GenericAgent::DaemonMib>& mib() const noexcept { return mib_; }
     // The daemon's Config and Status objects (null when it has none, or is unknown).
     Orbel::Ptr<GenericAgent::Config> config(const std::string& daemon) const;
@@ -209,6 +212,7 @@ private:
         Orbel::Ptr<GenericAgent::Status> status;
     };
     void applyDaemon(const DaemonChange& change);
+    static DaemonState readBack(const Objects& objects);
 
     Orbel::Ptr<GenericAgent::DaemonMib> mib_;
     std::map<std::string, Objects> objects_;
@@ -222,10 +226,12 @@ private:
 // rename, so its own inode cannot be watched) and reloads on a write being closed or a
 // file being moved in under the file's name. When the directory itself goes (removed,
 // renamed or unmounted) the worker looks for it again every 200 ms and reloads once it is
-// back. Each reload reads, parses, validates and diffs against the worker's own copy of
-// the last accepted state; a difference (or a line to log) is queued for the loop, and
-// eventFd() becomes readable. A file that is deleted and not replaced leaves the state
-// served as it was. A reload that yields no difference is counted but not logged.
+// back. Each reload reads, parses and validates the file, and compares each daemon with a
+// digest of it in the last accepted file; the daemons that differ (or a line to log) are
+// queued for the loop, and eventFd() becomes readable. The loop diffs those daemons
+// against what it serves and applies the difference. A file that is deleted and not
+// replaced leaves the state served as it was. A reload that yields no difference is
+// counted but not logged.
 //
 // The log callback is called on the loop thread only (from loadInitial and handleEvent),
 // one line per call:
@@ -280,8 +286,11 @@ public:
     const StateApplier& applier() const noexcept { return applier_; }
 
 private:
+    // The daemons of a reloaded file that differ from the last accepted one, in name order,
+    // as the file has them now (none: the daemon is gone).
+    using Changed = std::vector<std::pair<std::string, std::optional<DaemonState>>>;
     struct Item {
-        std::optional<StateDiff> diff;  // to apply, then log `line`
+        std::optional<Changed> changed; // to diff against what is served, apply and log
         std::string line;               // to log
     };
     // What a reload does when the file is not there.
@@ -290,6 +299,8 @@ private:
     void reload(IfMissing ifMissing);
     void post(Item item);
     std::string removedLine() const;
+    StateDiff diffServed(Changed& changed) const;
+    void remember(const LauncherState& accepted);
 
     std::string path_;
     std::string dir_;                   // absolute directory of the file
@@ -303,14 +314,15 @@ private:
     std::thread worker_;
     bool loadedInitial_ = false;
 
-    // The worker's copy of the last accepted state, packed: per daemon, in name order, its
-    // name and one string holding its flags, keys and values (a few bytes beyond the
-    // bytes themselves, where a LauncherState spends a map node and two strings per key).
-    struct PackedDaemon {
+    // What the worker knows of the last accepted file: per daemon, in name order, a 128-bit
+    // digest of its flags, keys and values. The state itself lives only in the model; a
+    // daemon whose digest moved is diffed there, on the loop.
+    struct DaemonDigest {
         std::string name;
-        std::string body;
+        std::uint64_t low = 0;
+        std::uint64_t high = 0;
     };
-    std::vector<PackedDaemon> workerState_;
+    std::vector<DaemonDigest> workerState_;
     bool releasePending_ = false;       // the worker has memory to hand back once idle
 
     std::mutex mutex_;

@@ -1000,3 +1000,48 @@ TEST(StateFeed, UnchangedFileAppliesNothing) {
     EXPECT_EQ(feed.handleEvent(), 0u);
     EXPECT_EQ(feed.applies(), 1u);   // only loadInitial's
 }
+
+// The worker keeps only digests of the last accepted file; the loop diffs each reported
+// daemon against what it serves when it applies. Reloads queued before the loop runs must
+// therefore still apply one after the other: a change, its undoing, a removal and a
+// return, all waiting at once.
+TEST(StateFeed, QueuedReloadsApplyInOrderAgainstWhatIsServed) {
+    TempDir dir;
+    fs::path path = dir.path() / "state.json";
+    LauncherState a = {{"bgpd", daemonWith({{"asn", "1"}, {"mtu", "1500"}})}, {"ntpd", daemonWith({{"server", "a"}})}};
+    LauncherState b = a;
+    b["bgpd"].options["asn"] = "2";
+    LauncherState c = b;
+    c.erase("ntpd");
+    writeFile(path, toJson(a));
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    std::vector<std::string> log;
+    StateFeed feed(path.string(), mib, [&](const std::string& line) { log.push_back(line); });
+    feed.loadInitial();
+    feed.start();
+    auto reloaded = [&](std::uint64_t n) {
+        auto deadline = std::chrono::steady_clock::now() + 5s;
+        while (feed.reloads() < n && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(5ms);
+        return feed.reloads() >= n;
+    };
+    ASSERT_TRUE(reloaded(2));   // the reload at start
+    std::uint64_t n = 2;
+    for (const LauncherState* s : {&b, &a, &c, &a}) {
+        replaceFile(path, toJson(*s));
+        ASSERT_TRUE(reloaded(++n));
+    }
+    log.clear();
+    EXPECT_EQ(feed.handleEvent(), 4u);
+    EXPECT_EQ(feed.applied(), a);
+    const std::string p = "state file " + path.string() + ": ";
+    EXPECT_EQ(log, (std::vector<std::string>{
+                       p + "applied 1 change (daemons: 0 added, 0 removed; rows: 0 added, 0 removed; 1 changed in place)",
+                       p + "applied 1 change (daemons: 0 added, 0 removed; rows: 0 added, 0 removed; 1 changed in place)",
+                       // c drops ntpd (enabled, running and one option row) and keeps b's asn
+                       p + "applied 4 changes (daemons: 0 added, 1 removed; rows: 0 added, 3 removed; 1 changed in place)",
+                       p + "applied 4 changes (daemons: 1 added, 0 removed; rows: 3 added, 0 removed; 1 changed in place)",
+                   }));
+    ASSERT_NE(mib->optionTable(GenericAgent::OptionTableIndex(Orbel::String("bgpd"), Orbel::String("asn"))), nullptr);
+    EXPECT_EQ(mib->optionTable(GenericAgent::OptionTableIndex(Orbel::String("bgpd"), Orbel::String("asn")))->val(),
+              GenericAgent::AgentVal(Orbel::String("1")));
+}
