@@ -1045,3 +1045,43 @@ TEST(StateFeed, QueuedReloadsApplyInOrderAgainstWhatIsServed) {
     EXPECT_EQ(mib->optionTable(GenericAgent::OptionTableIndex(Orbel::String("bgpd"), Orbel::String("asn")))->val(),
               GenericAgent::AgentVal(Orbel::String("1")));
 }
+
+// A reload drops an unchanged daemon's keys as soon as it has been read, keeping its name:
+// a later daemon of the same name is still refused, and a file that goes bad after
+// unchanged and changed daemons changes nothing, not even the digests the next reload
+// compares with.
+TEST(StateFeed, ReloadRefusesADuplicateOfAnUnchangedDaemonAndKeepsItsDigests) {
+    TempDir dir;
+    fs::path path = dir.path() / "state.json";
+    LauncherState good = {{"bgpd", daemonWith({{"asn", "65001"}})}, {"ntpd", daemonWith({{"server", "a"}})}};
+    writeFile(path, toJson(good));
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    std::vector<std::string> log;
+    StateFeed feed(path.string(), mib, [&](const std::string& l) { log.push_back(l); });
+    feed.loadInitial();
+    feed.start();
+    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));
+    auto rows = rowsOf(*mib);
+    auto version = mib->version();
+
+    // bgpd unchanged, ntpd changed, then bgpd again.
+    replaceFile(path, "{\"daemons\": {\"bgpd\": {\"config\": {\"enabled\": true, \"options\": {\"asn\": \"65001\"}}},\n"
+                      "\"ntpd\": {\"config\": {\"enabled\": true, \"options\": {\"server\": \"b\"}}},\n"
+                      "\"bgpd\": {}}}");
+    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.refused() == 1 && log.size() == 2; }));
+    EXPECT_EQ(log.back(), "state file " + path.string() + ": daemon \"bgpd\": appears twice (line 3)");
+    EXPECT_EQ(feed.applied(), good);
+    EXPECT_EQ(rowsOf(*mib), rows);
+    EXPECT_EQ(mib->version(), version);
+
+    // The changed ntpd of the refused file was not remembered: writing it again applies it.
+    LauncherState next = good;
+    next["ntpd"].options["server"] = "b";
+    replaceFile(path, toJson(next));
+    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.applied() == next; }));
+    EXPECT_EQ(log.back(), "state file " + path.string() +
+                              ": applied 1 change (daemons: 0 added, 0 removed; rows: 0 added, 0 removed; 1 changed in place)");
+    // And going back to the first file applies that too.
+    replaceFile(path, toJson(good));
+    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.applied() == good; }));
+}
