@@ -49,16 +49,15 @@ public:
     void agentNameIs(const Snmp::String& s) { agentName_ = s; }
     void keyIs(const Snmp::String& s) { key_ = s; }
 
-    // Byte equality of the name, then of the key.
+    // Byte equality of the name and of the key (the lengths are compared before any byte).
     friend bool operator==(const Self& a, const Self& b) noexcept {
-        return a.agentName_ == b.agentName_ && a.key_ == b.key_;
+        return a.key_.size() == b.key_.size() && a.agentName_ == b.agentName_ && a.key_ == b.key_;
     }
     friend bool operator!=(const Self& a, const Self& b) noexcept { return !(a == b); }
     // By name in Snmp::String order; for byte-equal names, by key.
     friend bool operator<(const Self& a, const Self& b) noexcept {
-        if (a.agentName_ < b.agentName_) return true;
-        if (a.agentName_ == b.agentName_) return a.key_ < b.key_;
-        return false;
+        const int byName = compare(a.agentName_, b.agentName_);
+        return byName != 0 ? byName < 0 : compare(a.key_, b.key_) < 0;
     }
     friend bool operator<=(const Self& a, const Self& b) noexcept { return !(b < a); }
     friend bool operator>(const Self& a, const Self& b) noexcept { return !(a <= b); }

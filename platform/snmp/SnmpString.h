@@ -12,6 +12,7 @@
 #include "orbel/GenericIf.h"
 #include "orbel/String.h"
 
+#include <cstring>
 #include <iosfwd>
 #include <string_view>
 
@@ -42,13 +43,19 @@ public:
     std::size_t hash() const noexcept { return s_.hash(); }
 
     // Byte equality.
-    friend bool operator==(const String& a, const String& b) noexcept { return a.s_ == b.s_; }
-    friend bool operator!=(const String& a, const String& b) noexcept { return !(a == b); }
-    // Shorter first, then unsigned bytes.
-    friend bool operator<(const String& a, const String& b) noexcept {
-        if (a.size() != b.size()) return a.size() < b.size();
-        return a.view().compare(b.view()) < 0;
+    friend bool operator==(const String& a, const String& b) noexcept {
+        return a.size() == b.size() && (a.s_.sharesBodyWith(b.s_) || std::memcmp(a.data(), b.data(), a.size()) == 0);
     }
+    friend bool operator!=(const String& a, const String& b) noexcept { return !(a == b); }
+    // The order below as one comparison: negative, zero or positive as a is before, equal
+    // to or after b. Index comparisons use it to look at each component's bytes once.
+    friend int compare(const String& a, const String& b) noexcept {
+        if (a.size() != b.size()) return a.size() < b.size() ? -1 : 1;
+        if (a.s_.sharesBodyWith(b.s_)) return 0;
+        return std::memcmp(a.data(), b.data(), a.size());
+    }
+    // Shorter first, then unsigned bytes.
+    friend bool operator<(const String& a, const String& b) noexcept { return compare(a, b) < 0; }
     friend bool operator>(const String& a, const String& b) noexcept { return b < a; }
     friend bool operator<=(const String& a, const String& b) noexcept { return !(b < a); }
     friend bool operator>=(const String& a, const String& b) noexcept { return !(a < b); }
