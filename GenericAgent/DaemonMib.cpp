@@ -158,10 +158,15 @@ struct Table {
     }
 
     static Orbel::Ptr<Entry> del(DaemonMib& m, typename Map::Iterator& it) {
+        if (it.map() && it.map() != &map(m))
+            throw Orbel::RangeException("DaemonMib: delete with an iterator of another container");
         if (it.isEnd()) return nullptr;
         Orbel::Ptr<Entry> row = it.row();
+        // The row the iterator stands on may have left the table already (removed by key,
+        // perhaps with the key made again since): then there is nothing to remove or tell.
+        if (!row->rbInTree()) return nullptr;
         const Key key = row->fwkKey();
-        if (row->rbInTree()) map(m).erase(row.ptr());
+        map(m).erase(row.ptr());
         DaemonMibAccess::versionInc(m);
         notify(m, key);
         return row;

@@ -178,6 +178,60 @@ TYPED_TEST(DaemonMibTable, DelByIteratorRemovesTheRowItStandsOn) {
     EXPECT_EQ(walk<T>(*mib), (std::vector<RefKey>{T::refKey(keys[0]), T::refKey(keys[2])}));
 }
 
+TYPED_TEST(DaemonMibTable, DelByIteratorWhoseRowWasRemovedChangesAndTellsNothing) {
+    using T = TypeParam;
+    auto mib = daemonMibFactory("daemonMIB");
+    auto a = attached(Recorder::make(), mib);
+    const auto keys = threeKeys<T>();
+    for (const auto& k : keys) T::is(*mib, k, nullptr);
+    auto it = T::map(*mib).begin();
+    ++it;
+    ASSERT_TRUE(T::del(*mib, keys[1]));
+    a->events.clear();
+    EXPECT_FALSE(T::del(*mib, it));
+    EXPECT_EQ(mib->version(), 4u);
+    EXPECT_TRUE(a->events.empty());
+    EXPECT_EQ(walk<T>(*mib), (std::vector<RefKey>{T::refKey(keys[0]), T::refKey(keys[2])}));
+}
+
+TYPED_TEST(DaemonMibTable, DelByIteratorWhoseKeyWasMadeAgainLeavesTheNewRow) {
+    using T = TypeParam;
+    auto mib = daemonMibFactory("daemonMIB");
+    auto a = attached(Recorder::make(), mib);
+    const auto keys = threeKeys<T>();
+    for (const auto& k : keys) T::is(*mib, k, nullptr);
+    auto it = T::map(*mib).begin();
+    ++it;
+    ASSERT_TRUE(T::del(*mib, keys[1]));
+    auto again = T::is(*mib, keys[1], nullptr);
+    a->events.clear();
+    EXPECT_FALSE(T::del(*mib, it));
+    EXPECT_EQ(mib->version(), 5u);
+    EXPECT_TRUE(a->events.empty());
+    EXPECT_EQ(T::lookup(*mib, keys[1]).ptr(), again.ptr());
+    EXPECT_EQ(walk<T>(*mib), (std::vector<RefKey>{T::refKey(keys[0]), T::refKey(keys[1]), T::refKey(keys[2])}));
+}
+
+TYPED_TEST(DaemonMibTable, DelByIteratorOfAnotherContainerRaisesRangeException) {
+    using T = TypeParam;
+    auto mib = daemonMibFactory("daemonMIB");
+    auto other = daemonMibFactory("other");
+    auto a = attached(Recorder::make(), mib);
+    const auto k = T::key("bgpd", "asn");
+    T::is(*mib, k, nullptr);
+    T::is(*other, k, nullptr);
+    a->events.clear();
+    auto it = T::map(*other).begin();
+    EXPECT_THROW(T::del(*mib, it), Orbel::RangeException);
+    auto end = T::map(*other).end();
+    EXPECT_THROW(T::del(*mib, end), Orbel::RangeException);
+    EXPECT_EQ(mib->version(), 1u);
+    EXPECT_EQ(other->version(), 1u);
+    EXPECT_TRUE(a->events.empty());
+    EXPECT_TRUE(T::lookup(*mib, k));
+    EXPECT_TRUE(T::lookup(*other, k));
+}
+
 TYPED_TEST(DaemonMibTable, DelAllRemovesEveryRowInAscendingOrder) {
     using T = TypeParam;
     auto mib = daemonMibFactory("daemonMIB");

@@ -179,6 +179,57 @@ TEST(DaemonMibNotifiee, ObserverMayUnregisterAndReleaseItselfInsideItsHandler) {
     EXPECT_EQ(LiveCounts::now(), before);
 }
 
+// Delivery works on the list as it was when the change was told: an observer registered
+// meanwhile hears the next change, not the one under way.
+TEST(DaemonMibNotifiee, ObserverRegisteredDuringDeliveryHearsOnlyLaterChanges) {
+    auto mib = daemonMibFactory("daemonMIB");
+    std::vector<Event> log;
+    auto a = attached(Recorder::make("a", &log), mib);
+    auto late = Recorder::make("late", &log);
+    a->hook = [&](Recorder&, const Event&) {
+        if (!late->isRegisteredNotifiee()) attached(late, mib);
+    };
+    mib->enabledTableIs("bgpd", nullptr);
+    a->hook = nullptr;
+    EXPECT_TRUE(late->isRegisteredNotifiee());
+    EXPECT_EQ(log, (std::vector<Event>{keyEvent(258, "bgpd", {}, "a")}));
+    mib->enabledTableIs("ntpd", nullptr);
+    EXPECT_EQ(log, (std::vector<Event>{keyEvent(258, "bgpd", {}, "a"), keyEvent(258, "ntpd", {}, "a"),
+                                        keyEvent(258, "ntpd", {}, "late")}));
+}
+
+// The container survives the change under way when its last outside reference is dropped
+// by an observer: every observer still hears the change; then the container goes as usual
+// (zero references told, its rows removed and told).
+TEST(DaemonMibNotifiee, LastReferenceDroppedInsideAHandlerEndsTheContainerAfterDelivery) {
+    LiveCounts::warm();
+    const LiveCounts before = LiveCounts::now();
+    {
+        std::vector<Event> log;
+        auto a = Recorder::make("a", &log);
+        auto b = Recorder::make("b", &log);
+        for (auto* o : {a.ptr(), b.ptr()}) o->isWeakReferenceIs(true);
+        auto mib = daemonMibFactory("daemonMIB");
+        attached(a, mib);
+        attached(b, mib);
+        a->hook = [&](Recorder&, const Event& e) {
+            if (e.kind != "zero") mib = nullptr;
+        };
+        DaemonMib* raw = mib.ptr();
+        raw->enabledTableIs("bgpd", nullptr);
+        a->hook = nullptr;
+        EXPECT_FALSE(mib);
+        // The change, then the zero references, then the removal of the row as the container
+        // is destroyed.
+        EXPECT_EQ(log, (std::vector<Event>{keyEvent(258, "bgpd", {}, "a"), keyEvent(258, "bgpd", {}, "b"),
+                                            zeroEvent("a"), zeroEvent("b"), keyEvent(258, "bgpd", {}, "a"),
+                                            keyEvent(258, "bgpd", {}, "b")}));
+        EXPECT_EQ(a->notifier(), nullptr);
+        EXPECT_EQ(b->notifier(), nullptr);
+    }
+    EXPECT_EQ(LiveCounts::now(), before);
+}
+
 TEST(DaemonMibNotifiee, UnregisteringAnObserverNotOnTheListLeavesTheListUnchanged) {
     auto mib = daemonMibFactory("daemonMIB");
     auto onList = attached(Recorder::make("on"), mib);

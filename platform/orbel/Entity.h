@@ -8,6 +8,14 @@
 //
 // A counted observer holds a counted reference to what it observes unless it is made weak
 // (isWeakReferenceIs(true)); the container holds no counted reference to its observers.
+//
+// Changing the list during delivery: a container tells a change to the observers that were
+// registered when the change was told (a snapshot, each observer held by a counted
+// reference while it runs). So an observer registered during delivery is not told the
+// change under way, only later ones; one unregistered during delivery is still told it if
+// somebody else holds it, and skipped if it was released; an observer may unregister and
+// release itself inside its handler. A container whose last outside reference is dropped
+// inside a handler lives until the delivery ends, and then tells its zero references.
 #pragma once
 
 #include "PtrInterface.h"
