@@ -24,10 +24,21 @@
 #include "snmp/SnmpString.h"
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <iosfwd>
 
 namespace GenericAgent {
+
+// Where hosts put the DaemonMib in the state tree, and where the module looks for it.
+inline constexpr const char* daemonMibStatePath = "snmp/launcher/daemonMIB";
+
+// The longest daemon name and option or data key that the SNMP indexes carry (the module
+// copies them into buffers of these sizes). Every writer of the model must keep names and
+// keys within them: for a longer one the converter returns a negative length, the module
+// hands that on to Net-SNMP unchecked, and Net-SNMP then overruns its buffer.
+inline constexpr std::size_t maxDaemonNameBytes = 32;
+inline constexpr std::size_t maxIndexKeyBytes = 64;
 
 // ---------------------------------------------------------------------------------------
 // Index values of the two-component tables.

@@ -1,4 +1,5 @@
 #include "AgentOptions.h"
+#include "Host.h"
 
 #include <CLI/CLI.hpp>
 
@@ -82,7 +83,6 @@ void build(CLI::App& app, AgentOptions& o) {
 
 } // namespace
 
-std::string subtreeText() { return "enterprises." + std::to_string(VELMAR_ENTERPRISE_NUMBER) + ".3.17"; }
 
 std::string joined(const std::vector<std::string>& items) {
     std::string out;

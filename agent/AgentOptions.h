@@ -27,9 +27,6 @@ int parseOptions(int argc, char** argv, AgentOptions& opts);
 // The --help text.
 std::string helpText();
 
-// "enterprises.32473.3.17" with the build's enterprise number.
-std::string subtreeText();
-
 std::string joined(const std::vector<std::string>& items);
 
 } // namespace Agent

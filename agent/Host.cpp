@@ -17,7 +17,16 @@
 #include <stdexcept>
 #include <system_error>
 
+#ifndef VELMAR_ENTERPRISE_NUMBER
+#error "VELMAR_ENTERPRISE_NUMBER must be defined by the build"
+#endif
+
 namespace Agent {
+
+const std::string& subtreeText() {
+    static const std::string text = "enterprises." + std::to_string(VELMAR_ENTERPRISE_NUMBER) + ".3.17";
+    return text;
+}
 
 namespace {
 
@@ -40,15 +49,15 @@ private:
 
 } // namespace
 
-Host::Host(StateFeed::Log log) : log_(std::move(log)) {}
+Host::Host(Feed::StateFeed::Log log) : log_(std::move(log)) {}
 
 Host::~Host() { release(); }
 
-void Host::loadState(const std::string& stateFile) {
+void Host::loadState(std::unique_ptr<Feed::Source> source) {
     if (mib_) throw std::logic_error("Host::loadState: state already loaded");
     mib_ = GenericAgent::daemonMibFactory("daemonMIB");
-    Statebase::root()->entityIs(statePath, mib_);
-    feed_ = std::make_unique<StateFeed>(stateFile, mib_, log_);
+    Statebase::root()->entityIs(GenericAgent::daemonMibStatePath, mib_);
+    feed_ = std::make_unique<Feed::StateFeed>(std::move(source), mib_, log_);
     feed_->loadInitial();
 }
 

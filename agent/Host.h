@@ -1,12 +1,12 @@
 // What every process that serves the daemon MIB does, whoever owns the Net-SNMP agent:
-// puts a DaemonMib into the state tree where the module looks for it, fills it from the
-// launcher's state file through the state feed, loads the module through the plugin
-// layer, hooks the feed into Net-SNMP's select loop, and takes all of that down again.
+// puts a DaemonMib into the state tree where the module looks for it, fills it from a
+// launcher source through the feed, loads the module through the plugin layer, hooks the
+// feed into Net-SNMP's select loop, and takes all of that down again.
 // velmar-snmp-agent (which owns its agent) and the snmpd dlmod bridge (a guest in
 // snmpd's) share it.
 //
-//   Agent::Host host([](const std::string& line) { std::cerr << line << "\n"; });
-//   host.loadState("/run/launcher/state.json");   // throws Agent::StateError
+//   Agent::Host host([](Feed::Severity, const std::string& line) { std::cerr << line << "\n"; });
+//   host.loadState(std::make_unique<Feed::FileSource>("/run/launcher/state.json"));  // Feed::StateError
 //   // ... Net-SNMP initialised (init_agent, init_snmp) ...
 //   host.loadModule("/usr/lib/velmar/modules/VelmarDaemonMIB.so", {});  // Orbel::Exception
 //   host.startFeed();                             // reloads now reach the select loop
@@ -18,9 +18,10 @@
 // Threads: every method runs on the thread of Net-SNMP's select loop, which is the one
 // thread that touches the model. The feed's worker thread is started with every signal
 // blocked, so that signals meant for the select loop (SIGTERM, SIGHUP) wake that loop.
+// The host knows sources only through Feed::Source.
 #pragma once
 
-#include "StateFeed.h"
+#include "feed/core/StateFeed.h"
 
 #include "GenericAgent/GenericAgentSnmp.h"
 #include "snmp/HandlerRegistration.h"
@@ -34,21 +35,19 @@ namespace Agent {
 
 class Host {
 public:
-    // Where the module finds the DaemonMib in the state tree.
-    static constexpr const char* statePath = "snmp/launcher/daemonMIB";
-
     // log receives the feed's lines (one per call, on the loop thread).
-    explicit Host(StateFeed::Log log);
+    explicit Host(Feed::StateFeed::Log log);
     // Does what stopServing() and release() have not done yet.
     ~Host();
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
 
-    // Makes the DaemonMib, puts it at statePath in the state tree (replacing any entry
-    // there) and loads the state file into it. Throws Agent::StateError (the file is
-    // named in the message); the DaemonMib then stays in the tree, empty, until release().
-    // Precondition: no state loaded yet (std::logic_error otherwise).
-    void loadState(const std::string& stateFile);
+    // Makes the DaemonMib, puts it at GenericAgent::daemonMibStatePath in the state tree
+    // (replacing any entry there) and has source load its launcher's state into it. Keeps
+    // source. Throws Feed::StateError (naming the source); the DaemonMib then stays in the
+    // tree, empty, until release(). Precondition: no state loaded yet (std::logic_error
+    // otherwise).
+    void loadState(std::unique_ptr<Feed::Source> source);
 
     // Loads the module library and initialises it in the default context and then in each
     // of contexts. Needs Net-SNMP's agent library initialised (handlers are registered).
@@ -56,9 +55,9 @@ public:
     // then. Precondition: no module loaded yet (std::logic_error otherwise).
     void loadModule(const std::string& modulePath, const std::vector<std::string>& contexts);
 
-    // Registers the feed's eventfd with Net-SNMP's select loop (register_readfd; each
-    // wake-up applies what the worker found) and starts the worker. Throws
-    // std::system_error when the worker cannot be had; nothing stays registered then.
+    // Registers the feed's descriptor with Net-SNMP's select loop (register_readfd; each
+    // wake-up applies what the source found) and starts the source. Throws
+    // std::system_error when the source cannot start; nothing stays registered then.
     // Precondition: loadState() succeeded.
     void startFeed();
 
@@ -69,7 +68,7 @@ public:
     // Throws std::system_error when no eventfd can be had.
     void runActivitiesFromSelectLoop();
 
-    // Stops the worker, takes the feed's and the activity loop's descriptors out of the
+    // Stops the source, takes the feed's and the activity loop's descriptors out of the
     // select loop, and withdraws the module from every context (the library stays loaded,
     // so that Net-SNMP may still free what it holds of it). Safe to repeat.
     void stopServing();
@@ -79,7 +78,7 @@ public:
     void release();
 
     const Orbel::Ptr<GenericAgent::DaemonMib>& mib() const noexcept { return mib_; }
-    StateFeed* feed() const noexcept { return feed_.get(); }
+    Feed::StateFeed* feed() const noexcept { return feed_.get(); }
     Snmp::ModuleLoader* module() const noexcept { return module_.get(); }
     // The feed's eventfd is on the select loop.
     bool feedStarted() const noexcept { return feedRegistered_; }
@@ -88,12 +87,15 @@ private:
     static void onFeedEvent(int fd, void* host);
     static void onActivityWakeup(int fd, void* host);
 
-    StateFeed::Log log_;
+    Feed::StateFeed::Log log_;
     Orbel::Ptr<GenericAgent::DaemonMib> mib_;
-    std::unique_ptr<StateFeed> feed_;
+    std::unique_ptr<Feed::StateFeed> feed_;
     std::unique_ptr<Snmp::ModuleLoader> module_;
     bool feedRegistered_ = false;
     int activityFd_ = -1;   // wake-up eventfd of the activity loop (runActivitiesFromSelectLoop)
 };
+
+// "enterprises.32473.3.17" with the build's enterprise number: the subtree served.
+const std::string& subtreeText();
 
 } // namespace Agent

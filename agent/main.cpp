@@ -7,6 +7,8 @@
 #include "AgentOptions.h"
 #include "Host.h"
 
+#include "feed/file/FileSource.h"
+
 #include "orbel/Activity.h"
 #include "orbel/TraceHandle.h"
 
@@ -109,11 +111,11 @@ int main(int argc, char** argv) {
     }
 
     // The state model, at the path the module looks for it.
-    Agent::Host host([](const std::string& line) {
+    Agent::Host host([](Feed::Severity, const std::string& line) {
         std::cerr << appName << ": " << line << std::endl;
     });
     try {
-        host.loadState(opts.stateFile);
+        host.loadState(std::make_unique<Feed::FileSource>(opts.stateFile));
     } catch (const std::exception& e) {
         std::cerr << appName << ": " << e.what() << "\n";
         return 1;

@@ -16,7 +16,9 @@
 #include "Baselines.h"
 #include "BenchRows.h"
 
-#include "agent/StateFeed.h"
+#include "feed/core/StateFeed.h"
+#include "feed/file/FileSource.h"
+#include "feed/file/StateReader.h"
 #include "orbel/Activity.h"
 #include "snmp/HandlerRegistration.h"
 #include "statebase/Statebase.h"
@@ -100,8 +102,9 @@ int main(int argc, char** argv) {
 
     // The model, filled by the state feed exactly as velmar-snmp-agent fills it.
     Orbel::Ptr<GenericAgent::DaemonMib> mib = GenericAgent::daemonMibFactory("daemonMIB");
-    Statebase::root()->entityIs("snmp/launcher/daemonMIB", mib);
-    auto feed = std::make_unique<Agent::StateFeed>(stateFile, mib, [](const std::string& line) {
+    Statebase::root()->entityIs(GenericAgent::daemonMibStatePath, mib);
+    auto feed = std::make_unique<Feed::StateFeed>(std::make_unique<Feed::FileSource>(stateFile), mib,
+                                                  [](Feed::Severity, const std::string& line) {
         std::cerr << appName << ": " << line << std::endl;
     });
     try {

@@ -109,14 +109,14 @@ bool indexLess(const Row& a, const Row& b) {
 
 } // namespace
 
-Agent::LauncherState makeState(const StateShape& shape) {
+Feed::LauncherState makeState(const StateShape& shape) {
     Random r(shape.seed);
-    Agent::LauncherState state;
+    Feed::LauncherState state;
     std::size_t options = 0, data = 0;
     for (std::size_t d = 0; options < shape.optionRows || data < shape.dataRows; ++d) {
         std::string name = daemonName(r, d);
         while (state.count(name)) name = daemonName(r, d + 1000003 * (1 + r.below(1000)));
-        Agent::DaemonState& s = state[name];
+        Feed::DaemonState& s = state[name];
         s.hasConfig = true;
         s.enabled = r.below(4) != 0;
         s.hasStatus = true;
@@ -140,7 +140,7 @@ Agent::LauncherState makeState(const StateShape& shape) {
     return state;
 }
 
-std::string stateJson(const Agent::LauncherState& state) {
+std::string stateJson(const Feed::LauncherState& state) {
     std::string out = "{\n  \"daemons\": {";
     bool firstDaemon = true;
     for (const auto& [name, s] : state) {
@@ -177,7 +177,7 @@ std::string stateJson(const Agent::LauncherState& state) {
     return out;
 }
 
-std::vector<Row> optionRows(const Agent::LauncherState& state) {
+std::vector<Row> optionRows(const Feed::LauncherState& state) {
     std::vector<Row> rows;
     for (const auto& [name, s] : state)
         for (const auto& [k, v] : s.options)
@@ -196,7 +196,7 @@ std::vector<unsigned long> indexOid(const std::string& name, const std::string& 
     return o;
 }
 
-std::size_t stringBytes(const Agent::LauncherState& state) {
+std::size_t stringBytes(const Feed::LauncherState& state) {
     std::size_t n = 0;
     for (const auto& [name, s] : state) {
         n += name.size();
@@ -208,7 +208,7 @@ std::size_t stringBytes(const Agent::LauncherState& state) {
     return n;
 }
 
-std::size_t rowStringBytes(const Agent::LauncherState& state) {
+std::size_t rowStringBytes(const Feed::LauncherState& state) {
     std::size_t n = 0;
     for (const auto& [name, s] : state) {
         for (const auto& [k, v] : s.options)
@@ -219,7 +219,7 @@ std::size_t rowStringBytes(const Agent::LauncherState& state) {
     return n;
 }
 
-std::size_t modelRows(const Agent::LauncherState& state) {
+std::size_t modelRows(const Feed::LauncherState& state) {
     std::size_t n = 0;
     for (const auto& [name, s] : state) {
         n += 2;

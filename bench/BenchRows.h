@@ -5,12 +5,14 @@
 // same rows.
 //
 //   Bench::StateShape shape{.optionRows = 10000, .dataRows = 10000};
-//   Agent::LauncherState s = Bench::makeState(shape);
+//   Feed::LauncherState s = Bench::makeState(shape);
 //   std::string json = Bench::stateJson(s);               // the file the launcher would write
 //   std::vector<Bench::Row> rows = Bench::optionRows(s);  // in SNMP index order
 #pragma once
 
-#include "agent/StateFeed.h"
+#include "feed/core/StateFeed.h"
+#include "feed/file/FileSource.h"
+#include "feed/file/StateReader.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -46,10 +48,10 @@ private:
 };
 
 // The state of that shape; every option and data value is non-empty (each key is a row).
-Agent::LauncherState makeState(const StateShape& shape);
+Feed::LauncherState makeState(const StateShape& shape);
 
-// The state as the launcher writes it (indented JSON), accepted by Agent::parseState.
-std::string stateJson(const Agent::LauncherState& state);
+// The state as the launcher writes it (indented JSON), accepted by Feed::parseState.
+std::string stateJson(const Feed::LauncherState& state);
 
 // One row of the option (or data) table: the daemon name, the key and the value.
 struct Row {
@@ -60,20 +62,20 @@ struct Row {
 
 // The option rows (every option with a non-empty value), sorted in SNMP index order:
 // shorter name first, then bytes; for equal names, shorter key first, then bytes.
-std::vector<Row> optionRows(const Agent::LauncherState& state);
+std::vector<Row> optionRows(const Feed::LauncherState& state);
 
 // The index of a row as OID sub-identifiers: length and bytes of the name, then of the key.
 std::vector<unsigned long> indexOid(const std::string& name, const std::string& key);
 
 // Bytes of the state's own strings, each counted once: every daemon name, and the key and
 // value of every option and data row.
-std::size_t stringBytes(const Agent::LauncherState& state);
+std::size_t stringBytes(const Feed::LauncherState& state);
 
 // Bytes of the strings each option and data row is made of (its name, key and value),
 // summed over the rows: a name shared by many rows counts once per row.
-std::size_t rowStringBytes(const Agent::LauncherState& state);
+std::size_t rowStringBytes(const Feed::LauncherState& state);
 
 // Rows of the four tables: enabled and running (one each per daemon), option and data.
-std::size_t modelRows(const Agent::LauncherState& state);
+std::size_t modelRows(const Feed::LauncherState& state);
 
 } // namespace Bench

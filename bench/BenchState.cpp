@@ -35,7 +35,7 @@ int main(int argc, char** argv) {
         std::cerr << "usage: velmar-bench-state --option-rows N --data-rows N --out FILE\n";
         return 2;
     }
-    const Agent::LauncherState state = Bench::makeState(shape);
+    const Feed::LauncherState state = Bench::makeState(shape);
     const std::string json = Bench::stateJson(state);
     {
         std::ofstream f(out + ".tmp", std::ios::binary);

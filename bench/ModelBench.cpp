@@ -19,7 +19,9 @@
 #include "BenchRows.h"
 
 #include "GenericAgent/GenericAgentSnmp.h"
-#include "agent/StateFeed.h"
+#include "feed/core/StateFeed.h"
+#include "feed/file/FileSource.h"
+#include "feed/file/StateReader.h"
 #include "orbel/TraceHandle.h"
 #include "snmp/HandlerRegistration.h"
 #include "statebase/Statebase.h"
@@ -162,9 +164,9 @@ public:
         Bench::StateShape shape;
         shape.optionRows = n;
         shape.dataRows = 0;
-        const Agent::LauncherState s = Bench::makeState(shape);
-        applier_ = std::make_unique<Agent::StateApplier>(mib_);
-        applier_->apply(Agent::diffStates({}, s));
+        const Feed::LauncherState s = Bench::makeState(shape);
+        applier_ = std::make_unique<Feed::StateApplier>(mib_);
+        applier_->apply(Feed::diffStates({}, s));
         rows_ = n;
     }
 
@@ -182,7 +184,7 @@ private:
         init_agent("velmar-bench-model");
         init_snmp("velmar-bench-model");
         mib_ = GenericAgent::daemonMibFactory("daemonMIB");
-        Statebase::root()->entityIs("snmp/launcher/daemonMIB", mib_);
+        Statebase::root()->entityIs(GenericAgent::daemonMibStatePath, mib_);
         loader_ = std::make_unique<Snmp::ModuleLoader>(VELMAR_MODULE_PATH);
         loader_->initContext("");
         const std::vector<oid> root = {1, 3, 6, 1, 4, 1, VELMAR_ENTERPRISE_NUMBER, 3, 17, 1, 2};
@@ -201,7 +203,7 @@ private:
 
     Orbel::Ptr<DaemonMib> mib_;
     std::unique_ptr<Snmp::ModuleLoader> loader_;
-    std::unique_ptr<Agent::StateApplier> applier_;
+    std::unique_ptr<Feed::StateApplier> applier_;
     std::size_t rows_ = static_cast<std::size_t>(-1);
     netsnmp_iterator_info* iinfo_ = nullptr;
     Netsnmp_Node_Handler* handler_ = nullptr;

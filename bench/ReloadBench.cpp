@@ -2,7 +2,7 @@
 // same file costs, on the real state feed.
 //
 // A state file of --rows key rows (half options, half data; realistic mixed lengths) is
-// loaded once through Agent::StateFeed, whose worker is then started. Each round replaces
+// loaded once through a Feed::StateFeed on a Feed::FileSource, whose worker is then started. Each round replaces
 // the file atomically (write, rename) with a copy in which one option value differs, waits
 // for the worker to post the difference, and applies it with handleEvent(), as the
 // agent's loop does. Measured per round:
@@ -17,7 +17,7 @@
 //   release  the worker's CPU for that hand-back
 //   parse_after_release   the parse alone after its memory went back to the system, which
 //            reload_after_release is compared with (both fault their memory in)
-//   parse    Agent::loadStateFile of the same file on this thread (read + parse + validate)
+//   parse    Feed::loadStateFile of the same file on this thread (read + parse + validate)
 // and checked: the difference is one value changed in place, no row comes or goes (an
 // observer of the DaemonMib hears nothing), and the row objects are the same ones.
 //
@@ -25,7 +25,9 @@
 //   velmar-bench-reload --rows 100000 --rounds 9 --cold-rounds 3 --dir /tmp/x
 #include "BenchRows.h"
 
-#include "agent/StateFeed.h"
+#include "feed/core/StateFeed.h"
+#include "feed/file/FileSource.h"
+#include "feed/file/StateReader.h"
 
 #include <malloc.h>
 #include <poll.h>
@@ -98,7 +100,7 @@ int main(int argc, char** argv) {
     Bench::StateShape shape;
     shape.optionRows = rows / 2;
     shape.dataRows = rows - rows / 2;
-    Agent::LauncherState state = Bench::makeState(shape);
+    Feed::LauncherState state = Bench::makeState(shape);
     // The value that changes: the first option of the middle daemon.
     auto middle = std::next(state.begin(), static_cast<long>(state.size() / 2));
     std::string& changing = middle->second.options.begin()->second;
@@ -117,21 +119,22 @@ int main(int argc, char** argv) {
     std::vector<double> parse, coldParse;
     for (std::size_t r = 0; r < rounds; ++r) {
         const double t0 = threadCpu();
-        Agent::LauncherState s = Agent::loadStateFile(path);
+        Feed::LauncherState s = Feed::loadStateFile(path);
         const double t1 = threadCpu();
         parse.push_back(t1 - t0);
     }
     for (std::size_t r = 0; r < coldRounds; ++r) {
         malloc_trim(0);
         const double t0 = threadCpu();
-        Agent::LauncherState s = Agent::loadStateFile(path);
+        Feed::LauncherState s = Feed::loadStateFile(path);
         const double t1 = threadCpu();
         coldParse.push_back(t1 - t0);
     }
 
     Orbel::Ptr<GenericAgent::DaemonMib> mib = GenericAgent::daemonMibFactory("daemonMIB");
     std::vector<std::string> log;
-    Agent::StateFeed feed(path, mib, [&](const std::string& line) { log.push_back(line); });
+    Feed::StateFeed feed(std::make_unique<Feed::FileSource>(path), mib,
+                         [&](Feed::Severity, const std::string& line) { log.push_back(line); });
     feed.loadInitial();
     const std::size_t modelRows = mib->enabledTable().size() + mib->optionTable().size() +
                                   mib->runningTable().size() + mib->dataTable().size();

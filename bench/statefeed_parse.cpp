@@ -13,7 +13,9 @@
 // Build and run, from the repository root:
 //   cmake --preset release && cmake --build --preset release --target statefeed_parse
 //   build/release/bench/statefeed_parse [--runs N]
-#include "agent/StateFeed.h"
+#include "feed/core/StateFeed.h"
+#include "feed/file/FileSource.h"
+#include "feed/file/StateReader.h"
 
 #include <nlohmann/json.hpp>
 
@@ -23,7 +25,7 @@
 #include <functional>
 #include <string>
 
-using namespace Agent;
+using namespace Feed;
 
 namespace {
 

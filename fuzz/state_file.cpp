@@ -1,8 +1,8 @@
-// Fuzz target: the launcher state file, Agent::parseState, and what is done with a state
+// Fuzz target: the launcher state file, Feed::parseState, and what is done with a state
 // that it accepts (diffStates and StateApplier on a real DaemonMib).
 //
 // What must hold, besides running clean under AddressSanitizer and UBSan:
-//   - a refused file raises Agent::StateError, never anything else, with one line of
+//   - a refused file raises Feed::StateError, never anything else, with one line of
 //     valid UTF-8 that starts "state file <name>: ";
 //   - an accepted state keeps the documented limits: names 1 to 32 bytes, keys at most 64,
 //     values at most 10240, all valid UTF-8; no flag and no keys without their section;
@@ -16,7 +16,9 @@
 //     b, empty) and leaves no object or string behind.
 #include "FuzzCheck.h"
 
-#include "agent/StateFeed.h"
+#include "feed/core/StateFeed.h"
+#include "feed/file/FileSource.h"
+#include "feed/file/StateReader.h"
 
 #include <algorithm>
 #include <exception>
@@ -26,8 +28,8 @@
 
 namespace {
 
-using Agent::DaemonState;
-using Agent::LauncherState;
+using Feed::DaemonState;
+using Feed::LauncherState;
 using Keys = std::map<std::string, std::string>;
 
 const std::string fileName = "fuzz/state.json";
@@ -171,18 +173,18 @@ std::size_t rowsWithValues(const LauncherState& state) {
 
 // --- Differences, applied here independently of StateApplier ------------------------------
 
-void applySection(const Agent::SectionChange& c, bool& has, bool& flag, Keys& keys) {
+void applySection(const Feed::SectionChange& c, bool& has, bool& flag, Keys& keys) {
     has = c.after;
     if (c.flag) flag = *c.flag;
-    for (const Agent::KeyChange& k : c.keys) {
+    for (const Feed::KeyChange& k : c.keys) {
         if (k.value) keys[k.key] = *k.value;
         else keys.erase(k.key);
     }
     if (!has) flag = false;
 }
 
-LauncherState applied(LauncherState state, const Agent::StateDiff& diff) {
-    for (const Agent::DaemonChange& d : diff.daemons) {
+LauncherState applied(LauncherState state, const Feed::StateDiff& diff) {
+    for (const Feed::DaemonChange& d : diff.daemons) {
         if (!d.after) {
             state.erase(d.name);
             continue;
@@ -241,7 +243,7 @@ LauncherState derived(const LauncherState& a) {
 
 // --- Checks -------------------------------------------------------------------------------
 
-void checkRefusal(const Fuzz::Case& c, const Agent::StateError& e) {
+void checkRefusal(const Fuzz::Case& c, const Feed::StateError& e) {
     std::string_view m = e.what();
     std::string prefix = "state file " + fileName + ": ";
     c.check(m.substr(0, prefix.size()) == prefix, "a refusal does not start with the file prefix", m);
@@ -273,7 +275,7 @@ void checkReparse(const Fuzz::Case& c, const LauncherState& s, bool escapeAll) {
     std::string json = toJson(s, escapeAll);
     LauncherState back;
     try {
-        back = Agent::parseState(json, fileName);
+        back = Feed::parseState(json, fileName);
     } catch (const std::exception& e) {
         c.finding(escapeAll ? "an accepted state written with escapes is refused" : "an accepted state written back is refused",
                   json.substr(0, 2048) + " -> " + e.what());
@@ -283,16 +285,16 @@ void checkReparse(const Fuzz::Case& c, const LauncherState& s, bool escapeAll) {
 }
 
 void checkDiffs(const Fuzz::Case& c, const LauncherState& a, const LauncherState& b) {
-    c.check(Agent::diffStates(a, a).empty(), "a state differs from itself");
-    Agent::StateDiff ab = Agent::diffStates(a, b);
+    c.check(Feed::diffStates(a, a).empty(), "a state differs from itself");
+    Feed::StateDiff ab = Feed::diffStates(a, b);
     c.check(ab.empty() == (a == b), "an empty difference between unequal states, or the reverse");
     c.check(applied(a, ab) == b, "the difference from a to b applied to a is not b");
-    c.check(applied(b, Agent::diffStates(b, a)) == a, "the difference from b to a applied to b is not a");
+    c.check(applied(b, Feed::diffStates(b, a)) == a, "the difference from b to a applied to b is not a");
 
     // Rows come and go as the counts say: enabled and running rows, one per daemon each,
     // and a row per non-empty value.
     auto rows = [](const LauncherState& s) { return static_cast<long long>(2 * s.size() + rowsWithValues(s)); };
-    Agent::StateDiff::Counts counts = ab.counts();
+    Feed::StateDiff::Counts counts = ab.counts();
     c.check(static_cast<long long>(counts.rowsAdded) - static_cast<long long>(counts.rowsRemoved) == rows(b) - rows(a),
             "the counts of a difference do not add up to the rows it makes and removes", ab.summary());
     c.check(ab.changes() == counts.rowsAdded + counts.rowsRemoved + counts.inPlace,
@@ -300,14 +302,14 @@ void checkDiffs(const Fuzz::Case& c, const LauncherState& a, const LauncherState
     c.check(ab.empty() == (ab.changes() == 0 && counts.daemonsAdded == 0 && counts.daemonsRemoved == 0),
             "a difference with no change is not empty, or the reverse", ab.summary());
 
-    Agent::StateDiff::Counts fresh = Agent::diffStates({}, a).counts();
+    Feed::StateDiff::Counts fresh = Feed::diffStates({}, a).counts();
     c.check(fresh.daemonsAdded == a.size() && fresh.daemonsRemoved == 0 &&
                 fresh.rowsAdded == 2 * a.size() + rowsWithValues(a) && fresh.rowsRemoved == 0 && fresh.inPlace == 0,
-            "the counts of a first load do not match its rows", Agent::diffStates({}, a).summary());
-    Agent::StateDiff::Counts gone = Agent::diffStates(a, {}).counts();
+            "the counts of a first load do not match its rows", Feed::diffStates({}, a).summary());
+    Feed::StateDiff::Counts gone = Feed::diffStates(a, {}).counts();
     c.check(gone.daemonsRemoved == a.size() && gone.rowsRemoved == 2 * a.size() + rowsWithValues(a) &&
                 gone.rowsAdded == 0 && gone.inPlace == 0,
-            "the counts of removing everything do not match the rows", Agent::diffStates(a, {}).summary());
+            "the counts of removing everything do not match the rows", Feed::diffStates(a, {}).summary());
 }
 
 void checkApplier(const Fuzz::Case& c, const LauncherState& a, const LauncherState& b) {
@@ -315,13 +317,13 @@ void checkApplier(const Fuzz::Case& c, const LauncherState& a, const LauncherSta
     auto bodies = Orbel::String::liveBodies();
     {
         auto mib = GenericAgent::daemonMibFactory("daemonMIB");
-        Agent::StateApplier applier(mib);
+        Feed::StateApplier applier(mib);
         for (const LauncherState* next : {&a, &b, &a}) {
-            applier.apply(Agent::diffStates(applier.applied(), *next));
+            applier.apply(Feed::diffStates(applier.applied(), *next));
             c.check(applier.applied() == *next, "the applier records another state than it was given");
             c.check(servedRows(*mib) == expectedRows(*next), "the served rows differ from the state's rows");
         }
-        applier.apply(Agent::diffStates(applier.applied(), {}));
+        applier.apply(Feed::diffStates(applier.applied(), {}));
         c.check(servedRows(*mib).empty(), "rows are left after the state is emptied");
     }
     c.check(Orbel::PtrInterface::liveInstances() == instances, "objects are left behind after the model goes");
@@ -334,11 +336,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     // Registers the model's types and warms every lazily made object up, so that the
     // counts of live objects compare equal across one input.
     auto mib = GenericAgent::daemonMibFactory("warm-up");
-    Agent::StateApplier applier(mib);
+    Feed::StateApplier applier(mib);
     LauncherState s;
     s["w"] = DaemonState{true, true, {{"k", "v"}}, true, true, {{"d", "v"}}};
-    applier.apply(Agent::diffStates({}, s));
-    applier.apply(Agent::diffStates(s, {}));
+    applier.apply(Feed::diffStates({}, s));
+    applier.apply(Feed::diffStates(s, {}));
     return 0;
 }
 
@@ -349,12 +351,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     std::optional<LauncherState> state;
     try {
-        state = Agent::parseState(c.bytes(), fileName);
-    } catch (const Agent::StateError& e) {
+        state = Feed::parseState(c.bytes(), fileName);
+    } catch (const Feed::StateError& e) {
         checkRefusal(c, e);
         return 0;
     } catch (const std::exception& e) {
-        c.finding("parseState raised an exception that is not Agent::StateError", e.what());
+        c.finding("parseState raised an exception that is not Feed::StateError", e.what());
     } catch (...) {
         c.finding("parseState raised something that is not an exception");
     }

@@ -66,9 +66,9 @@ using GenericAgent::DaemonMib;
 // Source file name that traces and assertions carry.
 constexpr const char* sourceFile = "VelmarDaemonMIB";
 // Where the state model lives in the state tree.
-constexpr const char* statebasePath = "snmp/launcher/daemonMIB";
+constexpr const char* statebasePath = GenericAgent::daemonMibStatePath;
 // The anticipated-exception id of Orbel::RangeException.
-constexpr int rangeExceptionId = 12;
+constexpr int rangeExceptionId = Orbel::Exception::range;
 
 // The module's one trace facility.
 Orbel::TraceHandle& _defaultTraceHandle() {
@@ -152,7 +152,7 @@ struct EnabledTable {
     static constexpr const char* keyTypeWord = "Snmp::String";
     static constexpr unsigned column = 2;
     static constexpr const char* columnName = "velmarDaemonEnabled";
-    static constexpr std::size_t indexBuffer = 32;
+    static constexpr std::size_t indexBuffer = GenericAgent::maxDaemonNameBytes;
     static Key keyOf(const Snmp::String& name, const Snmp::String&) { return name; }
     static const Snmp::String& printedKey(const Entry& row) { return row.agentName(); }
     // The value: the enabled flag as a TruthValue.
@@ -181,7 +181,7 @@ struct OptionTable {
     static constexpr const char* keyTypeWord = "GenericAgent::OptionTableIndex";
     static constexpr unsigned column = 3;
     static constexpr const char* columnName = "velmarDaemonOptionValue";
-    static constexpr std::size_t indexBuffer = 64;
+    static constexpr std::size_t indexBuffer = GenericAgent::maxIndexKeyBytes;
     static Key keyOf(const Snmp::String& name, const Snmp::String& key) { return Key(name, key); }
     static Key printedKey(const Entry& row) { return row.index(); }
     // The value: the option's value as an octet string of 1 to 10240 bytes.
@@ -211,7 +211,7 @@ struct RunningTable {
     static constexpr const char* keyTypeWord = "Snmp::String";
     static constexpr unsigned column = 2;
     static constexpr const char* columnName = "velmarDaemonRunning";
-    static constexpr std::size_t indexBuffer = 32;
+    static constexpr std::size_t indexBuffer = GenericAgent::maxDaemonNameBytes;
     static Key keyOf(const Snmp::String& name, const Snmp::String&) { return name; }
     static const Snmp::String& printedKey(const Entry& row) { return row.agentName(); }
     static constexpr bool stringValue = false;
@@ -239,7 +239,7 @@ struct DataTable {
     static constexpr const char* keyTypeWord = "GenericAgent::DataTableIndex";
     static constexpr unsigned column = 3;
     static constexpr const char* columnName = "velmarDaemonDataValue";
-    static constexpr std::size_t indexBuffer = 64;
+    static constexpr std::size_t indexBuffer = GenericAgent::maxIndexKeyBytes;
     static Key keyOf(const Snmp::String& name, const Snmp::String& key) { return Key(name, key); }
     static Key printedKey(const Entry& row) { return row.index(); }
     static constexpr bool stringValue = true;
@@ -266,12 +266,14 @@ netsnmp_variable_list* iterationHelper(typename T::Context* context, netsnmp_var
     const typename T::Entry& row = *context->iterator;
     VELMAR_TRACE(2, T::helper, T::helper << " - iterator has another value: agentName=" << row.agentName());
     unsigned char buffer[T::indexBuffer];
-    int n = Snmp::StringToAsnOctetStringF()(row.agentName(), buffer, 32);
+    // Deliberate: the converter's result goes to Net-SNMP unchecked; the model's writers keep
+    // names and keys within the index limits (GenericAgentSnmp.h), so it is never negative.
+    int n = Snmp::StringToAsnOctetStringF()(row.agentName(), buffer, static_cast<int>(GenericAgent::maxDaemonNameBytes));
     snmp_set_var_typed_value(v, ASN_OCTET_STR, buffer, n);
     if constexpr (T::components == 2) {
         netsnmp_variable_list* w = v->next_variable;
         VELMAR_TRACE(2, T::helper, T::helper << " - iterator has another value: key=" << row.key());
-        n = Snmp::StringToAsnOctetStringF()(row.key(), buffer, 64);
+        n = Snmp::StringToAsnOctetStringF()(row.key(), buffer, static_cast<int>(GenericAgent::maxIndexKeyBytes));
         snmp_set_var_typed_value(w, ASN_OCTET_STR, buffer, n);
     }
     return v;
@@ -431,11 +433,15 @@ int handleRequests(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* re
                          T::handler << ": request GET for column " << T::columnName << ", key " << T::printedKey(row));
             unsigned char buffer[T::valueBuffer];
             const int n = T::convert(row, buffer);
+            // Deliberate: for the flag tables this branch cannot run with this platform (a
+            // TruthValue always fits the buffer); it is kept so that every table answers alike.
             if (n < 0) {
                 VELMAR_TRACE(2, T::handler, T::conversionFailed);
                 netsnmp_request_set_error(requests, SNMP_ERR_GENERR);
                 return SNMP_ERR_GENERR;
             }
+            // Deliberate, here and above: the error is set on the first request of the list,
+            // not on the one that failed, and the handler stops there.
             if constexpr (T::stringValue) {
                 if (n < 1 || n > static_cast<int>(T::valueBuffer)) {
                     VELMAR_TRACE(2, T::handler, T::lengthOutOfRange << n << ")");

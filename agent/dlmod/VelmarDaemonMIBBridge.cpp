@@ -30,6 +30,7 @@
 // SIGHUP makes snmpd unload every dlmod library and read its configuration again, which
 // loads this one afresh: the settings are read again and the state file loaded anew.
 #include "agent/Host.h"
+#include "feed/file/FileSource.h"
 
 #include "orbel/Exception.h"
 #include "orbel/TraceHandle.h"
@@ -59,9 +60,6 @@ namespace {
 
 constexpr const char* bridgeName = "velmar_daemon_mib";
 
-#define VELMAR_STRINGIFY2(x) #x
-#define VELMAR_STRINGIFY(x) VELMAR_STRINGIFY2(x)
-constexpr const char* subtree = "enterprises." VELMAR_STRINGIFY(VELMAR_ENTERPRISE_NUMBER) ".3.17";
 
 // What snmpd.conf said.
 struct Settings {
@@ -250,10 +248,15 @@ void startServing() {
     const bool defaultModule = s.modulePath.empty();
     const std::string modulePath = defaultModule ? defaultModulePath() : s.modulePath;
 
-    bridge->host = std::make_unique<Agent::Host>([](const std::string& line) { logLine(LOG_NOTICE, line); });
+    bridge->host = std::make_unique<Agent::Host>([](Feed::Severity severity, const std::string& line) {
+        logLine(severity == Feed::Severity::error     ? LOG_ERR
+                : severity == Feed::Severity::warning ? LOG_WARNING
+                                                      : LOG_NOTICE,
+                line);
+    });
     Agent::Host& host = *bridge->host;
     try {
-        host.loadState(s.stateFile);
+        host.loadState(std::make_unique<Feed::FileSource>(s.stateFile));
     } catch (const std::exception& e) {
         logLine(LOG_ERR, std::string(stateFileToken) + ": " + e.what() + "; serving nothing");   // names the file
         stopServing(false);
@@ -280,7 +283,7 @@ void startServing() {
 
     std::string contexts;
     for (const auto& c : s.contexts) contexts += (contexts.empty() ? "" : ", ") + c;
-    logLine(LOG_INFO, std::string("serving VELMAR-DAEMON-MIB (") + subtree + ") from " + s.stateFile + " with " + modulePath +
+    logLine(LOG_INFO, "serving VELMAR-DAEMON-MIB (" + Agent::subtreeText() + ") from " + s.stateFile + " with " + modulePath +
                           (contexts.empty() ? "" : " (also initialised in contexts " + contexts + ")"));
 }
 

@@ -4,7 +4,9 @@
 // of 127.0.0.1 until SIGTERM.
 //
 //   velmar-test-host MODULE FIXTURE PORT [CONTEXT...]
-#include "agent/StateFeed.h"
+#include "feed/core/StateFeed.h"
+#include "feed/file/FileSource.h"
+#include "feed/file/StateReader.h"
 
 #include "GenericAgent/GenericAgentSnmp.h"
 #include "snmp/HandlerRegistration.h"
@@ -37,16 +39,16 @@ int main(int argc, char** argv) {
     std::ifstream in(argv[2]);
     std::stringstream text;
     text << in.rdbuf();
-    Agent::LauncherState state;
+    Feed::LauncherState state;
     try {
-        state = Agent::parseState(text.str(), argv[2]);
+        state = Feed::parseState(text.str(), argv[2]);
     } catch (const std::exception& e) {
         std::cerr << e.what() << "\n";
         return 1;
     }
     using namespace GenericAgent;
     auto mib = daemonMibFactory("daemonMIB");
-    Statebase::root()->entityIs("snmp/launcher/daemonMIB", mib);
+    Statebase::root()->entityIs(GenericAgent::daemonMibStatePath, mib);
     for (const auto& [name, d] : state) {
         Orbel::Ptr<Config> cfg;
         Orbel::Ptr<Status> st;

@@ -30,7 +30,8 @@ EXPECTED_FILES = {
     "./usr/lib/velmar/libvelmar-orbel.so": "$ORIGIN",
     "./usr/lib/velmar/libvelmar-statebase.so": "$ORIGIN",
     "./usr/lib/velmar/libvelmar-launcher.so": "$ORIGIN",
-    "./usr/lib/velmar/libvelmar-snmp.so": "$ORIGIN",
+    "./usr/lib/velmar/libvelmar-snmpstring.so": "$ORIGIN",
+    "./usr/lib/velmar/libvelmar-snmpplugin.so": "$ORIGIN",
     "./usr/lib/velmar/libvelmar-genericagent.so": "$ORIGIN",
     "./usr/lib/velmar/modules/VelmarDaemonMIB.so": "$ORIGIN/..",
     "./usr/lib/velmar/dlmod/velmar_daemon_mib.so": "$ORIGIN/..",
@@ -236,7 +237,7 @@ class DebianPackageTest(unittest.TestCase):
             with open("/proc/%d/maps" % agent.pid) as f:
                 mapped = {line.split()[-1] for line in f if "velmar" in line.lower() and "/" in line}
             ours = sorted(p for p in mapped if os.path.basename(p).startswith(("libvelmar-", "VelmarDaemonMIB")))
-            self.assertEqual(len(ours), 6, mapped)       # five libraries and the module
+            self.assertEqual(len(ours), 7, mapped)       # six libraries and the module
             for p in ours:
                 self.assertTrue(p.startswith(self.root + "/"), "loaded from outside the root: " + p)
             # One table, walked with snmpbulkwalk, against the packaged demo state.

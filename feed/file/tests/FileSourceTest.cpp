@@ -1,4 +1,6 @@
-#include "agent/StateFeed.h"
+#include "feed/core/StateFeed.h"
+#include "feed/file/FileSource.h"
+#include "feed/file/StateReader.h"
 
 #include <gtest/gtest.h>
 
@@ -15,7 +17,7 @@
 #include <random>
 #include <sstream>
 
-using namespace Agent;
+using namespace Feed;
 using GenericAgent::DaemonMib;
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -314,114 +316,112 @@ TEST(StateParse, RoundTripsRandomStates) {
     }
 }
 
-TEST(StateParse, RefusesInvalidJsonWithLineAndColumn) {
-    EXPECT_EQ(refusal("{\n  \"daemons\": {\n    \"bgpd\" {}\n  }\n}"),
-              "state file /x/state.json: line 3, column 12: invalid JSON: missing a colon after a name of object member");
-    EXPECT_EQ(refusal("{\"daemons\": {},}"),
-              "state file /x/state.json: line 1, column 16: invalid JSON: missing a name for object member");
-    EXPECT_EQ(refusal("{\"daemons\": {\"a\": {}}"),
-              "state file /x/state.json: line 1, column 22: invalid JSON: missing a comma or '}' after an object member");
-    EXPECT_EQ(refusal("{\"daemons\": {}} {}"),
-              "state file /x/state.json: line 1, column 17: invalid JSON: the document root must not be followed by other values");
-    EXPECT_EQ(refusal("{\"daemons\": {\"a\": {\"config\": {\"enabled\": tru}}}}"),
-              "state file /x/state.json: line 1, column 45: invalid JSON: invalid value");
-    EXPECT_EQ(refusal("{\"daemons\": {\"a\nb\": {}}}"),
-              "state file /x/state.json: line 1, column 16: invalid JSON: control character in a string (write it as an escape)");
-    EXPECT_EQ(refusal(std::string("{\"daemons\":\n {}}\0", 17)),
-              "state file /x/state.json: line 2, column 5: invalid JSON: NUL byte");
-}
-
-TEST(StateParse, RefusesWrongTypes) {
-    EXPECT_EQ(refusal("[]"), "state file /x/state.json: top level: must be an object, not an array (line 1)");
-    EXPECT_EQ(refusal("\"x\""), "state file /x/state.json: top level: must be an object, not a string (line 1)");
-    EXPECT_EQ(refusal("{\"daemons\": []}"),
-              "state file /x/state.json: \"daemons\": must be an object, not an array (line 1)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", "true")),
-              "state file /x/state.json: daemon \"bgpd\": must be an object, not a boolean (line 1)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": "on"})J")),
-              "state file /x/state.json: daemon \"bgpd\" config: must be an object, not a string (line 1)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": {"enabled": "yes"}})J")),
-              "state file /x/state.json: daemon \"bgpd\" config \"enabled\": must be true or false, not a string (line 1)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"status": {"running": 1}})J")),
-              "state file /x/state.json: daemon \"bgpd\" status \"running\": must be true or false, not a number (line 1)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": {"options": ["asn"]}})J")),
-              "state file /x/state.json: daemon \"bgpd\" config \"options\": must be an object, not an array (line 1)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": {"options": {"asn": 65001}}})J")),
-              "state file /x/state.json: daemon \"bgpd\" option \"asn\": value must be a string, not a number (line 1)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", "{\n\"status\": {\n\"data\": {\n\"pid\": null}}}")),
-              "state file /x/state.json: daemon \"bgpd\" data \"pid\": value must be a string, not null (line 4)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"status": {"data": {"pid": {"n": "1"}}}})J")),
-              "state file /x/state.json: daemon \"bgpd\" data \"pid\": value must be a string, not an object (line 1)");
-    // Numbers of any size are refused as numbers, not as JSON errors.
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": {"options": {"big": 1e999}}})J")),
-              "state file /x/state.json: daemon \"bgpd\" option \"big\": value must be a string, not a number (line 1)");
-}
-
-TEST(StateParse, RefusesUnknownMembers) {
-    EXPECT_EQ(refusal(R"J({"daemons": {}, "version": 2})J"),
-              "state file /x/state.json: top level: unknown member \"version\", expected \"daemons\" (line 1)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"confg": {}})J")),
-              "state file /x/state.json: daemon \"bgpd\": unknown member \"confg\", expected \"config\" or \"status\" (line 1)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": {"enable": true}})J")),
-              "state file /x/state.json: daemon \"bgpd\" config: unknown member \"enable\", expected \"enabled\" or \"options\" (line 1)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"status": {"options": {}}})J")),
-              "state file /x/state.json: daemon \"bgpd\" status: unknown member \"options\", expected \"running\" or \"data\" (line 1)");
-}
-
-TEST(StateParse, RefusesMissingDaemonsAndEmptyFiles) {
-    EXPECT_EQ(refusal("{}"), "state file /x/state.json: top level: no \"daemons\" member (line 1)");
-    EXPECT_EQ(refusal(""), "state file /x/state.json: file is empty");
-    EXPECT_EQ(refusal(" \n\t\r\n"), "state file /x/state.json: file is empty");
-}
-
-TEST(StateParse, RefusesDuplicateKeys) {
-    EXPECT_EQ(refusal("{\"daemons\": {}, \"daemons\": {}}"),
-              "state file /x/state.json: top level: member \"daemons\" appears twice (line 1)");
-    EXPECT_EQ(refusal("{\"daemons\": {\n\"bgpd\": {},\n\"ntpd\": {},\n\"bgpd\": {}}}"),
-              "state file /x/state.json: daemon \"bgpd\": appears twice (line 4)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": {}, "status": {}, "config": {}})J")),
-              "state file /x/state.json: daemon \"bgpd\": member \"config\" appears twice (line 1)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": {"enabled": true, "enabled": false}})J")),
-              "state file /x/state.json: daemon \"bgpd\" config: member \"enabled\" appears twice (line 1)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", "{\"config\": {\"options\": {\n\"asn\": \"1\",\n\"asn\": \"2\"}}}")),
-              "state file /x/state.json: daemon \"bgpd\" option \"asn\": appears twice (line 3)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"status": {"data": {"pid": "", "pid": ""}}})J")),
-              "state file /x/state.json: daemon \"bgpd\" data \"pid\": appears twice (line 1)");
-}
-
-TEST(StateParse, RefusesOverlongNamesKeysAndValues) {
-    std::string name33(33, 'n');
-    EXPECT_EQ(refusal(oneDaemon(name33, "{}")),
-              "state file /x/state.json: daemon \"" + name33 + "\": name is 33 bytes, more than 32 (line 1)");
-    EXPECT_EQ(refusal(oneDaemon("", "{}")), "state file /x/state.json: daemon \"\": name is empty (line 1)");
-    std::string key65(65, 'k');
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"config": {"options": {")J" + key65 + R"J(": "1"}}})J")),
-              "state file /x/state.json: daemon \"bgpd\" option \"" + std::string(64, 'k') +
-                  "...\": key is 65 bytes, more than 64 (line 1)");
-    std::string key1025(1025, 'k');
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"status": {"data": {")J" + key1025 + R"J(": "1"}}})J")),
-              "state file /x/state.json: daemon \"bgpd\" data \"" + std::string(64, 'k') +
-                  "...\": key is 1025 bytes, more than 64 (line 1)");
-    std::string value10241(10241, 'v');
-    EXPECT_EQ(refusal(oneDaemon("bgpd", "{\"config\": {\"options\": {\n\"asn\": \"" + value10241 + "\"}}}")),
-              "state file /x/state.json: daemon \"bgpd\" option \"asn\": value is 10241 bytes, more than 10240 (line 2)");
-}
-
-TEST(StateParse, RefusesInvalidUtf8) {
-    EXPECT_EQ(refusal(oneDaemon("b\xff" "d", "{}")),
-              "state file /x/state.json: daemon \"b\\xffd\": name is not valid UTF-8 (line 1)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", "{\"config\": {\"options\": {\"a\xc3\": \"1\"}}}")),
-              "state file /x/state.json: daemon \"bgpd\" option \"a\\xc3\": key is not valid UTF-8 (line 1)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", "{\"status\": {\"data\": {\"pid\": \"\xc0\xaf\"}}}")),
-              "state file /x/state.json: daemon \"bgpd\" data \"pid\": value is not valid UTF-8 (line 1)");
-    // A lone surrogate written as an escape is not a character either.
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"status": {"data": {"pid": "\udc00"}}})J")),
-              "state file /x/state.json: daemon \"bgpd\" data \"pid\": value is not valid UTF-8 (line 1)");
-    EXPECT_EQ(refusal(oneDaemon("bgpd", R"J({"status": {"data": {"pid": "\ud800x"}}})J")),
-              "state file /x/state.json: line 1, column 51: invalid JSON: the surrogate pair in string is invalid");
-    // Names in messages stay on one line.
-    EXPECT_EQ(refusal(oneDaemon("a\\n\\u0001\\\"b", "[]")),
-              "state file /x/state.json: daemon \"a\\n\\x01\\\"b\": must be an object, not an array (line 1)");
+// Every refusal of the reader: the file's text and the one line that refuses it.
+TEST(StateParse, RefusesEachBadFileWithItsLine) {
+    const std::string name33(33, 'n');
+    const std::string key65(65, 'k');
+    const std::string key1025(1025, 'k');
+    const std::string value10241(10241, 'v');
+    struct Case {
+        const char* what;
+        std::string text;
+        std::string message;
+    };
+    const Case cases[] = {
+        {"JSON syntax", "{\n  \"daemons\": {\n    \"bgpd\" {}\n  }\n}",
+         "state file /x/state.json: line 3, column 12: invalid JSON: missing a colon after a name of object member"},
+        {"JSON syntax", "{\"daemons\": {},}",
+         "state file /x/state.json: line 1, column 16: invalid JSON: missing a name for object member"},
+        {"JSON syntax", "{\"daemons\": {\"a\": {}}",
+         "state file /x/state.json: line 1, column 22: invalid JSON: missing a comma or '}' after an object member"},
+        {"JSON syntax", "{\"daemons\": {}} {}",
+         "state file /x/state.json: line 1, column 17: invalid JSON: the document root must not be followed by other values"},
+        {"JSON syntax", "{\"daemons\": {\"a\": {\"config\": {\"enabled\": tru}}}}",
+         "state file /x/state.json: line 1, column 45: invalid JSON: invalid value"},
+        {"JSON syntax", "{\"daemons\": {\"a\nb\": {}}}",
+         "state file /x/state.json: line 1, column 16: invalid JSON: control character in a string (write it as an escape)"},
+        {"JSON syntax", std::string("{\"daemons\":\n {}}\0", 17),
+         "state file /x/state.json: line 2, column 5: invalid JSON: NUL byte"},
+        {"wrong type", "[]",
+         "state file /x/state.json: top level: must be an object, not an array (line 1)"},
+        {"wrong type", "\"x\"",
+         "state file /x/state.json: top level: must be an object, not a string (line 1)"},
+        {"wrong type", "{\"daemons\": []}",
+         "state file /x/state.json: \"daemons\": must be an object, not an array (line 1)"},
+        {"wrong type", oneDaemon("bgpd", "true"),
+         "state file /x/state.json: daemon \"bgpd\": must be an object, not a boolean (line 1)"},
+        {"wrong type", oneDaemon("bgpd", R"J({"config": "on"})J"),
+         "state file /x/state.json: daemon \"bgpd\" config: must be an object, not a string (line 1)"},
+        {"wrong type", oneDaemon("bgpd", R"J({"config": {"enabled": "yes"}})J"),
+         "state file /x/state.json: daemon \"bgpd\" config \"enabled\": must be true or false, not a string (line 1)"},
+        {"wrong type", oneDaemon("bgpd", R"J({"status": {"running": 1}})J"),
+         "state file /x/state.json: daemon \"bgpd\" status \"running\": must be true or false, not a number (line 1)"},
+        {"wrong type", oneDaemon("bgpd", R"J({"config": {"options": ["asn"]}})J"),
+         "state file /x/state.json: daemon \"bgpd\" config \"options\": must be an object, not an array (line 1)"},
+        {"wrong type", oneDaemon("bgpd", R"J({"config": {"options": {"asn": 65001}}})J"),
+         "state file /x/state.json: daemon \"bgpd\" option \"asn\": value must be a string, not a number (line 1)"},
+        {"wrong type", oneDaemon("bgpd", "{\n\"status\": {\n\"data\": {\n\"pid\": null}}}"),
+         "state file /x/state.json: daemon \"bgpd\" data \"pid\": value must be a string, not null (line 4)"},
+        {"wrong type", oneDaemon("bgpd", R"J({"status": {"data": {"pid": {"n": "1"}}}})J"),
+         "state file /x/state.json: daemon \"bgpd\" data \"pid\": value must be a string, not an object (line 1)"},
+        // Numbers of any size are refused as numbers, not as JSON errors.
+        {"wrong type", oneDaemon("bgpd", R"J({"config": {"options": {"big": 1e999}}})J"),
+         "state file /x/state.json: daemon \"bgpd\" option \"big\": value must be a string, not a number (line 1)"},
+        {"unknown member", R"J({"daemons": {}, "version": 2})J",
+         "state file /x/state.json: top level: unknown member \"version\", expected \"daemons\" (line 1)"},
+        {"unknown member", oneDaemon("bgpd", R"J({"confg": {}})J"),
+         "state file /x/state.json: daemon \"bgpd\": unknown member \"confg\", expected \"config\" or \"status\" (line 1)"},
+        {"unknown member", oneDaemon("bgpd", R"J({"config": {"enable": true}})J"),
+         "state file /x/state.json: daemon \"bgpd\" config: unknown member \"enable\", expected \"enabled\" or \"options\" (line 1)"},
+        {"unknown member", oneDaemon("bgpd", R"J({"status": {"options": {}}})J"),
+         "state file /x/state.json: daemon \"bgpd\" status: unknown member \"options\", expected \"running\" or \"data\" (line 1)"},
+        {"missing or empty", "{}",
+         "state file /x/state.json: top level: no \"daemons\" member (line 1)"},
+        {"missing or empty", "",
+         "state file /x/state.json: file is empty"},
+        {"missing or empty", " \n\t\r\n",
+         "state file /x/state.json: file is empty"},
+        {"twice", "{\"daemons\": {}, \"daemons\": {}}",
+         "state file /x/state.json: top level: member \"daemons\" appears twice (line 1)"},
+        {"twice", "{\"daemons\": {\n\"bgpd\": {},\n\"ntpd\": {},\n\"bgpd\": {}}}",
+         "state file /x/state.json: daemon \"bgpd\": appears twice (line 4)"},
+        {"twice", oneDaemon("bgpd", R"J({"config": {}, "status": {}, "config": {}})J"),
+         "state file /x/state.json: daemon \"bgpd\": member \"config\" appears twice (line 1)"},
+        {"twice", oneDaemon("bgpd", R"J({"config": {"enabled": true, "enabled": false}})J"),
+         "state file /x/state.json: daemon \"bgpd\" config: member \"enabled\" appears twice (line 1)"},
+        {"twice", oneDaemon("bgpd", "{\"config\": {\"options\": {\n\"asn\": \"1\",\n\"asn\": \"2\"}}}"),
+         "state file /x/state.json: daemon \"bgpd\" option \"asn\": appears twice (line 3)"},
+        {"twice", oneDaemon("bgpd", R"J({"status": {"data": {"pid": "", "pid": ""}}})J"),
+         "state file /x/state.json: daemon \"bgpd\" data \"pid\": appears twice (line 1)"},
+        {"too long", oneDaemon(name33, "{}"),
+         "state file /x/state.json: daemon \"" + name33 + "\": name is 33 bytes, more than 32 (line 1)"},
+        {"too long", oneDaemon("", "{}"),
+         "state file /x/state.json: daemon \"\": name is empty (line 1)"},
+        {"too long", oneDaemon("bgpd", R"J({"config": {"options": {")J" + key65 + R"J(": "1"}}})J"),
+         "state file /x/state.json: daemon \"bgpd\" option \"" + std::string(64, 'k') + "...\": key is 65 bytes, more than 64 (line 1)"},
+        {"too long", oneDaemon("bgpd", R"J({"status": {"data": {")J" + key1025 + R"J(": "1"}}})J"),
+         "state file /x/state.json: daemon \"bgpd\" data \"" + std::string(64, 'k') + "...\": key is 1025 bytes, more than 64 (line 1)"},
+        {"too long", oneDaemon("bgpd", "{\"config\": {\"options\": {\n\"asn\": \"" + value10241 + "\"}}}"),
+         "state file /x/state.json: daemon \"bgpd\" option \"asn\": value is 10241 bytes, more than 10240 (line 2)"},
+        {"not UTF-8", oneDaemon("b\xff" "d", "{}"),
+         "state file /x/state.json: daemon \"b\\xffd\": name is not valid UTF-8 (line 1)"},
+        {"not UTF-8", oneDaemon("bgpd", "{\"config\": {\"options\": {\"a\xc3\": \"1\"}}}"),
+         "state file /x/state.json: daemon \"bgpd\" option \"a\\xc3\": key is not valid UTF-8 (line 1)"},
+        {"not UTF-8", oneDaemon("bgpd", "{\"status\": {\"data\": {\"pid\": \"\xc0\xaf\"}}}"),
+         "state file /x/state.json: daemon \"bgpd\" data \"pid\": value is not valid UTF-8 (line 1)"},
+        // A lone surrogate written as an escape is not a character either.
+        {"not UTF-8", oneDaemon("bgpd", R"J({"status": {"data": {"pid": "\udc00"}}})J"),
+         "state file /x/state.json: daemon \"bgpd\" data \"pid\": value is not valid UTF-8 (line 1)"},
+        {"not UTF-8", oneDaemon("bgpd", R"J({"status": {"data": {"pid": "\ud800x"}}})J"),
+         "state file /x/state.json: line 1, column 51: invalid JSON: the surrogate pair in string is invalid"},
+        // Names in messages stay on one line.
+        {"not UTF-8", oneDaemon("a\\n\\u0001\\\"b", "[]"),
+         "state file /x/state.json: daemon \"a\\n\\x01\\\"b\": must be an object, not an array (line 1)"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.what) + ": " + c.text.substr(0, 80));
+        EXPECT_EQ(refusal(c.text), c.message);
+    }
 }
 
 TEST(StateLoad, RefusesMissingUnreadableAndOddFiles) {
@@ -777,14 +777,30 @@ TEST(StateApplier, RefusedReloadChangesNothing) {
 // ---------------------------------------------------------------------------------------
 // The feed, end to end
 
-TEST(StateFeed, LoadsInitiallyAndAppliesARenamedFile) {
+// A directory of its own, a state file's path in it, a DaemonMib, and the feed's log.
+class FileFeed : public testing::Test {
+protected:
+    // A feed of the file at statePath into mib; its lines go to log unless withLog is false.
+    StateFeed& makeFeed(const fs::path& statePath, bool withLog = true) {
+        StateFeed::Log sink;
+        if (withLog) sink = [this](Severity, const std::string& line) { log.push_back(line); };
+        feed_ = std::make_unique<StateFeed>(std::make_unique<FileSource>(statePath.string()), mib, sink);
+        return *feed_;
+    }
+
     TempDir dir;
     fs::path path = dir.path() / "state.json";
+    Orbel::Ptr<DaemonMib> mib = GenericAgent::daemonMibFactory("daemonMIB");
+    std::vector<std::string> log;
+
+private:
+    std::unique_ptr<StateFeed> feed_;   // last: stops before the rest goes
+};
+
+TEST_F(FileFeed, LoadsInitiallyAndAppliesARenamedFile) {
     LauncherState first = {{"bgpd", daemonWith({{"asn", "65001"}})}};
     writeFile(path, toJson(first));
-    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
-    std::vector<std::string> log;
-    StateFeed feed(path.string(), mib, [&](const std::string& l) { log.push_back(l); });
+    StateFeed& feed = makeFeed(path);
     feed.loadInitial();
     EXPECT_EQ(feed.applied(), first);
     EXPECT_EQ(log, (std::vector<std::string>{"state file " + path.string() +
@@ -807,13 +823,10 @@ TEST(StateFeed, LoadsInitiallyAndAppliesARenamedFile) {
 
 // The worker diffs each file against its packed copy of the last one: through any sequence
 // of files the rows served are exactly those of the last file.
-TEST(StateFeed, FollowsRandomSequencesOfFiles) {
-    TempDir dir;
-    fs::path path = dir.path() / "state.json";
+TEST_F(FileFeed, FollowsRandomSequencesOfFiles) {
     std::mt19937 rng(23);
     writeFile(path, toJson(randomState(rng)));
-    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
-    StateFeed feed(path.string(), mib, nullptr);
+    StateFeed& feed = makeFeed(path, false);
     feed.loadInitial();
     feed.start();
     for (int i = 0; i < 40; ++i) {
@@ -826,12 +839,9 @@ TEST(StateFeed, FollowsRandomSequencesOfFiles) {
     EXPECT_EQ(feed.refused(), 0u);
 }
 
-TEST(StateFeed, AppliesAFileWrittenInPlace) {
-    TempDir dir;
-    fs::path path = dir.path() / "state.json";
+TEST_F(FileFeed, AppliesAFileWrittenInPlace) {
     writeFile(path, toJson({}));
-    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
-    StateFeed feed(path.string(), mib, nullptr);
+    StateFeed& feed = makeFeed(path, false);
     feed.loadInitial();
     feed.start();
     LauncherState next = {{"lldpd", daemonWith({{"tx-interval", "30"}})}};
@@ -839,14 +849,10 @@ TEST(StateFeed, AppliesAFileWrittenInPlace) {
     EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == next; }));
 }
 
-TEST(StateFeed, RefusesABadFileAndKeepsServing) {
-    TempDir dir;
-    fs::path path = dir.path() / "state.json";
+TEST_F(FileFeed, RefusesABadFileAndKeepsServing) {
     LauncherState good = {{"bgpd", daemonWith({{"asn", "65001"}})}};
     writeFile(path, toJson(good));
-    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
-    std::vector<std::string> log;
-    StateFeed feed(path.string(), mib, [&](const std::string& l) { log.push_back(l); });
+    StateFeed& feed = makeFeed(path);
     feed.loadInitial();
     feed.start();
     auto rows = rowsOf(*mib);
@@ -866,12 +872,8 @@ TEST(StateFeed, RefusesABadFileAndKeepsServing) {
     EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == next; }));
 }
 
-TEST(StateFeed, InitialLoadOfABadFileThrowsAndServesNothing) {
-    TempDir dir;
-    fs::path path = dir.path() / "state.json";
-    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
-    std::vector<std::string> log;
-    StateFeed feed(path.string(), mib, [&](const std::string& l) { log.push_back(l); });
+TEST_F(FileFeed, InitialLoadOfABadFileThrowsAndServesNothing) {
+    StateFeed& feed = makeFeed(path);
     try {
         feed.loadInitial();
         FAIL() << "accepted a missing file";
@@ -890,15 +892,12 @@ TEST(StateFeed, InitialLoadOfABadFileThrowsAndServesNothing) {
     EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == s; }));
 }
 
-TEST(StateFeed, SurvivesItsDirectoryBeingRemovedAndMadeAgain) {
-    TempDir dir;
+TEST_F(FileFeed, SurvivesItsDirectoryBeingRemovedAndMadeAgain) {
     fs::path sub = dir.path() / "run";
     fs::create_directory(sub);
     fs::path path = sub / "state.json";
     writeFile(path, toJson({{"bgpd", DaemonState{}}}));
-    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
-    std::vector<std::string> log;
-    StateFeed feed(path.string(), mib, [&](const std::string& l) { log.push_back(l); });
+    StateFeed& feed = makeFeed(path);
     feed.loadInitial();
     feed.start();
     ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));   // watching
@@ -920,15 +919,12 @@ TEST(StateFeed, SurvivesItsDirectoryBeingRemovedAndMadeAgain) {
     EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == third; }));
 }
 
-TEST(StateFeed, FollowsADirectoryReplacedByRename) {
-    TempDir dir;
+TEST_F(FileFeed, FollowsADirectoryReplacedByRename) {
     fs::path sub = dir.path() / "run";
     fs::create_directory(sub);
     fs::path path = sub / "state.json";
     writeFile(path, toJson({{"bgpd", DaemonState{}}}));
-    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
-    std::vector<std::string> log;
-    StateFeed feed(path.string(), mib, [&](const std::string& l) { log.push_back(l); });
+    StateFeed& feed = makeFeed(path);
     feed.loadInitial();
     feed.start();
     ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));   // watching
@@ -950,13 +946,10 @@ TEST(StateFeed, FollowsADirectoryReplacedByRename) {
     EXPECT_EQ(feed.refused(), 0u);
 }
 
-TEST(StateFeed, WaitsForAMissingDirectory) {
-    TempDir dir;
+TEST_F(FileFeed, WaitsForAMissingDirectory) {
     fs::path sub = dir.path() / "later";
     fs::path path = sub / "state.json";
-    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
-    std::vector<std::string> log;
-    StateFeed feed(path.string(), mib, [&](const std::string& l) { log.push_back(l); });
+    StateFeed& feed = makeFeed(path);
     feed.start();
     EXPECT_TRUE(pumpUntil(feed, [&] { return !log.empty(); }));
     EXPECT_EQ(log.front(), "state file " + path.string() + ": cannot watch directory " + sub.string() +
@@ -967,14 +960,10 @@ TEST(StateFeed, WaitsForAMissingDirectory) {
     EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == s; }));
 }
 
-TEST(StateFeed, RemovedFileLeavesTheStateServed) {
-    TempDir dir;
-    fs::path path = dir.path() / "state.json";
+TEST_F(FileFeed, RemovedFileLeavesTheStateServed) {
     LauncherState s = {{"bgpd", daemonWith({{"asn", "1"}})}};
     writeFile(path, toJson(s));
-    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
-    std::vector<std::string> log;
-    StateFeed feed(path.string(), mib, [&](const std::string& l) { log.push_back(l); });
+    StateFeed& feed = makeFeed(path);
     feed.loadInitial();
     feed.start();
     ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));   // the reload at start
@@ -985,13 +974,10 @@ TEST(StateFeed, RemovedFileLeavesTheStateServed) {
     EXPECT_EQ(feed.refused(), 0u);
 }
 
-TEST(StateFeed, UnchangedFileAppliesNothing) {
-    TempDir dir;
-    fs::path path = dir.path() / "state.json";
+TEST_F(FileFeed, UnchangedFileAppliesNothing) {
     LauncherState s = {{"bgpd", daemonWith({{"asn", "1"}})}};
     writeFile(path, toJson(s));
-    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
-    StateFeed feed(path.string(), mib, nullptr);
+    StateFeed& feed = makeFeed(path, false);
     feed.loadInitial();
     feed.start();
     EXPECT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));   // the reload at start
@@ -1005,18 +991,14 @@ TEST(StateFeed, UnchangedFileAppliesNothing) {
 // daemon against what it serves when it applies. Reloads queued before the loop runs must
 // therefore still apply one after the other: a change, its undoing, a removal and a
 // return, all waiting at once.
-TEST(StateFeed, QueuedReloadsApplyInOrderAgainstWhatIsServed) {
-    TempDir dir;
-    fs::path path = dir.path() / "state.json";
+TEST_F(FileFeed, QueuedReloadsApplyInOrderAgainstWhatIsServed) {
     LauncherState a = {{"bgpd", daemonWith({{"asn", "1"}, {"mtu", "1500"}})}, {"ntpd", daemonWith({{"server", "a"}})}};
     LauncherState b = a;
     b["bgpd"].options["asn"] = "2";
     LauncherState c = b;
     c.erase("ntpd");
     writeFile(path, toJson(a));
-    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
-    std::vector<std::string> log;
-    StateFeed feed(path.string(), mib, [&](const std::string& line) { log.push_back(line); });
+    StateFeed& feed = makeFeed(path);
     feed.loadInitial();
     feed.start();
     auto reloaded = [&](std::uint64_t n) {
@@ -1050,14 +1032,10 @@ TEST(StateFeed, QueuedReloadsApplyInOrderAgainstWhatIsServed) {
 // a later daemon of the same name is still refused, and a file that goes bad after
 // unchanged and changed daemons changes nothing, not even the digests the next reload
 // compares with.
-TEST(StateFeed, ReloadRefusesADuplicateOfAnUnchangedDaemonAndKeepsItsDigests) {
-    TempDir dir;
-    fs::path path = dir.path() / "state.json";
+TEST_F(FileFeed, ReloadRefusesADuplicateOfAnUnchangedDaemonAndKeepsItsDigests) {
     LauncherState good = {{"bgpd", daemonWith({{"asn", "65001"}})}, {"ntpd", daemonWith({{"server", "a"}})}};
     writeFile(path, toJson(good));
-    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
-    std::vector<std::string> log;
-    StateFeed feed(path.string(), mib, [&](const std::string& l) { log.push_back(l); });
+    StateFeed& feed = makeFeed(path);
     feed.loadInitial();
     feed.start();
     ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));

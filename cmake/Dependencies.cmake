@@ -1,0 +1,25 @@
+# Third-party libraries other than Net-SNMP and the test frameworks, each declared here so
+# that a missing one stops configure with the Debian package to install
+# (scripts/install-deps installs them all).
+
+# velmar_require_headers(TARGET HEADER PACKAGE): an imported header-only library.
+function(velmar_require_headers target header package)
+  string(MAKE_C_IDENTIFIER "VELMAR_${target}_INCLUDE_DIR" var)
+  find_path(${var} ${header})
+  if(NOT ${var})
+    message(FATAL_ERROR "${header} not found: install Debian's ${package} (scripts/install-deps)")
+  endif()
+  add_library(${target} INTERFACE IMPORTED GLOBAL)
+  target_include_directories(${target} SYSTEM INTERFACE ${${var}})
+endfunction()
+
+# The state file reader's JSON parser.
+velmar_require_headers(Velmar::RapidJSON rapidjson/reader.h rapidjson-dev)
+# The state file source's per-daemon digests (used header-only).
+velmar_require_headers(Velmar::xxHash xxhash.h libxxhash-dev)
+
+# The agent's command line.
+find_package(CLI11 CONFIG QUIET)
+if(NOT CLI11_FOUND)
+  message(FATAL_ERROR "CLI11 not found: install Debian's libcli11-dev (scripts/install-deps)")
+endif()

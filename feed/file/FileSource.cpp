@@ -1,0 +1,203 @@
+#include "FileSource.h"
+
+#include "StateReader.h"
+
+#include "feed/core/FreeMemory.h"
+
+#include <poll.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace Feed {
+
+namespace {
+
+constexpr int rearmMillis = 200;
+// How long the worker waits after a reload before it hands released memory back.
+constexpr int releaseMillis = 1000;
+
+std::string errnoText(int e) { return std::error_code(e, std::generic_category()).message(); }
+
+} // namespace
+
+FileSource::FileSource(std::string path) : path_(std::move(path)) {
+    std::filesystem::path p = std::filesystem::absolute(std::filesystem::path(path_));
+    name_ = p.filename().string();
+    dir_ = p.parent_path().string();
+    if (name_.empty() || name_ == "." || name_ == "..")
+        throw std::invalid_argument("state file " + path_ + " does not name a file");
+}
+
+FileSource::~FileSource() { stop(); }
+
+void FileSource::say(Severity severity, const std::string& text) {
+    post({std::nullopt, severity, "state file " + path_ + ": " + text});
+}
+
+void FileSource::post(SourceEvent event) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        queue_.push_back(std::move(event));
+    }
+    wake_.signal();
+}
+
+void FileSource::accepted() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++health_.reloads;
+    health_.state = SourceState::ok;
+    health_.lastRead = std::chrono::system_clock::now();
+}
+
+void FileSource::refusedWith(const std::string& line) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++health_.refused;
+    health_.state = SourceState::refused;
+    health_.lastRefusal = line;
+}
+
+void FileSource::lost(const std::string& line) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        health_.state = SourceState::gone;
+    }
+    post({std::nullopt, Severity::warning, line});
+}
+
+std::vector<SourceEvent> FileSource::take() {
+    wake_.drain();
+    std::deque<SourceEvent> taken;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        taken.swap(queue_);
+    }
+    return {std::make_move_iterator(taken.begin()), std::make_move_iterator(taken.end())};
+}
+
+SourceHealth FileSource::health() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return health_;
+}
+
+void FileSource::loadInitial() {
+    if (worker_.joinable()) throw std::logic_error("FileSource::loadInitial: the source is started");
+    LauncherState state;
+    try {
+        state = loadStateFile(path_);
+    } catch (const StateError& e) {
+        refusedWith(e.what());
+        throw;
+    }
+    accepted();
+    digests_.remember(state);
+    ChangedDaemons all;
+    all.reserve(state.size());
+    while (!state.empty()) {
+        auto node = state.extract(state.begin());
+        all.emplace_back(std::move(node.key()), std::move(node.mapped()));
+    }
+    loadedInitial_ = true;
+    post({std::move(all), Severity::info, std::string()});
+}
+
+void FileSource::start() {
+    if (worker_.joinable()) throw std::logic_error("FileSource::start: already started");
+    watcher_ = std::make_unique<DirectoryWatcher>(dir_, name_);
+    stop_.drain();
+    worker_ = std::thread([this] { run(); });
+}
+
+void FileSource::stop() {
+    if (!worker_.joinable()) return;
+    stop_.signal();
+    worker_.join();
+    watcher_.reset();
+    stop_.drain();
+}
+
+void FileSource::reload(IfMissing ifMissing) {
+    const std::string file = dir_ + "/" + name_;
+    if (ifMissing != IfMissing::refuse) {
+        struct stat st{};
+        if (::stat(file.c_str(), &st) != 0 && errno == ENOENT) {
+            if (ifMissing == IfMissing::sayRemoved)
+                lost("state file " + path_ + ": removed; serving the last state until it is written again");
+            return;
+        }
+    }
+    // Each daemon is compared with its digest in the last accepted file as soon as it has
+    // been read; only those that differ keep their keys (see DaemonSieve).
+    digests_.beginReload();
+    LauncherState next;
+    try {
+        next = loadStateFile(file, path_, [this](const std::string& name, const DaemonState& d) {
+            return digests_.sieve(name, d);
+        });
+    } catch (const StateError& e) {
+        digests_.abandon();
+        refusedWith(e.what());
+        post({std::nullopt, Severity::warning, e.what()});
+        return;
+    }
+    accepted();
+    ChangedDaemons changed = digests_.commit(next);
+    // What the parse took is free again once the worker is idle (see run()).
+    next = LauncherState();
+    releasePending_ = true;
+    if (!changed.empty()) post({std::move(changed), Severity::info, std::string()});
+}
+
+void FileSource::run() {
+    bool lostDir = false;   // the directory could not be watched, and that was said
+    bool first = true;
+    for (;;) {
+        try {
+            if (!watcher_->watching()) {
+                if (int err = watcher_->watch(); err == 0) {
+                    if (lostDir) say(Severity::notice, "watching directory " + dir_ + " again");
+                    if (first) reload(loadedInitial_ ? IfMissing::sayRemoved : IfMissing::refuse);
+                    else if (lostDir) reload(IfMissing::ignore);
+                    lostDir = false;
+                } else if (!lostDir) {
+                    lost("state file " + path_ + ": cannot watch directory " + dir_ + ": " + errnoText(err) +
+                         "; serving the last state, trying again every " + std::to_string(rearmMillis) + " ms");
+                    lostDir = true;
+                }
+                first = false;
+            }
+            pollfd fds[2] = {{stop_.fd(), POLLIN, 0}, {watcher_->fd(), POLLIN, 0}};
+            int n = ::poll(fds, 2, !watcher_->watching() ? rearmMillis : releasePending_ ? releaseMillis : -1);
+            if (n < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
+            if (fds[0].revents) return;
+            if (n == 0 && releasePending_) {
+                // Idle since the last reload: hand what it released back to the system. Reloads
+                // in quick succession reuse that memory instead.
+                releaseFreeMemory();
+                releasePending_ = false;
+            }
+            if (n <= 0 || !fds[1].revents) continue;
+            const DirectoryWatcher::Events events = watcher_->read();
+            if (events.dirGone) {
+                lost("state file " + path_ + ": directory " + dir_ + " is gone; serving the last state, looking for it every " +
+                     std::to_string(rearmMillis) + " ms");
+                lostDir = true;
+            }
+            // When the directory went, the reload follows once it is back.
+            if (!watcher_->watching()) continue;
+            if (events.written) reload(IfMissing::refuse);
+            else if (events.removed) lost("state file " + path_ + ": removed; serving the last state until it is written again");
+        } catch (const std::exception& e) {
+            say(Severity::error, std::string("reload failed: ") + e.what());
+            // Do not spin on a persistent failure.
+            pollfd stop = {stop_.fd(), POLLIN, 0};
+            if (::poll(&stop, 1, rearmMillis) > 0) return;
+        }
+    }
+}
+
+} // namespace Feed

@@ -1,0 +1,87 @@
+// The launcher's JSON state file as a source (format and refusals: StateReader.h).
+//
+//   auto source = std::make_unique<Feed::FileSource>("/run/launcher/state.json");
+//   Feed::StateFeed feed(std::move(source), mib, log);   // drives it (StateFeed.h)
+//
+// loadInitial reads the file on the calling thread and refuses it with StateError. start()
+// runs a worker thread that watches the file's directory (DirectoryWatcher) and reloads on
+// a write being closed or a file being moved in under the file's name. When the directory
+// itself goes (removed, renamed or unmounted) the worker looks for it again every 200 ms
+// and reloads once it is back. Each reload reads, parses and validates the file, and
+// compares each daemon with its digest in the last accepted file (DaemonDigests); only the
+// daemons that differ are queued for the loop. A refused file changes nothing. A file that
+// is deleted and not replaced leaves the state served as it was. A reload that changes
+// nothing is counted but queues nothing.
+//
+// Lines it queues (X is the path as given, D the absolute directory):
+//   state file X: <why it was refused>                                    (warning)
+//   state file X: removed; serving the last state until it is written again (warning)
+//   state file X: directory D is gone; serving the last state, looking for it every 200 ms (warning)
+//   state file X: cannot watch directory D: <error>; serving the last state, trying again every 200 ms (warning)
+//   state file X: watching directory D again                              (notice)
+//   state file X: reload failed: <error>                                  (error)
+// The file is read by its absolute path, fixed at construction.
+#pragma once
+
+#include "DaemonDigests.h"
+#include "DirectoryWatcher.h"
+
+#include "feed/core/EventFd.h"
+#include "feed/core/Source.h"
+
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace Feed {
+
+class FileSource final : public Source {
+public:
+    // Throws std::invalid_argument when path names no file (a directory such as "x/"),
+    // std::system_error when descriptors cannot be had.
+    explicit FileSource(std::string path);
+    // Stops the worker.
+    ~FileSource() override;
+
+    std::string description() const override { return "state file " + path_; }
+    void loadInitial() override;
+    void start() override;
+    void stop() override;
+    int eventFd() const noexcept override { return wake_.fd(); }
+    std::vector<SourceEvent> take() override;
+    SourceHealth health() const override;
+
+    const std::string& path() const noexcept { return path_; }
+
+private:
+    // What a reload does when the file is not there.
+    enum class IfMissing { refuse, ignore, sayRemoved };
+    void run();
+    void reload(IfMissing ifMissing);
+    void post(SourceEvent event);
+    void say(Severity severity, const std::string& text);
+    void accepted();
+    void refusedWith(const std::string& line);
+    void lost(const std::string& line);
+
+    std::string path_;
+    std::string dir_;                   // absolute directory of the file
+    std::string name_;                  // file name inside it
+    EventFd wake_;                      // worker -> loop
+    EventFd stop_;                      // stop() -> worker
+    std::thread worker_;
+    bool loadedInitial_ = false;
+
+    // The worker's own (touched by one thread at a time: the loop before start, the worker after).
+    std::unique_ptr<DirectoryWatcher> watcher_;
+    DaemonDigests digests_;
+    bool releasePending_ = false;       // the worker has memory to hand back once idle
+
+    mutable std::mutex mutex_;          // guards queue_ and health_
+    std::deque<SourceEvent> queue_;
+    SourceHealth health_;
+};
+
+} // namespace Feed
