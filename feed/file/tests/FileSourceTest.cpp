@@ -788,6 +788,17 @@ protected:
         return *feed_;
     }
 
+    // A feed of sub/state.json, holding one daemon, loaded, started and watching.
+    StateFeed& watchingIn(const fs::path& sub) {
+        fs::create_directory(sub);
+        writeFile(sub / "state.json", toJson({{"bgpd", DaemonState{}}}));
+        StateFeed& feed = makeFeed(sub / "state.json");
+        feed.loadInitial();
+        feed.start();
+        EXPECT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));   // watching
+        return feed;
+    }
+
     TempDir dir;
     fs::path path = dir.path() / "state.json";
     Orbel::Ptr<DaemonMib> mib = GenericAgent::daemonMibFactory("daemonMIB");
@@ -894,13 +905,8 @@ TEST_F(FileFeed, InitialLoadOfABadFileThrowsAndServesNothing) {
 
 TEST_F(FileFeed, SurvivesItsDirectoryBeingRemovedAndMadeAgain) {
     fs::path sub = dir.path() / "run";
-    fs::create_directory(sub);
     fs::path path = sub / "state.json";
-    writeFile(path, toJson({{"bgpd", DaemonState{}}}));
-    StateFeed& feed = makeFeed(path);
-    feed.loadInitial();
-    feed.start();
-    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));   // watching
+    StateFeed& feed = watchingIn(sub);
 
     fs::remove_all(sub);
     EXPECT_TRUE(pumpUntil(feed, [&] { return contains(log, " is gone;"); })) << testing::PrintToString(log);
@@ -921,13 +927,8 @@ TEST_F(FileFeed, SurvivesItsDirectoryBeingRemovedAndMadeAgain) {
 
 TEST_F(FileFeed, FollowsADirectoryReplacedByRename) {
     fs::path sub = dir.path() / "run";
-    fs::create_directory(sub);
     fs::path path = sub / "state.json";
-    writeFile(path, toJson({{"bgpd", DaemonState{}}}));
-    StateFeed& feed = makeFeed(path);
-    feed.loadInitial();
-    feed.start();
-    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));   // watching
+    StateFeed& feed = watchingIn(sub);
 
     // A new directory, with its file, takes the old one's place.
     fs::path next = dir.path() / "run.next";
