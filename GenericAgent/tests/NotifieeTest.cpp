@@ -737,3 +737,42 @@ TEST(DaemonMibGenericAdapter, InterfaceAdapterAndContainerAreFreed) {
     }
     EXPECT_EQ(LiveCounts::now(), before);
 }
+
+TEST(DaemonMibGenericAdapter, DeferredThrowingObserverNeitherEscapesNorDropsOtherTablesOrObservers) {
+    AdapterFixture f(true);
+    auto later = GenericRecorder::make();
+    f.generic->genericNotifieeIs(later);
+    f.recorder->throwOnAttribute = true;
+    f.mib->enabledTableIs("bgpd", f.cfg);
+    f.mib->runningTableIs("ntpd", f.st);
+    f.mib->dataTableIs(DataTableIndex(Snmp::String("ntpd"), Snmp::String("stratum")), f.st);
+    EXPECT_EQ(f.generic->pendingAttribute(), Orbel::GenericIf::attributeAll);
+    EXPECT_NO_THROW(Orbel::ActivityLoop::instance().runPending());
+    const Told all{{DaemonMib::enabledTableId, "bgpd"},
+                   {DaemonMib::runningTableId, "ntpd"},
+                   {DaemonMib::dataTableId, "ntpd/stratum"}};
+    EXPECT_EQ(f.recorder->attributes, all);   // told every table, though it threw each time
+    EXPECT_EQ(later->attributes, all);
+    EXPECT_EQ(f.recorder->exceptions, (std::vector<Orbel::AttributeId>{DaemonMib::enabledTableId,
+                                                                       DaemonMib::runningTableId,
+                                                                       DaemonMib::dataTableId}));
+    EXPECT_TRUE(later->exceptions.empty());
+    for (unsigned t = 0; t < 4; ++t) EXPECT_EQ(f.generic->pendingCount(t), 0u);
+    EXPECT_EQ(Orbel::ActivityLoop::instance().pending(), 0u);
+}
+
+TEST(DaemonMibGenericAdapter, ImmediateThrowingObserverDoesNotHideTheChangeFromLaterOnes) {
+    AdapterFixture f(false);
+    auto later = GenericRecorder::make();
+    f.generic->genericNotifieeIs(later);
+    f.recorder->throwOnAttribute = true;
+    EXPECT_NO_THROW(f.mib->enabledTableIs("bgpd", f.cfg));
+    EXPECT_NO_THROW(f.mib->enabledTableDel("bgpd"));
+    const Told both{{DaemonMib::enabledTableId, "bgpd"}, {DaemonMib::enabledTableId, "bgpd"}};
+    EXPECT_EQ(f.recorder->attributes, both);
+    EXPECT_EQ(later->attributes, both);
+    EXPECT_EQ(f.recorder->exceptions,
+              (std::vector<Orbel::AttributeId>{DaemonMib::enabledTableId, DaemonMib::enabledTableId}));
+    EXPECT_TRUE(later->exceptions.empty());
+    EXPECT_TRUE(f.mib->enabledTable().empty());
+}

@@ -3,6 +3,8 @@
 #include "orbel/GenericIf.h"
 #include "orbel/TypeRegistry.h"
 
+#include <vector>
+
 namespace GenericAgent {
 
 AgentKey::AgentKey(const Orbel::String8& s) : Orbel::String8(s) {
@@ -12,6 +14,139 @@ AgentKey::AgentKey(const Orbel::String8& s) : Orbel::String8(s) {
 AgentVal::AgentVal(const Orbel::String8& s) : Orbel::String8(s) {
     if (size() > maxLength) throw Orbel::RangeException("AgentVal::bytes > AgentVal::maxLength not allowed");
 }
+
+// The one place that reaches an owner's list and its observers' links.
+template <class Owner, class Observer>
+struct FlagObservers {
+    using Base = FlagNotifieeConst<Owner>;
+
+    // Tells every registered observer of o, in registration order, through a snapshot that
+    // holds a reference to each; an observer released by everyone else meanwhile is
+    // skipped. A throw is reported to that observer as onNotificationException(id).
+    template <class F>
+    static void forEach(Owner& o, Orbel::AttributeId id, F&& f) {
+        auto& list = o.observers_.registered;
+        if (list.count() == 0) return;
+        // Keeps the owner alive while observers run (one of them may drop the last outside
+        // reference); not while it is already being destroyed or told of its last reference.
+        Orbel::Ptr<Owner> keep = (o.observers_.destroying || o.references() == 0) ? nullptr : &o;
+        std::vector<Orbel::Ptr<Base>> snapshot;
+        snapshot.reserve(list.count());
+        for (Base* n = list.first(); n; n = list.next(n)) snapshot.emplace_back(n);
+        for (auto& n : snapshot) {
+            if (n->references() == 1) {  // only the snapshot holds it: released meanwhile
+                n = nullptr;
+                continue;
+            }
+            try {
+                f(*n);
+            } catch (...) {
+                try {
+                    n->onNotificationException(id);
+                } catch (...) {
+                    // An observer's exception handler may not stop delivery either.
+                }
+            }
+            n = nullptr;
+        }
+    }
+    static void flagChanged(Owner& o, Orbel::AttributeId id) {
+        forEach(o, id, [](Base& n) { n.onFlag(); });
+    }
+    static void zeroReferences(Owner& o) {
+        forEach(o, Owner::zeroReferencesId, [](Base& n) { n.onZeroReferences(); });
+    }
+    static void destroy(Owner& o) {
+        o.observers_.destroying = true;
+        for (Base* n : o.observers_.attached) n->orphaned_ = true;
+        o.observers_.registered.clear();
+        o.observers_.attached.clear();
+    }
+    static void attach(Owner& o, Base* n) { o.observers_.attached.push_back(n); }
+    static void detach(Owner& o, Base* n) { std::erase(o.observers_.attached, n); }
+};
+
+template <class Owner>
+void FlagNotifieeConst<Owner>::notifierIs(const Orbel::Ptr<const Orbel::PtrInterface>& notifier) {
+    using Access = FlagObservers<Owner, FlagNotifieeConst<Owner>>;
+    auto* next = const_cast<Owner*>(dynamic_cast<const Owner*>(notifier.ptr()));
+    Owner* old = orphaned_ ? nullptr : notifier_;
+    if (next == old && !orphaned_) return;
+    if (next && !isWeakReference()) next->newRef();
+    const bool wasOrphaned = orphaned_;
+    notifier_ = next;
+    orphaned_ = false;
+    if (old) Access::detach(*old, this);
+    if (next) Access::attach(*next, this);
+    if (isRegisteredNotifiee()) {
+        if (old) old->observers_.registered.remove(this);
+        if (next) next->observers_.registered.pushBack(this);
+    }
+    if (old && !isWeakReference() && !wasOrphaned) old->deleteRef();
+}
+
+template <class Owner>
+void FlagNotifieeConst<Owner>::isRegisteredNotifieeIs(bool registered) {
+    if (registered == isRegisteredNotifiee()) return;
+    Orbel::Entity::NotifieeConst::isRegisteredNotifieeIs(registered);
+    Owner* o = orphaned_ ? nullptr : notifier_;
+    if (!o) return;
+    if (registered) o->observers_.registered.pushBack(this);
+    else o->observers_.registered.remove(this);
+}
+
+template <class Owner>
+Orbel::String FlagNotifieeConst<Owner>::name() const {
+    const Owner* o = notifier();
+    return o ? Orbel::String(o->name()) : Orbel::String();
+}
+
+template <class Owner>
+void FlagNotifieeConst<Owner>::isWeakReferenceIs(bool weak) {
+    if (weak == isWeakReference()) return;
+    Orbel::Entity::NotifieeConst::isWeakReferenceIs(weak);
+    Owner* o = orphaned_ ? nullptr : notifier_;
+    if (!o) return;
+    if (weak) o->deleteRef();  // may free the object; it then unlinks and orphans us
+    else o->newRef();
+}
+
+template <class Owner>
+FlagNotifieeConst<Owner>::~FlagNotifieeConst() {
+    Owner* o = orphaned_ ? nullptr : notifier_;
+    if (!o) return;
+    if (isRegisteredNotifiee()) o->observers_.registered.remove(this);
+    FlagObservers<Owner, FlagNotifieeConst<Owner>>::detach(*o, this);
+    if (o->observers_.destroying) return;
+    if (isWeakReference()) o->newRef();  // keeps the count balanced for the release below
+    o->deleteRef();
+}
+
+template class FlagNotifieeConst<Config>;
+template class FlagNotifieeConst<Status>;
+
+void Config::enabledIs(bool enabled) {
+    if (enabled == enabled_) return;
+    enabled_ = enabled;
+    versionInc();
+    FlagObservers<Config, Config::NotifieeConst>::flagChanged(*this, enabledId);
+}
+
+void Status::runningIs(bool running) {
+    if (running == running_) return;
+    running_ = running;
+    versionInc();
+    FlagObservers<Status, Status::NotifieeConst>::flagChanged(*this, runningId);
+}
+
+void Config::zeroReferencesIs(bool) { FlagObservers<Config, Config::NotifieeConst>::zeroReferences(*this); }
+void Status::zeroReferencesIs(bool) { FlagObservers<Status, Status::NotifieeConst>::zeroReferences(*this); }
+
+Config::~Config() { FlagObservers<Config, Config::NotifieeConst>::destroy(*this); }
+Status::~Status() { FlagObservers<Status, Status::NotifieeConst>::destroy(*this); }
+
+void Config::NotifieeConst::onEnabled() {}
+void Status::NotifieeConst::onRunning() {}
 
 Orbel::Ptr<Config> Config::configFactory(Orbel::Name name) { return new Config(std::move(name)); }
 Orbel::Ptr<Status> Status::statusFactory(Orbel::Name name) { return new Status(std::move(name)); }

@@ -21,7 +21,19 @@ std::size_t ActivityLoop::runPending() {
     std::vector<Ptr<PtrInterface::NotifieeConst>> batch(queue_.begin(), queue_.end());
     queue_.clear();
     ActivityConfig config(++pass_);
-    for (auto& n : batch) n->handleNotification(&config);
+    for (auto& n : batch) {
+        // The loop's caller (an event loop) cannot handle an observer's failure, and the
+        // rest of the batch must still run: the failing one is told and the loop goes on.
+        try {
+            n->handleNotification(&config);
+        } catch (...) {
+            ++failures_;
+            try {
+                n->onNotificationException(0);
+            } catch (...) {
+            }
+        }
+    }
     return batch.size();
 }
 

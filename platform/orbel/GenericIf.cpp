@@ -47,14 +47,36 @@ AttributeId GenericIf::pendingAttributeTake() noexcept {
     return id;
 }
 
+namespace {
+
+// Tells every observer of the snapshot; one that throws gets onNotificationException and
+// the others are still told, so one failing observer neither hides the change from the
+// rest nor lets the exception reach the code that made the change (or the activity loop).
+void tellEach(const std::vector<Ptr<GenericIf::Notifiee>>& snapshot, AttributeId attributeId,
+              const Ptr<const GenericIf>& key) {
+    for (auto& n : snapshot) {
+        try {
+            n->onAttribute(attributeId, key);
+        } catch (...) {
+            try {
+                n->onNotificationException(attributeId);
+            } catch (...) {
+                // An observer's exception handler may not stop delivery either.
+            }
+        }
+    }
+}
+
+} // namespace
+
 void GenericIf::onAttribute(AttributeId attributeId) {
     auto snapshot = notifiees_;
-    for (auto& n : snapshot) n->onAttribute(attributeId, nullptr);
+    tellEach(snapshot, attributeId, nullptr);
 }
 
 void GenericIf::onAttributeKey(AttributeId attributeId, const Ptr<const GenericIf>& key) {
     auto snapshot = notifiees_;
-    for (auto& n : snapshot) n->onAttribute(attributeId, key);
+    tellEach(snapshot, attributeId, key);
 }
 
 void GenericIf::onNotificationException(AttributeId attributeId) {
@@ -64,7 +86,16 @@ void GenericIf::onNotificationException(AttributeId attributeId) {
 
 void GenericIf::onZeroReferences() {
     auto snapshot = notifiees_;
-    for (auto& n : snapshot) n->onZeroReferences();
+    for (auto& n : snapshot) {
+        try {
+            n->onZeroReferences();
+        } catch (...) {
+            try {
+                n->onNotificationException(attributeNone);
+            } catch (...) {
+            }
+        }
+    }
 }
 
 void GenericIf::defaultNotification(AttributeId attributeId) {

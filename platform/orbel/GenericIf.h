@@ -62,9 +62,11 @@ public:
     bool orbelOnAttribute(AttributeId attributeId);
     AttributeId pendingAttribute() const noexcept { return pending_; }
 
-    // Whole-attribute form to the generic observers.
+    // Whole-attribute form to the generic observers, in registration order. An observer
+    // that throws gets onNotificationException(attributeId) (whatever that throws is
+    // dropped) and the later ones are still told; nothing escapes to the caller.
     void onAttribute(AttributeId attributeId) override;
-    // Per-key form to the generic observers.
+    // Per-key form to the generic observers, with the same containment.
     virtual void onAttributeKey(AttributeId attributeId, const Ptr<const GenericIf>& key);
     void onNotificationException(AttributeId attributeId) override;
     void onZeroReferences() override;

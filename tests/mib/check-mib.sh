@@ -111,6 +111,10 @@ expected=(
   "velmar                       $e"
   "velmarMibs                   $e.3"
   "velmarDaemonMIB              $m"
+  "velmarDaemonNotifications    $m.0"
+  "velmarDaemonRunningChange    $m.0.1"
+  "velmarDaemonEnabledChange    $m.0.2"
+  "velmarDaemonGone             $m.0.3"
   "velmarDaemonConfig           $m.1"
   "velmarDaemonStatus           $m.2"
   "velmarDaemonConformance      $m.3"
@@ -135,6 +139,7 @@ expected=(
   "velmarDaemonGroups           $m.3.1"
   "velmarDaemonConfigGroup      $m.3.1.1"
   "velmarDaemonStatusGroup      $m.3.1.2"
+  "velmarDaemonNotificationGroup $m.3.1.3"
   "velmarDaemonCompliances      $m.3.2"
   "velmarDaemonCompliance       $m.3.2.1"
 )

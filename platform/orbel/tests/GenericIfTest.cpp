@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
 namespace {
 
 class Target : public Orbel::GenericIf {
@@ -19,8 +23,34 @@ class Recorder : public Orbel::GenericIf::Notifiee {
 public:
     void onAttribute(Orbel::AttributeId id, const Orbel::Ptr<const Orbel::GenericIf>& key) override {
         events.emplace_back(id, key != nullptr);
+        if (throwOnAttribute) throw std::runtime_error("generic observer failed");
+    }
+    void onNotificationException(Orbel::AttributeId id) override {
+        exceptions.push_back(id);
+        if (throwOnException) throw std::runtime_error("exception handler failed too");
     }
     std::vector<std::pair<Orbel::AttributeId, bool>> events;
+    std::vector<Orbel::AttributeId> exceptions;
+    bool throwOnAttribute = false;
+    bool throwOnException = false;
+};
+
+// A pending activity whose own handling throws.
+class FailingActivity : public Orbel::PtrInterface::NotifieeConst {
+public:
+    void handleNotification(Orbel::ActivityConfig*) override {
+        ++runs;
+        throw std::runtime_error("activity failed");
+    }
+    void onNotificationException(Orbel::AttributeId id) override { exceptions.push_back(id); }
+    int runs = 0;
+    std::vector<Orbel::AttributeId> exceptions;
+};
+
+class CountingActivity : public Orbel::PtrInterface::NotifieeConst {
+public:
+    void handleNotification(Orbel::ActivityConfig*) override { ++runs; }
+    int runs = 0;
 };
 
 } // namespace
@@ -98,4 +128,67 @@ TEST(TypeRegistry, TypesInOrderWithAttributes) {
     r.typeDel("RegTest::A");
     r.typeDel("RegTest::B");
     EXPECT_EQ(r.type("RegTest::A"), nullptr);
+}
+
+TEST(GenericIf, ImmediateDeliveryGoesOnPastAThrowingObserver) {
+    auto t = Target::make();
+    Orbel::Ptr<Recorder> first = new Recorder;
+    Orbel::Ptr<Recorder> second = new Recorder;
+    t->genericNotifieeIs(first);
+    t->genericNotifieeIs(second);
+    first->throwOnAttribute = true;
+    EXPECT_NO_THROW(t->onAttribute(258));
+    EXPECT_NO_THROW(t->onAttributeKey(259, Orbel::genericBool(true, true)));
+    EXPECT_EQ(second->events, (std::vector<std::pair<Orbel::AttributeId, bool>>{{258, false}, {259, true}}));
+    EXPECT_EQ(first->exceptions, (std::vector<Orbel::AttributeId>{258, 259}));
+    EXPECT_TRUE(second->exceptions.empty());
+}
+
+TEST(GenericIf, ThrowingExceptionHandlerDoesNotStopDelivery) {
+    auto t = Target::make();
+    Orbel::Ptr<Recorder> first = new Recorder;
+    Orbel::Ptr<Recorder> second = new Recorder;
+    t->genericNotifieeIs(first);
+    t->genericNotifieeIs(second);
+    first->throwOnAttribute = true;
+    first->throwOnException = true;
+    EXPECT_NO_THROW(t->onAttribute(258));
+    EXPECT_EQ(second->events.size(), 1u);
+    EXPECT_EQ(first->exceptions, std::vector<Orbel::AttributeId>{258});
+}
+
+TEST(GenericIf, DeferredDeliveryGoesOnPastAThrowingObserver) {
+    auto& loop = Orbel::ActivityLoop::instance();
+    loop.runPending();
+    auto t = Target::make();
+    Orbel::Ptr<Recorder> first = new Recorder;
+    Orbel::Ptr<Recorder> second = new Recorder;
+    t->genericNotifieeIs(first);
+    t->genericNotifieeIs(second);
+    t->notificationDeferredIs(true);
+    first->throwOnAttribute = true;
+    t->orbelOnAttribute(258);
+    const auto failures = loop.failures();
+    EXPECT_NO_THROW(loop.runPending());
+    EXPECT_EQ(second->events, (std::vector<std::pair<Orbel::AttributeId, bool>>{{258, false}}));
+    EXPECT_EQ(first->exceptions, std::vector<Orbel::AttributeId>{258});
+    EXPECT_EQ(loop.failures(), failures);   // contained by the interface, not by the loop
+}
+
+TEST(ActivityLoop, FailingActivityDoesNotEscapeNorSkipTheRest) {
+    auto& loop = Orbel::ActivityLoop::instance();
+    loop.runPending();
+    Orbel::Ptr<FailingActivity> failing = new FailingActivity;
+    Orbel::Ptr<CountingActivity> after = new CountingActivity;
+    loop.pendingIs(failing);
+    loop.pendingIs(after);
+    const auto failures = loop.failures();
+    std::size_t ran = 0;
+    EXPECT_NO_THROW(ran = loop.runPending());
+    EXPECT_EQ(ran, 2u);
+    EXPECT_EQ(failing->runs, 1);
+    EXPECT_EQ(after->runs, 1);
+    EXPECT_EQ(failing->exceptions, std::vector<Orbel::AttributeId>{0});
+    EXPECT_EQ(loop.failures(), failures + 1);
+    EXPECT_EQ(loop.pending(), 0u);
 }

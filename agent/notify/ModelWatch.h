@@ -1,0 +1,83 @@
+// Hears the daemon MIB change, whoever writes it: which daemons appear or go (the enabled
+// table's rows, through the DaemonMib's observers) and their flags (observers of each
+// daemon's GenericAgent::Config and GenericAgent::Status). Changes are collected while a
+// writer works and told once it is done, from the framework's activity loop, one call per
+// daemon whose flags differ from what was told before.
+//
+//   Agent::ModelWatch watch(mib, [](const std::string& daemon, const Agent::DaemonFlags& f) { ... });
+//   for (auto& [name, flags] : watch.start()) ...;   // the state now: the baseline
+//   // ... the model changes; Orbel::ActivityLoop::instance().runPending() tells them ...
+//   watch.stop();
+//
+// A writer that replaces a daemon's Config or Status deletes and re-creates its row; the
+// watch follows the row to the new object, and since it tells only after the writer is
+// done, such a replacement is not taken for the daemon going and coming back.
+//
+// Threads: the thread that owns the model (the agent's event loop), only.
+#pragma once
+
+#include "NotifyScheduler.h"
+
+#include "GenericAgent/GenericAgentSnmp.h"
+#include "launcher/AgentState.h"
+
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Agent {
+
+class ModelWatch {
+public:
+    using Changed = std::function<void(const std::string& daemon, const DaemonFlags& flags)>;
+
+    // Keeps a reference to mib. Listens only from start() on.
+    ModelWatch(Orbel::Ptr<GenericAgent::DaemonMib> mib, Changed changed);
+    // Stops.
+    ~ModelWatch();
+    ModelWatch(const ModelWatch&) = delete;
+    ModelWatch& operator=(const ModelWatch&) = delete;
+
+    // Starts listening and returns every daemon's flags now, in name order. Nothing is
+    // told for the state as it is. Starting again does nothing (and returns nothing).
+    std::vector<std::pair<std::string, DaemonFlags>> start();
+    // Stops listening: the observers leave the model, and what was collected is dropped.
+    void stop();
+    bool started() const noexcept { return started_; }
+
+    // Tells what was collected now (the activity loop does it otherwise).
+    void flush();
+    // Daemons with a change collected and not yet told.
+    std::size_t dirty() const noexcept { return dirty_.size(); }
+    // Observers on Config and Status objects (two per daemon at most).
+    std::size_t flagObservers() const noexcept;
+
+private:
+    class MibWatch;
+    class ConfigWatch;
+    class StatusWatch;
+    class Flush;
+    struct Daemon {
+        Orbel::Ptr<ConfigWatch> config;
+        Orbel::Ptr<StatusWatch> status;
+        DaemonFlags told;
+    };
+
+    void rowChanged(const std::string& name);
+    void markDirty(const std::string& name);
+    DaemonFlags flagsNow(const std::string& name, const Daemon& d) const;
+    Daemon& follow(const std::string& name);
+
+    Orbel::Ptr<GenericAgent::DaemonMib> mib_;
+    Changed changed_;
+    Orbel::Ptr<MibWatch> mibWatch_;
+    Orbel::Ptr<Flush> flush_;
+    std::map<std::string, Daemon> daemons_;
+    std::set<std::string> dirty_;
+    bool started_ = false;
+};
+
+} // namespace Agent

@@ -1,0 +1,126 @@
+// The notifier's view of the model: rows and flags, told once a writer is done.
+#include "agent/notify/ModelWatch.h"
+
+#include "orbel/Activity.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using Agent::DaemonFlags;
+using GenericAgent::Config;
+using GenericAgent::Status;
+
+struct Fixture {
+    Orbel::Ptr<GenericAgent::DaemonMib> mib = GenericAgent::daemonMibFactory("daemonMIB");
+    std::vector<std::pair<std::string, DaemonFlags>> told;
+    Agent::ModelWatch watch{mib, [this](const std::string& n, const DaemonFlags& f) { told.emplace_back(n, f); }};
+
+    Fixture() { Orbel::ActivityLoop::instance().runPending(); }
+    void add(const std::string& name, const Orbel::Ptr<Config>& c, const Orbel::Ptr<Status>& s) {
+        mib->enabledTableIs(Snmp::String(name), c);
+        mib->runningTableIs(Snmp::String(name), s);
+    }
+    void run() { Orbel::ActivityLoop::instance().runPending(); }
+};
+
+} // namespace
+
+TEST(ModelWatch, StartReturnsTheStateNowAndTellsNothing) {
+    Fixture f;
+    auto c = Config::configFactory("bgpd");
+    auto s = Status::statusFactory("bgpd");
+    c->enabledIs(true);
+    f.add("bgpd", c, s);
+    auto now = f.watch.start();
+    ASSERT_EQ(now.size(), 1u);
+    EXPECT_EQ(now[0].first, "bgpd");
+    EXPECT_EQ(now[0].second, (DaemonFlags{true, true, false}));
+    f.run();
+    EXPECT_TRUE(f.told.empty());
+    EXPECT_EQ(f.watch.flagObservers(), 2u);
+}
+
+TEST(ModelWatch, FlagChangesAreToldOnceTheWriterIsDone) {
+    Fixture f;
+    auto c = Config::configFactory("bgpd");
+    auto s = Status::statusFactory("bgpd");
+    f.add("bgpd", c, s);
+    f.watch.start();
+    s->runningIs(true);
+    c->enabledIs(true);
+    EXPECT_TRUE(f.told.empty());
+    EXPECT_EQ(f.watch.dirty(), 1u);
+    f.run();
+    ASSERT_EQ(f.told.size(), 1u);
+    EXPECT_EQ(f.told[0].second, (DaemonFlags{true, true, true}));
+    // A change and its undo before the loop runs tell nothing.
+    s->runningIs(false);
+    s->runningIs(true);
+    f.run();
+    EXPECT_EQ(f.told.size(), 1u);
+}
+
+TEST(ModelWatch, ReplacedConfigIsFollowedAndNotTakenForTheDaemonGoing) {
+    Fixture f;
+    f.add("bgpd", nullptr, nullptr);
+    f.watch.start();
+    auto c = Config::configFactory("bgpd");
+    c->enabledIs(true);
+    f.mib->enabledTableDel(Snmp::String("bgpd"));
+    f.mib->enabledTableIs(Snmp::String("bgpd"), c);
+    f.run();
+    ASSERT_EQ(f.told.size(), 1u);
+    EXPECT_EQ(f.told[0].second, (DaemonFlags{true, true, false}));
+    c->enabledIs(false);   // the new Config is watched
+    f.run();
+    ASSERT_EQ(f.told.size(), 2u);
+    EXPECT_FALSE(f.told[1].second.enabled);
+}
+
+TEST(ModelWatch, DaemonThatGoesIsToldWithItsLastFlagsAndForgotten) {
+    Fixture f;
+    auto c = Config::configFactory("bgpd");
+    auto s = Status::statusFactory("bgpd");
+    c->enabledIs(true);
+    s->runningIs(true);
+    f.add("bgpd", c, s);
+    f.watch.start();
+    f.mib->enabledTableDel(Snmp::String("bgpd"));
+    f.mib->runningTableDel(Snmp::String("bgpd"));
+    f.run();
+    ASSERT_EQ(f.told.size(), 1u);
+    EXPECT_EQ(f.told[0].second, (DaemonFlags{false, true, true}));
+    EXPECT_EQ(f.watch.flagObservers(), 0u);
+    EXPECT_EQ(c->notifiees(), 0u);
+    EXPECT_EQ(c->references(), 1u);
+}
+
+TEST(ModelWatch, NewDaemonIsTold) {
+    Fixture f;
+    f.watch.start();
+    auto s = Status::statusFactory("ntpd");
+    s->runningIs(true);
+    f.add("ntpd", nullptr, s);
+    f.run();
+    ASSERT_EQ(f.told.size(), 1u);
+    EXPECT_EQ(f.told[0].first, "ntpd");
+    EXPECT_EQ(f.told[0].second, (DaemonFlags{true, false, true}));
+}
+
+TEST(ModelWatch, StopLeavesTheModelAndTellsNothingMore) {
+    Fixture f;
+    auto c = Config::configFactory("bgpd");
+    f.add("bgpd", c, nullptr);
+    f.watch.start();
+    EXPECT_EQ(f.mib->notifiees(), 1u);
+    f.watch.stop();
+    EXPECT_EQ(f.mib->notifiees(), 0u);
+    EXPECT_EQ(c->notifiees(), 0u);
+    c->enabledIs(true);
+    f.run();
+    EXPECT_TRUE(f.told.empty());
+}
