@@ -1,5 +1,6 @@
 """Prometheus: Debian's prometheus-snmp-exporter scrapes velmar-snmp-agent with the
-module in prometheus/snmp.yml.
+module in prometheus/snmp.yml, directly and through Debian's snmpd with its stock
+snmpd.conf and the installed AgentX or dlmod fragment enabled (community "public").
 
 The committed snmp.yml must be what prometheus/generate makes of generator.yml today;
 the flags read 1 (true) and 0 (false); option and data values arrive as labels of
@@ -21,6 +22,7 @@ import urllib.error
 import urllib.parse
 import urllib.request
 
+import stock_snmpd as stock
 import velmar_harness as h
 
 PROMETHEUS_DIR = os.path.join(h.SOURCE_DIR, "prometheus")
@@ -273,6 +275,85 @@ class ScrapeTest(unittest.TestCase):
         with self.assertRaises(urllib.error.HTTPError) as e:
             self.exporter.scrape(self.agent.port, module="no_such_module")
         self.assertEqual(e.exception.code, 400)
+
+
+class StockSnmpdScrapeMixin:
+    """The exporter scrapes Debian's snmpd, which runs with its stock snmpd.conf and one mode
+    of the installed project enabled (tests/agent/stock_snmpd.py)."""
+
+    mode = None
+
+    @classmethod
+    def setUpClass(cls):
+        cls.install_dir = h.TempDir()
+        try:
+            cls.prefix = stock.install(cls.install_dir.path)
+            cls.fragment = stock.enable(cls.prefix, cls.mode)
+        except BaseException:
+            cls.install_dir.cleanup()
+            raise
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.install_dir.cleanup()
+
+    def setUp(self):
+        require_tools(self)
+        if not os.access(h.SNMPD, os.X_OK):
+            self.fail("Debian's snmpd is not installed (scripts/install-deps installs it)")
+        self.tmp = h.TempDir()
+        self.addCleanup(self.tmp.cleanup)
+        self.path = self.tmp.file("state.json")
+        self.state = copy.deepcopy(STATE)
+        h.write_state(self.path, self.state)
+        socket_path = self.tmp.file("agentx.sock")
+        self.agent = None
+        env_extra = {}
+        if self.mode == "dlmod":
+            from test_dlmod import sanitizer_env
+            stock.point_dlmod_at(self.fragment, self.path)
+            env_extra = sanitizer_env()
+        self.snmpd = stock.StockSnmpd(self.tmp.path, stock.include_dir(self.prefix), socket_path, env_extra=env_extra)
+        self.addCleanup(self.snmpd.stop)
+        if self.mode == "agentx":
+            self.agent = h.Process([os.path.join(self.prefix, "bin", "velmar-snmp-agent"), "--agentx", socket_path,
+                                    "--agentx-ping", "1", "--state", self.path], "serving")
+            self.addCleanup(self.agent.stop)
+        self.exporter = Exporter(self.tmp.path)
+        self.addCleanup(self.exporter.stop)
+
+    def diagnostics(self):
+        return "\nsnmpd:\n%s\nagent:\n%s\nexporter:\n%s" % (
+            self.snmpd.log()[-4000:], self.agent.stderr() if self.agent else "(none)", self.exporter.log()[-4000:])
+
+    def wait_for(self, expected, timeout=15.0):
+        deadline = time.time() + timeout
+        got = None
+        while time.time() < deadline:
+            got = served_samples(self.exporter.scrape(self.snmpd.port))
+            if got == expected:
+                return got
+            time.sleep(0.2)
+        self.fail("scrape through snmpd:\nmissing %s\nextra %s%s" % (
+            sorted(set(expected.items()) - set(got.items())), sorted(set(got.items()) - set(expected.items())),
+            self.diagnostics()))
+
+    def test_scrape_through_stock_snmpd_yields_every_row(self):
+        got = self.wait_for(expected_samples(self.state))
+        self.assertGreater(len(got), 0)
+        s = copy.deepcopy(self.state)
+        s["daemons"]["bgpd"]["status"]["running"] = False
+        h.write_state(self.path, s)
+        got = self.wait_for(expected_samples(s))
+        self.assertEqual(got[("velmarDaemonRunning", frozenset({"velmarDaemonRunningAgentName": "bgpd"}.items()))], 0.0)
+
+
+class StockSnmpdAgentxScrapeTest(StockSnmpdScrapeMixin, unittest.TestCase):
+    mode = "agentx"
+
+
+class StockSnmpdDlmodScrapeTest(StockSnmpdScrapeMixin, unittest.TestCase):
+    mode = "dlmod"
 
 
 if __name__ == "__main__":

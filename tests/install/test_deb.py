@@ -1,5 +1,6 @@
-"""The Debian package: cpack builds velmar-daemon-mib_<version>_<arch>.deb from the build
-directory; its listing, control fields and RUNPATHs are checked; it is unpacked into a
+"""The Debian package: cpack builds velmar-daemon-mib_<version>-<revision>_<arch>.deb from the
+build directory; its listing, control fields, RUNPATHs, copyright file, changelog and snmpd
+fragments are checked, and lintian finds no error in it; it is unpacked into a
 fresh temporary root, and the agent is run from there, without LD_LIBRARY_PATH, on the
 packaged demo state: it must find its libraries and its module inside that root, answer a
 walk, and stop with exit status 0 on SIGTERM.
@@ -21,6 +22,9 @@ import velmar_harness as h
 
 BUILD_DIR = os.environ.get("VELMAR_BUILD_DIR", "")
 VERSION = os.environ.get("VELMAR_VERSION", "")
+REVISION = os.environ.get("VELMAR_DEBIAN_REVISION", "")
+PACKAGE_VERSION = "%s-%s" % (VERSION, REVISION)
+LINTIAN = os.environ.get("VELMAR_LINTIAN", "lintian")
 ENTERPRISE = str(h.ENTERPRISE)
 
 # Every regular file the package must hold, and the ELF files among them with the RUNPATH
@@ -38,6 +42,10 @@ EXPECTED_FILES = {
     "./usr/share/snmp/mibs/VELMAR-DAEMON-MIB.txt": None,
     "./usr/share/velmar-daemon-mib/demo-state.json": None,
     "./usr/share/man/man1/velmar-snmp-agent.1.gz": None,
+    "./usr/share/velmar-daemon-mib/snmpd-agentx.conf": None,
+    "./usr/share/velmar-daemon-mib/snmpd-dlmod.conf": None,
+    "./usr/share/doc/velmar-daemon-mib/copyright": None,
+    "./usr/share/doc/velmar-daemon-mib/changelog.Debian.gz": None,
     "./lib/systemd/system/velmar-snmp-agent.service": None,
     "./etc/snmp/snmpd.conf.d/velmar-daemon-mib.conf": None,
 }
@@ -108,7 +116,8 @@ class DebianPackageTest(unittest.TestCase):
 
     def test_file_name_says_package_version_and_architecture(self):
         arch = run(["dpkg", "--print-architecture"]).strip()
-        self.assertEqual(os.path.basename(self.deb), "velmar-daemon-mib_%s_%s.deb" % (VERSION, arch))
+        self.assertRegex(REVISION, r"^[0-9]+$")
+        self.assertEqual(os.path.basename(self.deb), "velmar-daemon-mib_%s_%s.deb" % (PACKAGE_VERSION, arch))
 
     def test_listing_has_every_expected_path_and_nothing_stray(self):
         listing = run(["dpkg-deb", "-c", self.deb])
@@ -126,14 +135,18 @@ class DebianPackageTest(unittest.TestCase):
 
     def test_control_fields(self):
         fields = {}
-        for name in ("Package", "Version", "Architecture", "Maintainer", "Depends", "Recommends", "Section"):
+        for name in ("Package", "Version", "Architecture", "Maintainer", "Depends", "Recommends", "Suggests",
+                     "Section"):
             fields[name] = run(["dpkg-deb", "-f", self.deb, name]).strip()
         self.assertEqual(fields["Package"], "velmar-daemon-mib")
-        self.assertEqual(fields["Version"], VERSION)
+        self.assertEqual(fields["Version"], PACKAGE_VERSION)
         self.assertIn("@", fields["Maintainer"])
         depends = [d.strip().split()[0] for d in fields["Depends"].split(",")]
-        for dep in ("libsnmp40", "snmp", "libc6", "libstdc++6"):
+        for dep in ("libsnmp40", "libc6", "libstdc++6"):
             self.assertIn(dep, depends, fields["Depends"])
+        # Nothing in the package runs the command-line tools: they are only suggested.
+        self.assertNotIn("snmp", depends, fields["Depends"])
+        self.assertIn("snmp", [d.strip().split()[0] for d in fields["Suggests"].split(",")], fields["Suggests"])
         self.assertNotIn("velmar", fields["Depends"])    # its own libraries are inside it
         self.assertIn("snmpd", fields["Recommends"])
         self.assertEqual(fields["Section"], "net")
@@ -181,15 +194,79 @@ class DebianPackageTest(unittest.TestCase):
             with open(self.path(member), "rb") as a, open(os.path.join(h.SOURCE_DIR, source), "rb") as b:
                 self.assertEqual(a.read(), b.read(), member)
 
-    def test_snmpd_fragment_says_what_the_example_says(self):
+    def test_snmpd_include_file_enables_nothing_until_one_line_is_uncommented(self):
+        with open(self.path("./etc/snmp/snmpd.conf.d/velmar-daemon-mib.conf")) as f:
+            text = f.read()
+        active = [l for l in text.splitlines() if l.strip() and not l.lstrip().startswith("#")]
+        self.assertEqual(active, [], "the installed snmpd file enables something by itself")
+        includes = re.findall(r"^#includeFile (\S+)$", text, re.M)
+        self.assertEqual(includes, ["/usr/share/velmar-daemon-mib/snmpd-agentx.conf",
+                                    "/usr/share/velmar-daemon-mib/snmpd-dlmod.conf"])
+        for target in includes:
+            self.assertTrue(os.path.isfile(self.path("." + target)), target + " is not in the package")
+
+    def test_snmpd_fragments_are_the_examples_and_add_the_subtree_to_the_stock_view(self):
         def directives(text):
             return [l.split() for l in text.splitlines() if l.strip() and not l.lstrip().startswith("#")]
-        with open(self.path("./etc/snmp/snmpd.conf.d/velmar-daemon-mib.conf")) as f:
-            packaged = directives(f.read())
-        with open(os.path.join(h.SOURCE_DIR, "examples/snmpd-agentx.conf")) as f:
-            example = directives(f.read())
-        self.assertEqual(packaged, example)
-        self.assertIn(["view", "velmarDaemonView", "included", h.oid_str(h.ROOT)], packaged)
+        for mode in ("agentx", "dlmod"):
+            with open(self.path("./usr/share/velmar-daemon-mib/snmpd-%s.conf" % mode)) as f:
+                packaged = directives(f.read())
+            with open(os.path.join(h.SOURCE_DIR, "examples/snmpd-%s.conf" % mode)) as f:
+                example = directives(f.read().replace(".1.3.6.1.4.1.32473.", ".1.3.6.1.4.1.%s." % ENTERPRISE))
+            self.assertEqual(packaged, example, mode)
+            # Debian's stock snmpd.conf maps community public to the view systemonly first.
+            self.assertIn(["view", "systemonly", "included", h.oid_str(h.ROOT)], packaged, mode)
+        with open(self.path("./usr/share/velmar-daemon-mib/snmpd-dlmod.conf")) as f:
+            dlmod = directives(f.read())
+        self.assertIn(["dlmod", "velmar_daemon_mib", "/usr/lib/velmar/dlmod/velmar_daemon_mib.so"], dlmod)
+
+    # --- Debian's documentation files ---------------------------------------------------
+
+    def test_copyright_is_machine_readable_and_carries_the_license(self):
+        with open(self.path("./usr/share/doc/velmar-daemon-mib/copyright"), encoding="utf-8") as f:
+            copyright_text = f.read()
+        self.assertTrue(copyright_text.startswith(
+            "Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/\n"), copyright_text[:200])
+        self.assertRegex(copyright_text, r"(?m)^Files: \*\nCopyright: .+\nLicense: BSD-3-Clause$")
+        # The license paragraph is LICENSE's text from its first condition on, in DEP-5 form
+        # (one space of indent, empty lines as " .").
+        with open(os.path.join(h.SOURCE_DIR, "LICENSE"), encoding="utf-8") as f:
+            license_lines = f.read().splitlines()
+        start = next(i for i, l in enumerate(license_lines) if l.startswith("Redistribution"))
+        paragraph = copyright_text.split("\nLicense: BSD-3-Clause\n", 2)[-1]
+        got = [l[1:] if l != " ." else "" for l in paragraph.rstrip("\n").split("\n")]
+        want = license_lines[start:]
+        while want and not want[-1].strip():
+            want.pop()
+        self.assertEqual(got, want)
+        holder = re.search(r"(?m)^Copyright \(c\) (\d{4}), (.+)$", "\n".join(license_lines))
+        self.assertIsNotNone(holder)
+        self.assertIn("Copyright: %s %s" % holder.groups(), copyright_text)
+
+    def test_changelog_is_debian_format_for_this_version(self):
+        with gzip.open(self.path("./usr/share/doc/velmar-daemon-mib/changelog.Debian.gz"), "rt") as f:
+            text = f.read()
+        r = subprocess.run(["dpkg-parsechangelog", "-l", "-", "-S", "Version"], input=text, capture_output=True,
+                           text=True, timeout=60)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertEqual(r.stdout.strip(), PACKAGE_VERSION)
+        r = subprocess.run(["dpkg-parsechangelog", "-l", "-", "-S", "Source"], input=text, capture_output=True,
+                           text=True, timeout=60)
+        self.assertEqual(r.stdout.strip(), "velmar-daemon-mib")
+        with open(os.path.join(h.SOURCE_DIR, "packaging/changelog"), encoding="utf-8") as f:
+            self.assertEqual(text, f.read())
+
+    def test_lintian_finds_no_error(self):
+        if not shutil.which(LINTIAN):
+            self.fail("lintian is not installed (scripts/install-deps installs it)")
+        r = subprocess.run([LINTIAN, "--no-tag-display-limit", self.deb], capture_output=True, text=True,
+                           timeout=600)
+        tags = [l for l in r.stdout.splitlines() if re.match(r"^[EWIPX]: ", l)]
+        print("\nlintian %s:\n%s" % (os.path.basename(self.deb), "\n".join(tags) or "(no tags)"))
+        errors = [l for l in tags if l.startswith("E: ")]
+        self.assertEqual(errors, [], r.stdout + r.stderr)
+        # Non-zero: an error tag, or lintian itself failed.
+        self.assertEqual(r.returncode, 0, r.stdout + r.stderr)
 
     def test_unit_starts_the_packaged_agent_as_subagent(self):
         with open(self.path("./lib/systemd/system/velmar-snmp-agent.service")) as f:
