@@ -67,6 +67,7 @@ void Host::loadModule(const std::string& modulePath, const std::vector<std::stri
     module->initContext("");
     for (const auto& c : contexts) module->initContext(Orbel::String8(c));
     module_ = std::move(module);
+    if (!replyLimit_) replyLimit_ = std::make_unique<ReplySizeLimit>();
 }
 
 void Host::onFeedEvent(int, void* host) { static_cast<Host*>(host)->feed_->handleEvent(); }
@@ -122,6 +123,7 @@ void Host::stopServing() {
         ::close(activityFd_);
         activityFd_ = -1;
     }
+    replyLimit_.reset();
     // Contexts are withdrawn while the module is loaded: Net-SNMP frees the registrations
     // it still holds only afterwards, and only after that may the module go.
     if (module_)

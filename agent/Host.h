@@ -21,6 +21,8 @@
 // The host knows sources only through Feed::Source.
 #pragma once
 
+#include "ReplySize.h"
+
 #include "feed/core/StateFeed.h"
 
 #include "GenericAgent/GenericAgentSnmp.h"
@@ -50,7 +52,8 @@ public:
     void loadState(std::unique_ptr<Feed::Source> source);
 
     // Loads the module library and initialises it in the default context and then in each
-    // of contexts. Needs Net-SNMP's agent library initialised (handlers are registered).
+    // of contexts, and keeps every reply of the agent within what its transport carries
+    // (ReplySizeLimit). Needs Net-SNMP's agent library initialised (handlers are registered).
     // Throws Orbel::Exception when the library cannot be loaded; nothing stays loaded
     // then. Precondition: no module loaded yet (std::logic_error otherwise).
     void loadModule(const std::string& modulePath, const std::vector<std::string>& contexts);
@@ -69,7 +72,8 @@ public:
     void runActivitiesFromSelectLoop();
 
     // Stops the source, takes the feed's and the activity loop's descriptors out of the
-    // select loop, and withdraws the module from every context (the library stays loaded,
+    // select loop, removes the reply size limit, and withdraws the module from every
+    // context (the library stays loaded,
     // so that Net-SNMP may still free what it holds of it). Safe to repeat.
     void stopServing();
 
@@ -91,6 +95,7 @@ private:
     Orbel::Ptr<GenericAgent::DaemonMib> mib_;
     std::unique_ptr<Feed::StateFeed> feed_;
     std::unique_ptr<Snmp::ModuleLoader> module_;
+    std::unique_ptr<ReplySizeLimit> replyLimit_;
     bool feedRegistered_ = false;
     int activityFd_ = -1;   // wake-up eventfd of the activity loop (runActivitiesFromSelectLoop)
 };
