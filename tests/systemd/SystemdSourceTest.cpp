@@ -54,6 +54,15 @@ public:
             if (systemdPid <= 0) std::this_thread::sleep_for(100ms);
         }
         ASSERT_GT(systemdPid, 0) << "the sandbox's systemd did not start";
+        // The child runs the script first, then execs systemd; wait for systemd and its bus.
+        for (int i = 0; i < 200; ++i) {
+            std::ifstream comm("/proc/" + std::to_string(systemdPid) + "/comm");
+            std::string name;
+            comm >> name;
+            if (name == "systemd" && ::access(("/proc/" + std::to_string(systemdPid) + "/root/run/dbus/system_bus_socket").c_str(), F_OK) == 0)
+                break;
+            std::this_thread::sleep_for(100ms);
+        }
         ASSERT_EQ(run("systemctl is-system-running --wait >/dev/null; true"), 0);
     }
     void TearDown() override {
@@ -172,7 +181,7 @@ TEST_F(SystemdSourceTest, RestartsOfAFailingServiceAreCounted) {
 }
 
 TEST_F(SystemdSourceTest, DaemonReloadAfterAUnitFileChangedIsSeen) {
-    ASSERT_EQ(Sandbox::run("sed -i s/long-running/long-running, edited/ /etc/systemd/system/velmar-long.service && systemctl daemon-reload"), 0);
+    ASSERT_EQ(Sandbox::run("sed -i s/long-running/long-running-edited/ /etc/systemd/system/velmar-long.service && systemctl daemon-reload"), 0);
     EXPECT_TRUE(served.waitFor(*source, [](auto& s) {
         return s.count("velmar-long") && s.at("velmar-long").options.at("Description").find("edited") != std::string::npos; }));
 }
