@@ -23,3 +23,10 @@ find_package(CLI11 CONFIG QUIET)
 if(NOT CLI11_FOUND)
   message(FATAL_ERROR "CLI11 not found: install Debian's libcli11-dev (scripts/install-deps)")
 endif()
+
+# The systemd source's bus (sd-bus); no other D-Bus library.
+pkg_check_modules(VELMAR_LIBSYSTEMD QUIET IMPORTED_TARGET GLOBAL libsystemd)
+if(NOT VELMAR_LIBSYSTEMD_FOUND)
+  message(FATAL_ERROR "libsystemd not found: install Debian's libsystemd-dev (scripts/install-deps)")
+endif()
+add_library(Velmar::libsystemd ALIAS PkgConfig::VELMAR_LIBSYSTEMD)
