@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <cctype>
 #include <filesystem>
 #include <iostream>
 
@@ -37,13 +38,27 @@ std::string defaultModule() {
     return firstExisting({dir / "../lib/velmar/modules/VelmarDaemonMIB.so", dir / "../modules/VelmarDaemonMIB.so"});
 }
 
-std::string defaultState() {
-    auto dir = executableDir();
-    std::vector<std::filesystem::path> c = {dir / "../share/velmar-daemon-mib/demo-state.json"};
-#ifdef VELMAR_SOURCE_DIR
-    c.emplace_back(std::filesystem::path(VELMAR_SOURCE_DIR) / "examples/demo-state.json");
-#endif
-    return firstExisting(c);
+// Why a --listen value cannot be placed, or nothing when it can: a network transport
+// (udp, udp6, tcp, tcp6) with an address or port, or an explicit unix: socket path that is
+// not an existing file other than a socket (Net-SNMP would replace that file).
+std::string listenProblem(const std::string& value) {
+    const auto colon = value.find(':');
+    if (colon == std::string::npos || colon + 1 == value.size())
+        return "--listen " + value + ": give a transport and an address or port, e.g. udp:127.0.0.1:1161, "
+               "udp6:[::1]:1161, tcp:127.0.0.1:1161";
+    std::string transport = value.substr(0, colon);
+    for (auto& c : transport) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    const std::string rest = value.substr(colon + 1);
+    if (transport == "unix") {
+        std::error_code ec;
+        const auto st = std::filesystem::symlink_status(rest, ec);
+        if (!ec && std::filesystem::exists(st) && st.type() != std::filesystem::file_type::socket)
+            return "--listen " + value + ": " + rest + " exists and is not a socket; it would be replaced";
+        return {};
+    }
+    if (transport != "udp" && transport != "udp6" && transport != "tcp" && transport != "tcp6")
+        return "--listen " + value + ": unknown transport \"" + transport + "\" (udp, udp6, tcp, tcp6 or unix)";
+    return {};
 }
 
 void build(CLI::App& app, AgentOptions& o) {
@@ -52,9 +67,11 @@ void build(CLI::App& app, AgentOptions& o) {
         "): enabled, option, running and data. Runs as a master agent on its own addresses, or as an AgentX "
         "subagent of a running snmpd. The state file is watched and every valid change is served at once.");
     app.add_option("--listen", o.listen,
-                   "Master mode: a Net-SNMP transport address to listen on (repeatable), e.g. udp:127.0.0.1:1161, "
-                   "udp6:[::1]:1161, tcp:127.0.0.1:1161")
-        ->default_str("udp:127.0.0.1:1161");
+                   "Master mode: a transport address to listen on (repeatable, one per --listen): udp, udp6, tcp or "
+                   "tcp6 with an address or port, e.g. udp:127.0.0.1:1161, udp6:[::1]:1161, tcp:127.0.0.1:1161; "
+                   "a Unix socket only with unix:PATH")
+        ->allow_extra_args(false)
+        ->default_str("udp:127.0.0.1:1161 and udp6:[::1]:1161");
     app.add_option("--agentx", o.agentx,
                    "Subagent mode: the AgentX socket of a running snmpd master, e.g. /var/agentx/master or "
                    "tcp:127.0.0.1:705");
@@ -62,8 +79,7 @@ void build(CLI::App& app, AgentOptions& o) {
                    "Seconds between pings of the AgentX master; a lost master is reconnected on the next ping")
         ->check(CLI::Range(1, 3600))
         ->default_val(5);
-    app.add_option("--state", o.stateFile, "The launcher state file (JSON), watched for changes")
-        ->default_str("the bundled demo state");
+    app.add_option("--state", o.stateFile, "The launcher state file (JSON), watched for changes (required)");
     app.add_option("--config", o.configFile,
                    "Access configuration in Net-SNMP snmpd.conf syntax (rocommunity, createUser, rouser, view, "
                    "access...); default: read-only community public from 127.0.0.1 (and ::1) only");
@@ -114,9 +130,26 @@ int parseOptions(int argc, char** argv, AgentOptions& opts) {
         std::cerr << "velmar-snmp-agent: --listen and --agentx exclude each other (see --help)\n";
         return 2;
     }
-    if (opts.listen.empty() && opts.agentx.empty()) opts.listen.push_back("udp:127.0.0.1:1161");
+    for (const char* name : {"--state", "--config", "--persistent-dir", "--module", "--agentx"}) {
+        const CLI::Option* opt = app.get_option(name);
+        if (opt->count() > 0 && opt->as<std::string>().empty()) {
+            std::cerr << "velmar-snmp-agent: " << name << " needs a value, not an empty string (see --help)\n";
+            return 2;
+        }
+    }
+    for (const auto& l : opts.listen) {
+        if (std::string problem = listenProblem(l); !problem.empty()) {
+            std::cerr << "velmar-snmp-agent: " << problem << "\n";
+            return 2;
+        }
+    }
+    // The launcher source: one must be named (a --systemd source would be the other choice).
+    if (opts.stateFile.empty()) {
+        std::cerr << "velmar-snmp-agent: no launcher source: give --state FILE (see --help)\n";
+        return 2;
+    }
+    if (opts.listen.empty() && opts.agentx.empty()) opts.listen = {"udp:127.0.0.1:1161", "udp6:[::1]:1161"};
     if (opts.modulePath.empty()) opts.modulePath = defaultModule();
-    if (opts.stateFile.empty()) opts.stateFile = defaultState();
     return -1;
 }
 

@@ -43,15 +43,36 @@ constexpr const char* appName = "velmar-snmp-agent";
 int signalPipe[2] = {-1, -1};
 volatile sig_atomic_t stopRequested = 0;
 
-void onSignal(int) {
-    stopRequested = 1;
-    const char c = 's';
+// SIGINT and SIGTERM stop the loop; SIGHUP and SIGUSR1 are written into the pipe and
+// handled on the loop's thread (onSignalPipe), never by default (which would end the process).
+void onSignal(int sig) {
+    char c = 's';
+    if (sig == SIGHUP) c = 'h';
+    else if (sig == SIGUSR1) c = 'u';
+    else stopRequested = 1;
     [[maybe_unused]] ssize_t n = ::write(signalPipe[1], &c, 1);
 }
 
+} // namespace
+
+// Reads the launcher source again (SIGHUP). The file source already follows every
+// replacement of its file, so there is nothing more to do for it yet.
+void rereadSource() {}
+
+namespace {
+
 void onSignalPipe(int fd, void*) {
     char buf[16];
-    while (::read(fd, buf, sizeof buf) > 0) {
+    ssize_t n;
+    while ((n = ::read(fd, buf, sizeof buf)) > 0) {
+        for (ssize_t i = 0; i < n; ++i) {
+            if (buf[i] == 'h') {
+                std::cerr << appName << ": SIGHUP: reading the launcher source again" << std::endl;
+                rereadSource();
+            } else if (buf[i] == 'u') {
+                std::cerr << appName << ": SIGUSR1: ignored" << std::endl;
+            }
+        }
     }
 }
 
@@ -63,6 +84,8 @@ void installSignals() {
     sa.sa_flags = 0;  // no SA_RESTART: select returns at once
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGHUP, &sa, nullptr);
+    sigaction(SIGUSR1, &sa, nullptr);
     signal(SIGPIPE, SIG_IGN);
 }
 

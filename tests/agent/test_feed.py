@@ -155,10 +155,11 @@ class LifecycleTest(unittest.TestCase):
 
     def test_bad_command_lines_give_one_line_and_nonzero_exit(self):
         import subprocess
+        demo = os.path.join(h.SOURCE_DIR, "examples", "demo-state.json")
         cases = [(["--bogus"], "--bogus"), (["--state", "/nonexistent/state.json"], "/nonexistent/state.json"),
-                 (["--config", "/nonexistent.conf"], "/nonexistent.conf"),
+                 (["--state", demo, "--config", "/nonexistent.conf"], "/nonexistent.conf"),
                  (["--listen", "udp:127.0.0.1:1", "--agentx", "/x"], "exclude"),
-                 (["--trace", "Snmp/x"], "--trace")]
+                 (["--state", demo, "--trace", "Snmp/x"], "--trace")]
         for args, needle in cases:
             with self.subTest(args=args):
                 p = subprocess.run([h.AGENT] + args, capture_output=True, text=True, timeout=20)
