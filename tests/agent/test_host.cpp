@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -72,14 +73,16 @@ int main(int argc, char** argv) {
         mib->runningTableIs(Snmp::String(name), st);
     }
 
-    char dir[] = "/tmp/velmar-test-host.XXXXXX";
-    if (!mkdtemp(dir)) return 1;
-    const std::string conf = std::string(dir) + "/access.conf";
+    // A private directory in $TMPDIR (or /tmp) for the configuration and Net-SNMP's
+    // persistent files; removed with everything in it at exit.
+    std::string dir = (std::filesystem::temp_directory_path() / "velmar-test-host.XXXXXX").string();
+    if (!mkdtemp(dir.data())) return 1;
+    const std::string conf = dir + "/access.conf";
     std::ofstream(conf) << "rocommunity public 127.0.0.1\nrwcommunity private 127.0.0.1\n";
     setenv("MIBS", "", 1);
     snmp_enable_stderrlog();
-    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_CONFIGURATION_DIR, dir);
-    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, dir);
+    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_CONFIGURATION_DIR, dir.c_str());
+    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, dir.c_str());
     netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_OPTIONALCONFIG, conf.c_str());
     netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DONT_LOG_TCPWRAPPERS_CONNECTS, 1);
     const std::string port = std::string("udp:127.0.0.1:") + argv[3];
@@ -107,7 +110,7 @@ int main(int argc, char** argv) {
         module.unload();
     }
     Statebase::root()->entityDelAll();
-    std::remove(conf.c_str());
-    rmdir(dir);
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);  // snmp_shutdown saved velmar-test-host.conf there
     return status;
 }

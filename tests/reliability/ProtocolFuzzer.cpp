@@ -59,6 +59,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -1281,17 +1282,19 @@ int main(int argc, char** argv) {
     }
     // A client with no configuration, no MIB files and no persistent state of its own.
     setenv("MIBS", "", 1);
-    char dir[] = "/tmp/velmar-protocol-fuzz.XXXXXX";
-    if (!::mkdtemp(dir)) return 2;
+    // An empty private directory in $TMPDIR (or /tmp), removed with its contents at exit.
+    std::string dir = (std::filesystem::temp_directory_path() / "velmar-protocol-fuzz.XXXXXX").string();
+    if (!::mkdtemp(dir.data())) return 2;
     netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
     netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DISABLE_PERSISTENT_LOAD, 1);
     netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DISABLE_PERSISTENT_SAVE, 1);
-    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, dir);
-    netsnmp_set_mib_directory(dir);
+    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, dir.c_str());
+    netsnmp_set_mib_directory(dir.c_str());
     snmp_disable_log();
     init_snmp("velmar-protocol-fuzz");
     int rc = Fuzzer(std::move(opts)).run();
     snmp_shutdown("velmar-protocol-fuzz");
-    ::rmdir(dir);
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
     return rc;
 }
