@@ -22,10 +22,10 @@ STATE = {"daemons": {
 USER, AUTH, PRIV = "velmar", "authpass-0123", "privpass-0123"
 
 
-def v3_args(port, user=USER, auth=AUTH, priv=PRIV, level="authPriv", context=None):
+def v3_args(port, user=USER, auth=AUTH, priv=PRIV, level="authPriv", context=None, auth_protocol="SHA"):
     args = ["-v", "3", "-u", user, "-l", level, "-On", "-Ox", "-Oe", "-r", "1", "-t", "2"]
     if level in ("authNoPriv", "authPriv"):
-        args += ["-a", "SHA", "-A", auth]
+        args += ["-a", auth_protocol, "-A", auth]
     if level == "authPriv":
         args += ["-x", "AES", "-X", priv]
     if context is not None:
@@ -417,7 +417,7 @@ class ListeningTest(unittest.TestCase):
 
 
 class V3OnlyTest(unittest.TestCase):
-    """The v3-only configuration of the README (authPriv, SHA and AES): everything else is
+    """The v3-only configuration of the README (authPriv, SHA-256 and AES): everything else is
     refused, communities included."""
 
     @classmethod
@@ -427,7 +427,7 @@ class V3OnlyTest(unittest.TestCase):
         h.write_state(cls.state_file, STATE)
         cls.config = cls.tmp.file("v3.conf")
         with open(cls.config, "w") as f:
-            f.write('createUser ops SHA "%s" AES "%s"\nrouser ops priv\n' % (AUTH, PRIV))
+            f.write('createUser ops SHA-256 "%s" AES "%s"\nrouser ops priv\n' % (AUTH, PRIV))
         cls.agent = h.Agent(cls.state_file, extra=["--config", cls.config])
         cls.oid = h.oid_str(h.expected_rows(STATE)["enabled"][0][0])
 
@@ -437,7 +437,7 @@ class V3OnlyTest(unittest.TestCase):
         cls.tmp.cleanup()
 
     def get(self, **kw):
-        return h.run_tool("snmpget", v3_args(self.agent.port, user="ops", **kw) + [self.oid])
+        return h.run_tool("snmpget", v3_args(self.agent.port, user="ops", auth_protocol="SHA-256", **kw) + [self.oid])
 
     def test_authpriv_is_served(self):
         rc, out, err = self.get()
@@ -456,7 +456,8 @@ class V3OnlyTest(unittest.TestCase):
                  ({"priv": "wrong-priv-pass"}, None),
                  ({"user": "nobody"}, "Unknown user name")]
         for kw, needle in cases:
-            rc, out, err = h.run_tool("snmpget", v3_args(self.agent.port, **dict({"user": "ops"}, **kw)) + [self.oid])
+            rc, out, err = h.run_tool("snmpget", v3_args(self.agent.port, **dict({"user": "ops", "auth_protocol": "SHA-256"},
+                                                                                 **kw)) + [self.oid])
             self.assertNotEqual(rc, 0, kw)
             self.assertNotIn("INTEGER", out, kw)
             if needle:

@@ -356,5 +356,27 @@ class StockSnmpdDlmodScrapeTest(StockSnmpdScrapeMixin, unittest.TestCase):
     mode = "dlmod"
 
 
+class LargeValuesScrapeTest(unittest.TestCase):
+    """A scrape of ten daemons with three 10,000-byte options each (GETBULK replies that the
+    agent trims to one datagram) yields every row."""
+
+    def test_scrape_of_large_values_yields_every_row(self):
+        import test_large_replies as big
+        require_tools(self)
+        tmp = h.TempDir()
+        self.addCleanup(tmp.cleanup)
+        path = tmp.file("state.json")
+        h.write_state(path, big.STATE)
+        agent = h.Agent(path)
+        self.addCleanup(agent.stop)
+        exporter = Exporter(tmp.path)
+        self.addCleanup(exporter.stop)
+        started = time.time()
+        got = served_samples(exporter.scrape(agent.port))
+        print("\nscrape of %d samples with 10,000-byte values: %.2f s" % (len(got), time.time() - started))
+        self.assertEqual(got, expected_samples(big.STATE), "\nagent:\n%s\nexporter:\n%s" % (
+            agent.stderr(), exporter.log()[-4000:]))
+
+
 if __name__ == "__main__":
     unittest.main()
