@@ -193,13 +193,21 @@ for line in "${details[@]}"; do
     fail "$name: MAX-ACCESS is not $access"
   fi
 done
-# The value columns are strings of up to 10240 octets.
-for name in velmarDaemonOptionValue velmarDaemonDataValue; do
+# The sizes the agent serves: values 1 to 10240 octets, names 1 to 32, keys 0 to 64 (an
+# option or data key may be empty).
+sizes=(
+  "velmarDaemonOptionValue 1..10240" "velmarDaemonDataValue 1..10240"
+  "velmarDaemonEnabledAgentName 1..32" "velmarDaemonOptionAgentName 1..32"
+  "velmarDaemonRunningAgentName 1..32" "velmarDaemonDataAgentName 1..32"
+  "velmarDaemonOptionKey 0..64" "velmarDaemonDataKey 0..64"
+)
+for line in "${sizes[@]}"; do
+  read -r name range <<<"$line"
   d=$(translate -Td "VELMAR-DAEMON-MIB::$name" 2>/dev/null) || d=
-  if grep -Eq "^[[:space:]]*SYNTAX[[:space:]]+OCTET STRING \(0\.\.10240\)" <<<"$d"; then
+  if grep -Fq "OCTET STRING (${range})" <<<"$(grep -E '^[[:space:]]*SYNTAX' <<<"$d")"; then
     pass
   else
-    fail "$name: SYNTAX is not OCTET STRING (0..10240)"
+    fail "$name: SYNTAX is not OCTET STRING (${range})"
   fi
 done
 # The tables are indexed as the agent expects.
