@@ -55,9 +55,8 @@ void onSignal(int sig) {
 
 } // namespace
 
-// Reads the launcher source again (SIGHUP). The file source already follows every
-// replacement of its file, so there is nothing more to do for it yet.
-void rereadSource() {}
+// The host, for the signal handlers on the loop thread.
+Agent::Host* servingHost = nullptr;
 
 namespace {
 
@@ -67,8 +66,11 @@ void onSignalPipe(int fd, void*) {
     while ((n = ::read(fd, buf, sizeof buf)) > 0) {
         for (ssize_t i = 0; i < n; ++i) {
             if (buf[i] == 'h') {
-                std::cerr << appName << ": SIGHUP: reading the launcher source again" << std::endl;
-                rereadSource();
+                if (servingHost && servingHost->feed()) {
+                    std::cerr << appName << ": SIGHUP: reading the " << servingHost->feed()->source().description()
+                              << " again" << std::endl;
+                    servingHost->feed()->source().reread();
+                }
             } else if (buf[i] == 'u') {
                 std::cerr << appName << ": SIGUSR1: ignored" << std::endl;
             }
@@ -235,6 +237,7 @@ int main(int argc, char** argv) {
         std::cerr << appName << ": " << e.what() << "\n";
         return 1;
     }
+    servingHost = &host;
     register_readfd(signalPipe[0], onSignalPipe, nullptr);
     try {
         host.startFeed();
@@ -257,6 +260,7 @@ int main(int argc, char** argv) {
     std::cerr << appName << ": stopping" << std::endl;
 
     unregister_readfd(signalPipe[0]);
+    servingHost = nullptr;
     // The feed stops and the module leaves every context while it is loaded; the agent
     // library then frees the registrations it still holds, and only after that is the
     // module unloaded and the state tree cleared.
