@@ -283,6 +283,14 @@ class MasterNotifyTest(NotifyTestBase):
         got = self.wait_count(trapd, 1)
         self.assertEqual(got[0][1][1:], trapd_named(RUNNING_CHANGE, "ntpd", False, True))
 
+    def test_bad_hold_down_or_rate_values_are_refused_naming_the_option(self):
+        for option, value in (("--notify-rate", "0"), ("--notify-rate", "many"), ("--notify-holddown", "-1")):
+            p = h.subprocess.run([h.AGENT, "--state", self.state_file, option, value], stdout=h.subprocess.PIPE,
+                                 stderr=h.subprocess.PIPE, text=True, timeout=30)
+            self.assertEqual(p.returncode, 2, (option, value, p.stderr))
+            self.assertIn(option, p.stderr)
+            self.assertIn(value, p.stderr)
+
     def test_a_daemon_flipped_100_times_in_10_seconds_yields_at_most_11_with_its_final_state_last(self):
         trapd = self.keep(Trapd(self.tmp.path))
         agent = self.start_agent(["trap2sink udp:127.0.0.1:%d public" % trapd.port])
