@@ -175,8 +175,16 @@ class NotifyTestBase(unittest.TestCase):
         h.write_state(self.state_file, self.state)
 
     def _stop_all(self):
+        problems = []
         for p in reversed(self.processes):
-            p.stop()
+            rc = p.stop()
+            if p.argv[0] == h.AGENT:
+                # Our agent stops cleanly on SIGTERM, and the sanitizers (asan preset) found nothing.
+                bad = [m for m in ("AddressSanitizer", "LeakSanitizer", "runtime error:") if m in p.stderr()]
+                if rc != 0 or bad:
+                    problems.append("agent exit %s %s:\n%s" % (rc, bad, p.stderr()[-4000:]))
+        if problems:
+            raise AssertionError("\n".join(problems))
 
     def keep(self, p):
         self.processes.append(p)
