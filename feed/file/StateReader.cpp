@@ -212,8 +212,13 @@ public:
         return skipping_ ? skipEnd() : false;
     }
 
-    // The reader stopped at a number too large for a double: refused as the number it is.
-    void numberTooBig() { wrongType(Kind::number); }
+    // The reader stopped at a number too large for a double: refused as the number it is,
+    // and as a whole (the reader cannot go on past it).
+    // Inside a daemon already skipped there is no item to name: the reader's own message.
+    void numberTooBig() {
+        skipped_ = nullptr;
+        if (!skipping_) wrongType(Kind::number);
+    }
 
 private:
     enum class At {

@@ -138,6 +138,12 @@ class DlmodTest(unittest.TestCase):
         # GETNEXT one by one, with an independent client.
         self.assertEqual(h.pysnmp_walk(snmpd.port, h.ROOT),
                          expected["enabled"] + expected["option"] + expected["running"] + expected["data"])
+        # The feed's health is served inside snmpd too.
+        health = h.feed_health(snmpd.port)
+        self.assertEqual(health["source"], ("state file " + demo).encode())
+        self.assertEqual(health["state"], h.FEED_STATES["ok"])
+        self.assertEqual(health["daemons"], len(state["daemons"]))
+        self.assertEqual(health["rows"], sum(len(r) for r in expected.values()))
         self.stop_cleanly(snmpd)
 
     def test_live_change_is_served(self):
