@@ -397,6 +397,10 @@ def walk(port, subtree, bulk=True, max_rep=10, community="public", extra=()):
     if rc != 0:
         raise RuntimeError("%s failed (%d): %s" % (tool, rc, err))
     rows = parse_tool_output(out)
+    # An empty subtree followed by others: the tool, having found nothing inside, GETs the
+    # subtree's own OID. Nothing is there.
+    if rows == [(tuple(subtree), "No Such Object available on this agent at this OID")]:
+        rows = []
     return without_feed(rows) if tuple(subtree) == ROOT else rows
 
 
