@@ -950,6 +950,27 @@ TEST_F(FileFeed, PartlyBadReloadAppliesEveryGoodDaemonAndKeepsTheBadOnesLastStat
     EXPECT_EQ(feed.source().health().skipped, 3u);
 }
 
+// Many bad entries in one read: twenty lines, then one with the rest's count; all counted.
+TEST_F(FileFeed, ManySkippedEntriesAreSaidInTwentyLinesAndACount) {
+    std::string text = "{\"daemons\": {\"good\": {}";
+    for (int i = 0; i < 25; ++i) text += ",\n\"bad" + std::to_string(100 + i) + "\": 1";
+    text += "}}";
+    writeFile(path, text);
+    StateFeed& feed = makeFeed(path);
+    feed.loadInitial();
+    ASSERT_EQ(log.size(), 22u);
+    const std::string p = "state file " + path.string() + ": ";
+    EXPECT_EQ(log[0], p + "daemon \"bad100\": must be an object, not a number (line 2); not served");
+    EXPECT_EQ(log[19], p + "daemon \"bad119\": must be an object, not a number (line 21); not served");
+    EXPECT_EQ(log[20], p + "5 more daemon entries skipped");
+    EXPECT_EQ(log[21].rfind(p + "applied ", 0), 0u) << log[21];
+    EXPECT_EQ(feed.applied(), (LauncherState{{"good", DaemonState{}}}));
+    SourceHealth health = feed.source().health();
+    EXPECT_EQ(health.skippedNow, 25u);
+    EXPECT_EQ(health.skipped, 25u);
+    EXPECT_EQ(health.lastSkip, p + "daemon \"bad124\": must be an object, not a number (line 26); not served");
+}
+
 TEST(StateParse, SkipsBadDaemonEntriesWhenAsked) {
     const std::string name33(33, 'n');
     SkippedDaemons skipped;
