@@ -266,6 +266,7 @@ private:
     bool systemdPresent_ = false;
     bool listing_ = false;              // ListUnitsByPatterns outstanding or queued
     bool resyncAgain_ = false;          // another resync asked for while one lists
+    bool resyncing_ = false;            // a resync's units are being read: handed over as one batch
     std::uint64_t nextGeneration_ = 1;
     std::unordered_map<std::string, Unit> units_;           // by object path
     std::unordered_set<std::string> touched_;               // paths to look at in flush()
@@ -333,6 +334,7 @@ void SystemdSource::Worker::disconnect() {
     queued_.clear();
     listing_ = false;
     resyncAgain_ = false;
+    resyncing_ = false;
     systemdPresent_ = false;
     for (auto& [path, unit] : units_) unit.pending = 0;
 }
@@ -353,6 +355,7 @@ bool SystemdSource::Worker::subscribe() {
 }
 
 void SystemdSource::Worker::resync() {
+    resyncing_ = true;
     if (listing_) {
         resyncAgain_ = true;
         return;
@@ -604,6 +607,7 @@ void SystemdSource::Worker::systemdGone() {
     queued_.clear();
     listing_ = false;
     resyncAgain_ = false;
+    resyncing_ = false;
     for (auto& [path, unit] : units_) unit.pending = 0;
     source_.connected_ = false;
     {
@@ -680,6 +684,15 @@ int SystemdSource::Worker::timeoutMs() const {
 
 void SystemdSource::Worker::flush() {
     if (touched_.empty()) return;
+    if (resyncing_) {
+        // Every unit of a resync goes over in one batch, once all of them have been read.
+        if (listing_) return;
+        for (const std::string& path : touched_) {
+            auto it = units_.find(path);
+            if (it != units_.end() && !it->second.removed && it->second.pending > 0) return;
+        }
+        resyncing_ = false;
+    }
     ChangedDaemons changed;
     std::size_t skippedNow = 0;
     for (auto t = touched_.begin(); t != touched_.end();) {
