@@ -54,9 +54,8 @@ void onSignal(int sig) {
 
 } // namespace
 
-// Reads the launcher source again (SIGHUP). The file source already follows every
-// replacement of its file, so there is nothing more to do for it yet.
-void rereadSource() {}
+// The host, for the signal handlers on the loop thread.
+Agent::Host* servingHost = nullptr;
 
 namespace {
 
@@ -66,8 +65,11 @@ void onSignalPipe(int fd, void*) {
     while ((n = ::read(fd, buf, sizeof buf)) > 0) {
         for (ssize_t i = 0; i < n; ++i) {
             if (buf[i] == 'h') {
-                std::cerr << appName << ": SIGHUP: reading the launcher source again" << std::endl;
-                rereadSource();
+                if (servingHost && servingHost->feed()) {
+                    std::cerr << appName << ": SIGHUP: reading the " << servingHost->feed()->source().description()
+                              << " again" << std::endl;
+                    servingHost->feed()->source().reread();
+                }
             } else if (buf[i] == 'u') {
                 std::cerr << appName << ": SIGUSR1: ignored" << std::endl;
             }
@@ -143,13 +145,12 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    // Net-SNMP: only our own configuration, a private persistent directory.
+    // Net-SNMP: only our own configuration. Its search path is a private directory of its
+    // own, never the persistent directory: Net-SNMP reads the persistent file from both, and
+    // reading it twice corrupts the stored engine ID (the v3 engine then changes and every
+    // second start refuses v3 requests).
     PrivateDir dir;
-    if (!opts.persistentDir.empty()) {
-        dir.path = opts.persistentDir;
-        std::error_code ec;
-        std::filesystem::create_directories(dir.path, ec);
-    } else {
+    {
         char tmpl[] = "/tmp/velmar-snmp-agent.XXXXXX";
         if (!::mkdtemp(tmpl)) {
             std::cerr << appName << ": cannot create a private directory: " << std::strerror(errno) << "\n";
@@ -158,11 +159,22 @@ int main(int argc, char** argv) {
         dir.path = tmpl;
         dir.remove = true;
     }
+    std::filesystem::path persistentDir = dir.path;
+    if (!opts.persistentDir.empty()) {
+        std::error_code ec;
+        persistentDir = std::filesystem::absolute(opts.persistentDir, ec);
+        if (!ec) std::filesystem::create_directories(persistentDir, ec);
+        if (ec || !std::filesystem::is_directory(persistentDir)) {
+            std::cerr << appName << ": --persistent-dir " << opts.persistentDir << ": "
+                      << (ec ? ec.message() : std::string("not a directory")) << "\n";
+            return 2;
+        }
+    }
     const bool subagent = !opts.agentx.empty();
     {
         // Net-SNMP announces creating this one on every start; having it already is quieter.
         std::error_code ec;
-        std::filesystem::create_directories(dir.path / "cert_indexes", ec);
+        std::filesystem::create_directories(persistentDir / "cert_indexes", ec);
     }
     std::string configFile = opts.configFile;
     if (configFile.empty() && !subagent) {
@@ -174,7 +186,7 @@ int main(int argc, char** argv) {
     snmp_disable_log();
     snmp_enable_stderrlog();
     netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_CONFIGURATION_DIR, dir.path.c_str());
-    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, dir.path.c_str());
+    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, persistentDir.c_str());
     if (!configFile.empty()) netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_OPTIONALCONFIG, configFile.c_str());
     netsnmp_set_mib_directory(dir.path.c_str());  // the agent itself loads no MIB files
     setenv("MIBS", "", 1);
@@ -224,6 +236,7 @@ int main(int argc, char** argv) {
         std::cerr << appName << ": " << e.what() << "\n";
         return 1;
     }
+    servingHost = &host;
     register_readfd(signalPipe[0], onSignalPipe, nullptr);
     try {
         host.startFeed();
@@ -247,6 +260,7 @@ int main(int argc, char** argv) {
     std::cerr << appName << ": stopping" << std::endl;
 
     unregister_readfd(signalPipe[0]);
+    servingHost = nullptr;
     // The feed stops and the module leaves every context while it is loaded; the agent
     // library then frees the registrations it still holds, and only after that is the
     // module unloaded and the state tree cleared.
