@@ -86,14 +86,9 @@ std::string servedText(const Feed::StateFeed& feed) {
     const Feed::LauncherState& state = feed.applied();
     std::size_t rows = 0;
     for (const auto& [name, d] : state) {
-        if (d.hasConfig) {
-            ++rows;
-            for (const auto& [key, value] : d.options) rows += !value.empty();
-        }
-        if (d.hasStatus) {
-            ++rows;
-            for (const auto& [key, value] : d.data) rows += !value.empty();
-        }
+        rows += 2;   // every daemon has an enabled and a running row
+        for (const auto& [key, value] : d.options) rows += !value.empty();
+        for (const auto& [key, value] : d.data) rows += !value.empty();
     }
     std::string text = std::to_string(state.size()) + (state.size() == 1 ? " daemon, " : " daemons, ") +
                        std::to_string(rows) + (rows == 1 ? " row" : " rows");
