@@ -258,6 +258,22 @@ class CommandLineTest(unittest.TestCase):
         self.assertIn("item 2 is empty", err)
         self.assertIn("--refresh", self.refused(["--systemd", "--refresh", "-1"]))
 
+    def test_unreachable_bus_is_one_line_and_the_agent_runs_on(self):
+        tmp = h.TempDir()
+        self.addCleanup(tmp.cleanup)
+        path = tmp.file("no-bus-here.sock")
+        agent = start_agent("unix:path=" + path)
+        self.addCleanup(agent.stop)
+        self.assertIn("from systemd (system bus unix:path=%s, units %s)" % (path, UNITS), agent.stdout_lines[0])
+        self.assertIn(": 0 daemons, 0 rows; not connected to systemd yet, trying again", agent.stdout_lines[0])
+        time.sleep(1.0)                 # several attempts
+        self.assertTrue(agent.alive())
+        self.assertEqual(h.walk(agent.port, h.ROOT), [])
+        lines = [l for l in agent.stderr_lines if path in l]
+        self.assertEqual(len(lines), 1, agent.stderr())
+        self.assertIn("cannot connect: No such file or directory; serving nothing, trying again", lines[0])
+        self.assertEqual(agent.stop(), 0)
+
     def test_help_says_how(self):
         out = subprocess.run([h.AGENT, "--help"], stdout=subprocess.PIPE, text=True, timeout=30).stdout
         for opt in ("--systemd", "--units", "--refresh", "--system-bus"):
