@@ -7,6 +7,7 @@
 #include "AgentOptions.h"
 #include "Host.h"
 #include "SourceChoice.h"
+#include "agent/notify/Notifier.h"
 
 #include "orbel/Activity.h"
 #include "orbel/TraceHandle.h"
@@ -21,6 +22,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -191,6 +193,7 @@ int main(int argc, char** argv) {
     netsnmp_set_mib_directory(dir.path.c_str());  // the agent itself loads no MIB files
     setenv("MIBS", "", 1);
     netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DONT_LOG_TCPWRAPPERS_CONNECTS, 1);
+    netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG, 1);  // alarms from the loop
     if (!opts.debug.empty()) {
         debug_register_tokens(opts.debug.c_str());
         snmp_set_do_debugging(1);
@@ -248,6 +251,11 @@ int main(int argc, char** argv) {
         return 1;
     }
 
+    // After the initial load: the state as loaded is what receivers are taken to know.
+    Agent::Notifier notifier(host.mib(), {std::chrono::milliseconds(opts.notifyHolddownMs), unsigned(opts.notifyRate)},
+                             [](const std::string& line) { std::cerr << appName << ": " << line << std::endl; });
+    notifier.start();
+
     std::cout << appName << ": serving VELMAR-DAEMON-MIB (" << Agent::subtreeText() << ") from "
               << Agent::sourceText(opts) << (subagent ? " as AgentX subagent of " : " on ")
               << (subagent ? opts.agentx : Agent::joined(opts.listen)) << ": " << Agent::servedText(*host.feed())
@@ -259,6 +267,7 @@ int main(int argc, char** argv) {
     }
     std::cerr << appName << ": stopping" << std::endl;
 
+    notifier.stop();
     unregister_readfd(signalPipe[0]);
     servingHost = nullptr;
     // The feed stops and the module leaves every context while it is loaded; the agent

@@ -121,8 +121,11 @@ class MasterAgentTest(unittest.TestCase):
         # Past the option table's last row: the running table's first row.
         rc, got, err = h.get(agent.port, [rows["option"][-1][0]], tool="snmpgetnext")
         self.assertEqual(got, [rows["running"][0]])
-        # Past the last row of the last table: the end of the agent's view.
+        # Past the last row of the last table: the feed's first health object, and past the
+        # last of those the end of the agent's view.
         rc, out, err = h.run_tool("snmpgetnext", h.common_args(agent.port) + [h.oid_str(rows["data"][-1][0])])
+        self.assertTrue(out.startswith(h.oid_str(h.FEED + (1, 0)) + " = "), out)
+        rc, out, err = h.run_tool("snmpgetnext", h.common_args(agent.port) + [h.oid_str(h.FEED + (14, 0))])
         self.assertIn("No more variables left in this MIB View", out)
 
     def test_get_of_absent_rows_answers_no_such_instance(self):
