@@ -1,5 +1,6 @@
 #include "AgentOptions.h"
 #include "Host.h"
+#include "SourceChoice.h"
 
 #include <CLI/CLI.hpp>
 
@@ -65,7 +66,8 @@ void build(CLI::App& app, AgentOptions& o) {
     app.description(
         "Serves the launcher's daemon state as the four read-only tables of VELMAR-DAEMON-MIB (" + subtreeText() +
         "): enabled, option, running and data. Runs as a master agent on its own addresses, or as an AgentX "
-        "subagent of a running snmpd. The state file is watched and every valid change is served at once.");
+        "subagent of a running snmpd. The launcher is a state file, watched so that every valid change is served at "
+        "once, or systemd, whose service units are followed over the system bus.");
     app.add_option("--listen", o.listen,
                    "Master mode: a transport address to listen on (repeatable, one per --listen): udp, udp6, tcp or "
                    "tcp6 with an address or port, e.g. udp:127.0.0.1:1161, udp6:[::1]:1161, tcp:127.0.0.1:1161; "
@@ -79,7 +81,8 @@ void build(CLI::App& app, AgentOptions& o) {
                    "Seconds between pings of the AgentX master; a lost master is reconnected on the next ping")
         ->check(CLI::Range(1, 3600))
         ->default_val(5);
-    app.add_option("--state", o.stateFile, "The launcher state file (JSON), watched for changes (required)");
+    app.add_option("--state", o.stateFile, "The launcher state file (JSON), watched for changes (this or --systemd)");
+    addSourceOptions(app, o);
     app.add_option("--config", o.configFile,
                    "Access configuration in Net-SNMP snmpd.conf syntax (rocommunity, createUser, rouser, view, "
                    "access...) and notification sinks (trap2sink, informsink, trapsess); default: read-only community public from 127.0.0.1 (and ::1) only");
@@ -153,9 +156,8 @@ int parseOptions(int argc, char** argv, AgentOptions& opts) {
             return 2;
         }
     }
-    // The launcher source: one must be named (a --systemd source would be the other choice).
-    if (opts.stateFile.empty()) {
-        std::cerr << "velmar-snmp-agent: no launcher source: give --state FILE (see --help)\n";
+    if (std::string problem = sourceProblem(app, opts); !problem.empty()) {
+        std::cerr << "velmar-snmp-agent: " << problem << "\n";
         return 2;
     }
     if (opts.listen.empty() && opts.agentx.empty()) opts.listen = {"udp:127.0.0.1:1161", "udp6:[::1]:1161"};

@@ -11,6 +11,10 @@ struct AgentOptions {
     std::string agentx;                // subagent mode: the master's AgentX socket
     int agentxPing = 5;                // seconds between pings of the master (reconnects)
     std::string stateFile;             // launcher state (JSON)
+    bool systemd = false;              // or systemd's service units (SourceChoice.h)
+    std::string units;                 // with systemd: unit patterns; empty: every service
+    int refresh = 10;                  // with systemd: seconds between counter readings; 0: never
+    std::string systemBus;             // with systemd: the bus address; empty: the default
     std::string configFile;            // Net-SNMP configuration syntax: communities, users, access
     std::string persistentDir;         // Net-SNMP persistent files; a private temporary one if empty
     std::vector<std::string> contexts; // extra SNMP contexts to initialise

@@ -1,14 +1,13 @@
 // velmar-snmp-agent: serves the daemon MIB over SNMP, either as a master agent listening on
 // its own addresses or as an AgentX subagent of a running snmpd, with the launcher's state
-// fed live from a JSON file.
+// fed live from a JSON file or from systemd (SourceChoice.h).
 //
 // One thread touches the model: Net-SNMP's select loop serves requests, applies state
 // changes handed over by the feed's worker thread, and runs the framework's activity loop.
 #include "AgentOptions.h"
 #include "Host.h"
+#include "SourceChoice.h"
 #include "agent/notify/Notifier.h"
-
-#include "feed/file/FileSource.h"
 
 #include "orbel/Activity.h"
 #include "orbel/TraceHandle.h"
@@ -142,7 +141,7 @@ int main(int argc, char** argv) {
         std::cerr << appName << ": " << line << std::endl;
     });
     try {
-        host.loadState(std::make_unique<Feed::FileSource>(opts.stateFile));
+        host.loadState(Agent::makeSource(opts));
     } catch (const std::exception& e) {
         std::cerr << appName << ": " << e.what() << "\n";
         return 1;
@@ -258,8 +257,9 @@ int main(int argc, char** argv) {
     notifier.start();
 
     std::cout << appName << ": serving VELMAR-DAEMON-MIB (" << Agent::subtreeText() << ") from "
-              << opts.stateFile << (subagent ? " as AgentX subagent of " : " on ")
-              << (subagent ? opts.agentx : Agent::joined(opts.listen)) << std::endl;
+              << Agent::sourceText(opts) << (subagent ? " as AgentX subagent of " : " on ")
+              << (subagent ? opts.agentx : Agent::joined(opts.listen)) << ": " << Agent::servedText(*host.feed())
+              << std::endl;
 
     while (!stopRequested) {
         agent_check_and_process(1);

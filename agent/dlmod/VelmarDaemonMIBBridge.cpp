@@ -6,7 +6,13 @@
 // through the plugin layer.
 //
 //   dlmod velmar_daemon_mib /usr/lib/velmar/dlmod/velmar_daemon_mib.so
-//   velmarStateFile /run/launcher/state.json      # required: the launcher's state file
+//   velmarStateFile /run/launcher/state.json      # the launcher's state file, or
+//   velmarSystemd *.service                       # systemd's service units matching the patterns
+//                                                 # (comma-separated, e.g. ssh.service,getty@*)
+//                                                 # over $DBUS_SYSTEM_BUS_ADDRESS or the system
+//                                                 # bus; exactly one of the two. snmpd refuses
+//                                                 # a directive without a word, so the patterns
+//                                                 # are always given
 //   velmarModule /usr/lib/velmar/modules/VelmarDaemonMIB.so
 //                                                 # default: ../modules/VelmarDaemonMIB.so
 //                                                 # beside this library (build tree or install)
@@ -32,6 +38,7 @@
 #include "agent/Host.h"
 #include "agent/notify/Notifier.h"
 #include "feed/file/FileSource.h"
+#include "feed/systemd/SystemdSource.h"
 
 #include "orbel/Exception.h"
 #include "orbel/TraceHandle.h"
@@ -65,6 +72,7 @@ constexpr const char* bridgeName = "velmar_daemon_mib";
 // What snmpd.conf said.
 struct Settings {
     std::string stateFile;
+    std::optional<std::string> systemdUnits;  // velmarSystemd's patterns
     std::string modulePath;
     std::vector<std::string> contexts;
 };
@@ -84,6 +92,7 @@ struct Bridge {
 Bridge* bridge = nullptr;
 
 constexpr const char* stateFileToken = "velmarStateFile";
+constexpr const char* systemdToken = "velmarSystemd";
 constexpr const char* moduleToken = "velmarModule";
 constexpr const char* contextToken = "velmarContext";
 constexpr const char* traceToken = "velmarTrace";
@@ -121,9 +130,35 @@ void guarded(const char* token, F parse) noexcept {
     }
 }
 
+// The two launcher sources exclude each other; the second one named is reported with its
+// file and line (and nothing is served, see startServing).
+void reportSecondSource(const char* token) {
+    config_perror((std::string(token) + ": " + stateFileToken + " and " + systemdToken +
+                   " exclude each other; give one launcher source").c_str());
+}
+
 void parseStateFile(const char* token, char* line) {
     guarded(token, [&] {
-        if (auto w = oneWord(token, line, "the path of the launcher's state file"); w && bridge) bridge->settings.stateFile = *w;
+        if (auto w = oneWord(token, line, "the path of the launcher's state file"); w && bridge) {
+            if (bridge->settings.systemdUnits) reportSecondSource(token);
+            bridge->settings.stateFile = *w;
+        }
+    });
+}
+
+void parseSystemd(const char* token, char* line) {
+    guarded(token, [&] {
+        auto w = oneWord(token, line, "comma-separated unit patterns such as *.service or ssh.service,getty@*");
+        if (!w) return;
+        try {
+            Feed::parseUnitPatterns(*w);
+        } catch (const std::invalid_argument& e) {
+            config_perror((std::string(token) + " " + *w + ": " + e.what()).c_str());
+            return;
+        }
+        if (!bridge) return;
+        if (!bridge->settings.stateFile.empty()) reportSecondSource(token);
+        bridge->settings.systemdUnits = *w;
     });
 }
 
@@ -243,11 +278,19 @@ void stopServing(bool announce = true) {
 void startServing() {
     if (!bridge || bridge->host) return;
     const Settings& s = bridge->settings;
-    if (s.stateFile.empty()) {
-        logLine(LOG_ERR, std::string("no ") + stateFileToken + " line after the dlmod line (" + stateFileToken +
-                             " PATH names the launcher's state file); serving nothing");
+    if (s.stateFile.empty() && !s.systemdUnits) {
+        logLine(LOG_ERR, std::string("no ") + stateFileToken + " line and no usable " + systemdToken +
+                             " line after the dlmod line (" + stateFileToken + " PATH names the launcher's state file, " +
+                             systemdToken + " PATTERNS serves systemd's service units, *.service for all); serving nothing");
         return;
     }
+    if (!s.stateFile.empty() && s.systemdUnits) {
+        logLine(LOG_ERR, std::string(stateFileToken) + " " + s.stateFile + " and " + systemdToken + " " + *s.systemdUnits +
+                             " exclude each other (snmpd named the file and line above); serving nothing");
+        return;
+    }
+    const bool systemd = s.systemdUnits.has_value();
+    const char* sourceToken = systemd ? systemdToken : stateFileToken;
     const bool defaultModule = s.modulePath.empty();
     const std::string modulePath = defaultModule ? defaultModulePath() : s.modulePath;
 
@@ -259,9 +302,15 @@ void startServing() {
     });
     Agent::Host& host = *bridge->host;
     try {
-        host.loadState(std::make_unique<Feed::FileSource>(s.stateFile));
+        if (systemd) {
+            Feed::SystemdSource::Options o;
+            o.patterns = Feed::parseUnitPatterns(*s.systemdUnits);
+            host.loadState(std::make_unique<Feed::SystemdSource>(o));
+        } else {
+            host.loadState(std::make_unique<Feed::FileSource>(s.stateFile));
+        }
     } catch (const std::exception& e) {
-        logLine(LOG_ERR, std::string(stateFileToken) + ": " + e.what() + "; serving nothing");   // names the file
+        logLine(LOG_ERR, std::string(sourceToken) + ": " + e.what() + "; serving nothing");   // names the file or bus
         stopServing(false);
         return;
     }
@@ -279,7 +328,8 @@ void startServing() {
         host.startFeed();
         host.runActivitiesFromSelectLoop();
     } catch (const std::exception& e) {
-        logLine(LOG_ERR, std::string(stateFileToken) + " " + s.stateFile + ": cannot watch it: " + e.what() + "; serving nothing");
+        logLine(LOG_ERR, std::string(sourceToken) + " " + (systemd ? *s.systemdUnits : s.stateFile) + ": cannot watch it: " +
+                             e.what() + "; serving nothing");
         stopServing(false);
         return;
     }
@@ -291,8 +341,16 @@ void startServing() {
 
     std::string contexts;
     for (const auto& c : s.contexts) contexts += (contexts.empty() ? "" : ", ") + c;
-    logLine(LOG_INFO, "serving VELMAR-DAEMON-MIB (" + Agent::subtreeText() + ") from " + s.stateFile + " with " + modulePath +
-                          (contexts.empty() ? "" : " (also initialised in contexts " + contexts + ")"));
+    std::string from = s.stateFile;
+    if (systemd) {
+        const auto* source = dynamic_cast<const Feed::SystemdSource*>(&host.feed()->source());
+        from = "systemd (system bus " + (source ? source->busAddress() : std::string("?")) + ", units " + *s.systemdUnits + ")";
+        if (source && !source->connected()) from += ", not connected yet, trying again";
+    }
+    const std::size_t daemons = host.feed()->applied().size();
+    logLine(LOG_INFO, "serving VELMAR-DAEMON-MIB (" + Agent::subtreeText() + ") from " + from + " with " + modulePath +
+                          (contexts.empty() ? "" : " (also initialised in contexts " + contexts + ")") + ": " +
+                          std::to_string(daemons) + (daemons == 1 ? " daemon" : " daemons"));
 }
 
 int onConfigRead(int, int, void*, void*) {
@@ -325,7 +383,8 @@ int onShutdown(int, int, void*, void*);
 void withdraw(bool inShutdownCallback) {
     if (!bridge || bridge->withdrawn) return;
     bridge->withdrawn = true;
-    for (const char* token : {stateFileToken, moduleToken, contextToken, traceToken}) snmpd_unregister_config_handler(token);
+    for (const char* token : {stateFileToken, systemdToken, moduleToken, contextToken, traceToken})
+        snmpd_unregister_config_handler(token);
     snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr, 1);
     if (!inShutdownCallback) snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_SHUTDOWN, onShutdown, nullptr, 1);
 }
@@ -348,6 +407,7 @@ void init_velmar_daemon_mib(void) {
     try {
         bridge = new Bridge;
         snmpd_register_config_handler(stateFileToken, parseStateFile, nullptr, "PATH (the launcher's state file)");
+        snmpd_register_config_handler(systemdToken, parseSystemd, nullptr, "PATTERNS (systemd's service units, *.service for all)");
         snmpd_register_config_handler(moduleToken, parseModule, nullptr, "PATH (VelmarDaemonMIB.so)");
         snmpd_register_config_handler(contextToken, parseContext, nullptr, "NAME (an extra SNMP context)");
         snmpd_register_config_handler(traceToken, parseTrace, nullptr, "LEVELS (e.g. Snmp/0-2,8)");

@@ -241,6 +241,7 @@ private:
         std::string path;               // the unit's object path (not for list)
         const char* iface = nullptr;
         const char* property = nullptr; // for get
+        std::string unitName;           // for list: this one unit only; empty: every pattern
         std::uint64_t generation = 0;
     };
 
@@ -252,7 +253,7 @@ private:
 
     bool subscribe();
     void resync();
-    void handleList(sd_bus_message* m);
+    void handleList(sd_bus_message* m, bool oneUnit);
     Unit& track(const std::string& path, const std::string& id);
     void fetchAll(const std::string& path, Unit& unit);
     void fetch(const std::string& path, Unit& unit, const char* iface, const char* property);
@@ -270,6 +271,8 @@ private:
     bool systemdPresent_ = false;
     bool listing_ = false;              // ListUnitsByPatterns outstanding or queued
     bool resyncAgain_ = false;          // another resync asked for while one lists
+    bool resyncing_ = false;            // a resync's units are being read: handed over as one batch
+    bool reloading_ = false;            // between Reloading(true) and Reloading(false)
     std::uint64_t nextGeneration_ = 1;
     std::unordered_map<std::string, Unit> units_;           // by object path
     std::unordered_set<std::string> touched_;               // paths to look at in flush()
@@ -337,6 +340,8 @@ void SystemdSource::Worker::disconnect() {
     queued_.clear();
     listing_ = false;
     resyncAgain_ = false;
+    resyncing_ = false;
+    reloading_ = false;
     systemdPresent_ = false;
     for (auto& [path, unit] : units_) unit.pending = 0;
 }
@@ -357,6 +362,7 @@ bool SystemdSource::Worker::subscribe() {
 }
 
 void SystemdSource::Worker::resync() {
+    resyncing_ = true;
     if (listing_) {
         resyncAgain_ = true;
         return;
@@ -421,8 +427,12 @@ bool SystemdSource::Worker::sendQueued() {
             r = sd_bus_message_new_method_call(bus_, &call.m, systemdName, managerPath, managerIface, "ListUnitsByPatterns");
             if (r >= 0) r = sd_bus_message_append_strv(call.m, nullptr);
             if (r >= 0) {
+                // A unit name holds no glob characters, so as a pattern it matches itself only.
                 std::vector<char*> patterns;
-                for (const std::string& p : source_.options_.patterns) patterns.push_back(const_cast<char*>(p.c_str()));
+                if (!request.unitName.empty())
+                    patterns.push_back(const_cast<char*>(request.unitName.c_str()));
+                else
+                    for (const std::string& p : source_.options_.patterns) patterns.push_back(const_cast<char*>(p.c_str()));
                 patterns.push_back(nullptr);
                 r = sd_bus_message_append_strv(call.m, patterns.data());
             }
@@ -455,13 +465,17 @@ int SystemdSource::Worker::onReply(sd_bus_message* m, void* userdata, sd_bus_err
     self->outstanding_.erase(it);
 
     const sd_bus_error* error = sd_bus_message_get_error(m);
+    if (request.call == Call::list && !request.unitName.empty()) {
+        if (!error) self->handleList(m, true);
+        return 0;
+    }
     if (request.call == Call::list) {
         self->listing_ = false;
         if (error) {
             if (self->systemdPresent_)
                 self->say(Severity::warning, std::string("ListUnitsByPatterns: ") + errorText(error, -EIO));
         } else {
-            self->handleList(m);
+            self->handleList(m, false);
         }
         if (self->resyncAgain_) {
             self->resyncAgain_ = false;
@@ -484,7 +498,11 @@ int SystemdSource::Worker::onReply(sd_bus_message* m, void* userdata, sd_bus_err
     return 0;
 }
 
-void SystemdSource::Worker::handleList(sd_bus_message* m) {
+// The units listed (every matching one, or with oneUnit the one asked for) are read in
+// full when they are loaded; the others (not-found, stub) are only noted. Asking systemd
+// for a property of a unit that is not loaded would load it (and announce it with UnitNew,
+// and free it again: a loop), so no call goes to a unit that a list did not show loaded.
+void SystemdSource::Worker::handleList(sd_bus_message* m, bool oneUnit) {
     // a(ssssssouso): name, description, load, active, sub, following, path, job id, type, path.
     std::unordered_set<std::string> listed;
     int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "(ssssssouso)");
@@ -501,12 +519,16 @@ void SystemdSource::Worker::handleList(sd_bus_message* m) {
         unit.info.loadState = load;
         unit.info.activeState = active;
         unit.info.subState = sub;
-        fetchAll(path, unit);
+        if (unitIsDaemon(unit.info))
+            fetchAll(path, unit);
+        else
+            unit.generation = nextGeneration_++;   // replies still on their way no longer count
     }
     if (r < 0) {
         say(Severity::warning, "ListUnitsByPatterns: cannot read the reply: " + errnoText(r));
         return;                         // keep what is known rather than drop every unit
     }
+    if (oneUnit) return;
     for (auto& [path, unit] : units_) {
         if (!listed.count(path)) {
             unit.removed = true;
@@ -521,13 +543,19 @@ int SystemdSource::Worker::onManagerSignal(sd_bus_message* m, void* userdata, sd
     if (!member) return 0;
     std::string_view name(member);
     if (name == "UnitNew" || name == "UnitRemoved") {
+        // A reload frees every unit and loads it again, saying UnitRemoved and UnitNew for
+        // each: the read that follows Reloading(false) tells what really came or went.
+        if (self->reloading_) return 0;
         const char *id = nullptr, *path = nullptr;
         if (sd_bus_message_read(m, "so", &id, &path) < 0 || !unitMatches(id, self->source_.options_.patterns)) return 0;
         if (name == "UnitNew") {
             auto it = self->units_.find(path);
             if (it != self->units_.end() && !it->second.removed) return 0;   // known: its signals follow
-            Unit& unit = self->track(path, id);
-            self->fetchAll(path, unit);
+            // Listed first: only a loaded unit is read (see handleList).
+            Request list;
+            list.call = Call::list;
+            list.unitName = id;
+            self->enqueue(std::move(list), nullptr);
         } else {
             auto it = self->units_.find(path);
             if (it == self->units_.end()) return 0;
@@ -538,12 +566,14 @@ int SystemdSource::Worker::onManagerSignal(sd_bus_message* m, void* userdata, sd
         }
     } else if (name == "UnitFilesChanged") {
         for (auto& [path, unit] : self->units_) {
-            if (unit.removed) continue;
+            if (unit.removed || !unitIsDaemon(unit.info)) continue;   // see handleList
             for (const char* p : unitFileProperties) self->fetch(path, unit, unitIface, p);
         }
     } else if (name == "Reloading") {
         int active = 0;
-        if (sd_bus_message_read(m, "b", &active) >= 0 && !active) self->resync();
+        if (sd_bus_message_read(m, "b", &active) < 0) return 0;
+        self->reloading_ = active != 0;
+        if (!active) self->resync();
     }
     return 0;
 }
@@ -561,7 +591,7 @@ int SystemdSource::Worker::onPropertiesChanged(sd_bus_message* m, void* userdata
     Unit& unit = it->second;
     unsigned effects = noEffect;
     int r = readPropertyDict(m, unit.info, effects);
-    if (r >= 0) {
+    if (r >= 0 && unitIsDaemon(unit.info)) {
         // Invalidated properties come without their value: read the ones the mapping uses
         // again (ExecStart's command line changes only with a reload, which resyncs).
         r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "s");
@@ -578,7 +608,7 @@ int SystemdSource::Worker::onPropertiesChanged(sd_bus_message* m, void* userdata
             if (key) self->fetch(path, unit, i == unitIface ? unitIface : serviceIface, key);
         }
     }
-    if (effects & activeStateChanged)
+    if ((effects & activeStateChanged) && unitIsDaemon(unit.info))
         for (const char* p : counterProperties) self->fetch(path, unit, serviceIface, p);
     self->touched_.insert(path);
     return 0;
@@ -608,6 +638,8 @@ void SystemdSource::Worker::systemdGone() {
     queued_.clear();
     listing_ = false;
     resyncAgain_ = false;
+    resyncing_ = false;
+    reloading_ = false;
     for (auto& [path, unit] : units_) unit.pending = 0;
     source_.connected_ = false;
     {
@@ -684,6 +716,15 @@ int SystemdSource::Worker::timeoutMs() const {
 
 void SystemdSource::Worker::flush() {
     if (touched_.empty()) return;
+    if (resyncing_) {
+        // Every unit of a resync goes over in one batch, once all of them have been read.
+        if (listing_) return;
+        for (const std::string& path : touched_) {
+            auto it = units_.find(path);
+            if (it != units_.end() && !it->second.removed && it->second.pending > 0) return;
+        }
+        resyncing_ = false;
+    }
     ChangedDaemons changed;
     std::size_t skippedNow = 0;
     for (auto t = touched_.begin(); t != touched_.end();) {

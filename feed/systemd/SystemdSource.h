@@ -27,7 +27,8 @@
 //   - memory, CPU time and tasks have no change signal: every `refresh` the worker reads
 //     them for each unit that is not inactive (and whenever a unit's ActiveState changes).
 //   - the loop is handed only the daemons that differ from what the source handed it last.
-//     A unit is handed over once all the properties asked for it have arrived.
+//     A unit is handed over once all the properties asked for it have arrived; the units
+//     of a full read (at start, after a reload, re-exec or reconnect) go over as one batch.
 //
 // Threads: the bus connection is used by one thread at a time: the caller's in loadInitial,
 // then the worker's between start() and stop(). Replies and signals are processed in the

@@ -173,9 +173,11 @@ class LifecycleTest(unittest.TestCase):
             h.write_state(path, BASE)
             a = h.Agent(path)
             try:
+                rows = sum(len(r) for r in h.expected_rows(BASE).values())
                 self.assertEqual(a.stdout_lines[0],
                                  "velmar-snmp-agent: serving VELMAR-DAEMON-MIB (enterprises.%d.3.17) from %s on "
-                                 "udp:127.0.0.1:%d" % (h.ENTERPRISE, path, a.port))
+                                 "udp:127.0.0.1:%d: %d daemons, %d rows" % (h.ENTERPRISE, path, a.port,
+                                                                          len(BASE["daemons"]), rows))
             finally:
                 a.stop()
         finally:

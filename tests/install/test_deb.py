@@ -44,6 +44,7 @@ EXPECTED_FILES = {
     "./usr/share/man/man1/velmar-snmp-agent.1.gz": None,
     "./usr/share/velmar-daemon-mib/snmpd-agentx.conf": None,
     "./usr/share/velmar-daemon-mib/snmpd-dlmod.conf": None,
+    "./usr/share/velmar-daemon-mib/velmar-snmp-agent-systemd.conf": None,
     "./usr/share/doc/velmar-daemon-mib/copyright": None,
     "./usr/share/doc/velmar-daemon-mib/changelog.Debian.gz": None,
     "./lib/systemd/system/velmar-snmp-agent.service": None,

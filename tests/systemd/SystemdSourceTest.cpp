@@ -73,9 +73,9 @@ public:
             EXPECT_EQ(std::system(cleanup.c_str()), 0);
         }
     }
-    // Runs a shell command inside the sandbox; its exit status.
-    static int run(const std::string& command) {
-        std::string c = "timeout 30 nsenter -t " + std::to_string(systemdPid) + " -a sh -c '" + command + "'";
+    // Runs a shell command inside the sandbox, for at most limit seconds; its exit status.
+    static int run(const std::string& command, int limit = 30) {
+        std::string c = "timeout " + std::to_string(limit) + " nsenter -t " + std::to_string(systemdPid) + " -a sh -c '" + command + "'";
         int rc = std::system(c.c_str());
         return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
     }
@@ -193,9 +193,8 @@ TEST_F(SystemdSourceTest, RemovedUnitGoes) {
     EXPECT_TRUE(served.waitFor(*source, [](auto& s) { return !s.count("velmar-temp"); }));
 }
 
-// Disabled: after daemon-reexec in the sandbox the next systemctl stop sometimes does not return
-// within a minute (seen twice here, passed once); the cause is not known yet.
-TEST_F(SystemdSourceTest, DISABLED_DaemonReexecDropsAndReturns) {
+// After a re-exec systemd is read again and its changes are still followed.
+TEST_F(SystemdSourceTest, DaemonReexecIsFollowed) {
     ASSERT_EQ(Sandbox::run("systemctl daemon-reexec"), 0);
     ASSERT_EQ(Sandbox::run("systemctl stop velmar-long"), 0);
     EXPECT_TRUE(served.waitFor(*source, [](auto& s) { return s.count("velmar-long") && !running(s, "velmar-long"); }));
@@ -204,14 +203,14 @@ TEST_F(SystemdSourceTest, DISABLED_DaemonReexecDropsAndReturns) {
 }
 
 // Last: the 500 transient units leave the sandbox's systemd busy for a while (stop jobs),
-// which slows whatever runs after them.
-// Disabled: on a loaded machine starting the 500 units through systemd-run inside the sandbox
-// can take longer than the command's time limit (seen once in a CI-like run).
-TEST_F(SystemdSourceTest, DISABLED_TransientUnitsComeAndGo) {
-    ASSERT_EQ(Sandbox::run("for i in $(seq 500); do echo $i; done | xargs -P 8 -I@ systemd-run -q --unit=velmar-t-@ /bin/sleep 600"), 0);
+// which slows whatever runs after them. Starting them (500 systemd-run, 8 at a time) may take
+// a while on a loaded machine: that command has two minutes; what the source shows is then
+// checked within one second.
+TEST_F(SystemdSourceTest, TransientUnitsComeAndGo) {
+    ASSERT_EQ(Sandbox::run("for i in $(seq 500); do echo $i; done | xargs -P 8 -I@ systemd-run -q --unit=velmar-t-@ /bin/sleep 600", 120), 0);
     EXPECT_TRUE(served.waitFor(*source, [](auto& s) {
         std::size_t n = 0; for (auto& [k, d] : s) n += k.starts_with("velmar-t-") && d.running; return n == 500; }, 1000ms));
-    ASSERT_EQ(Sandbox::run("systemctl stop velmar-t-*"), 0);
+    ASSERT_EQ(Sandbox::run("systemctl stop velmar-t-*", 120), 0);
     EXPECT_TRUE(served.waitFor(*source, [](auto& s) {
         for (auto& [k, d] : s) if (k.starts_with("velmar-t-")) return false; return true; }));
 }

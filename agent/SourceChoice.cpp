@@ -1,0 +1,104 @@
+#include "SourceChoice.h"
+
+#include "feed/file/FileSource.h"
+#include "feed/systemd/SystemdSource.h"
+
+#include "GenericAgent/GenericAgentSnmp.h"
+
+#include <CLI/CLI.hpp>
+
+#include <chrono>
+#include <stdexcept>
+
+namespace Agent {
+
+void addSourceOptions(CLI::App& app, AgentOptions& o) {
+    app.add_flag("--systemd", o.systemd,
+                 "Serve the service units of systemd, followed live over the system bus, instead of a state file: "
+                 "each loaded unit NAME.service is daemon NAME (see the man page for the mapping)");
+    app.add_option("--units", o.units,
+                   "With --systemd: the units to serve, comma-separated shell globs on the unit name, e.g. "
+                   "'ssh.service,getty@*'; only service units count")
+        ->default_str(std::string(Feed::defaultUnitPatterns));
+    app.add_option("--refresh", o.refresh,
+                   "With --systemd: seconds between readings of what systemd announces no change of (MemoryCurrent, "
+                   "CPUUsageNSec, TasksCurrent); 0: read them only when a unit starts or stops")
+        ->check(CLI::Range(0, 86400))
+        ->default_val(10);
+    app.add_option("--system-bus", o.systemBus,
+                   "With --systemd: the D-Bus address of the system bus, e.g. unix:path=/run/dbus/system_bus_socket")
+        ->default_str("$DBUS_SYSTEM_BUS_ADDRESS, else unix:path=/run/dbus/system_bus_socket");
+}
+
+std::string sourceProblem(const CLI::App& app, AgentOptions& o) {
+    const bool state = app.get_option("--state")->count() > 0;
+    if (state && o.systemd) return "--state and --systemd exclude each other: give one launcher source (see --help)";
+    if (!state && !o.systemd) return "no launcher source: give --state FILE or --systemd (see --help)";
+    for (const char* name : {"--units", "--refresh", "--system-bus"}) {
+        if (app.get_option(name)->count() == 0) continue;
+        if (!o.systemd) return std::string(name) + " applies to --systemd only (see --help)";
+    }
+    for (const char* name : {"--units", "--system-bus"}) {
+        const CLI::Option* opt = app.get_option(name);
+        if (opt->count() > 0 && opt->as<std::string>().empty())
+            return std::string(name) + " needs a value, not an empty string (see --help)";
+    }
+    if (o.systemd) {
+        if (o.units.empty()) o.units = std::string(Feed::defaultUnitPatterns);
+        try {
+            Feed::parseUnitPatterns(o.units);
+        } catch (const std::invalid_argument& e) {
+            return "--units " + o.units + ": " + e.what();
+        }
+    }
+    return {};
+}
+
+namespace {
+
+Feed::SystemdSource::Options systemdOptions(const AgentOptions& o) {
+    Feed::SystemdSource::Options s;
+    s.patterns = Feed::parseUnitPatterns(o.units.empty() ? Feed::defaultUnitPatterns : o.units);
+    s.refresh = std::chrono::seconds(o.refresh);
+    s.busAddress = o.systemBus;
+    return s;
+}
+
+} // namespace
+
+std::unique_ptr<Feed::Source> makeSource(const AgentOptions& o) {
+    if (!o.systemd) return std::make_unique<Feed::FileSource>(o.stateFile);
+    try {
+        return std::make_unique<Feed::SystemdSource>(systemdOptions(o));
+    } catch (const std::invalid_argument& e) {
+        throw std::invalid_argument(std::string("--units ") + o.units + ": " + e.what());
+    }
+}
+
+std::string sourceText(const AgentOptions& o) {
+    if (!o.systemd) return o.stateFile;
+    const Feed::SystemdSource::Options s = systemdOptions(o);
+    return "systemd (system bus " + Feed::SystemdSource::busAddressFor(s) + ", units " +
+           (o.units.empty() ? std::string(Feed::defaultUnitPatterns) : o.units) + ")";
+}
+
+std::string servedText(const Feed::StateFeed& feed) {
+    const Feed::LauncherState& state = feed.applied();
+    std::size_t rows = 0;
+    for (const auto& [name, d] : state) {
+        rows += 2;   // every daemon has an enabled and a running row
+        for (const auto& [key, value] : d.options) rows += !value.empty();
+        for (const auto& [key, value] : d.data) rows += !value.empty();
+    }
+    std::string text = std::to_string(state.size()) + (state.size() == 1 ? " daemon, " : " daemons, ") +
+                       std::to_string(rows) + (rows == 1 ? " row" : " rows");
+    if (const auto* systemd = dynamic_cast<const Feed::SystemdSource*>(&feed.source())) {
+        if (std::size_t skipped = systemd->skippedUnits())
+            text += "; " + std::to_string(skipped) + (skipped == 1 ? " unit" : " units") + " skipped (name over " +
+                    std::to_string(GenericAgent::maxDaemonNameBytes) + " bytes)";
+        if (!systemd->connected()) text += "; not connected to systemd yet, trying again";
+    }
+    return text;
+}
+
+} // namespace Agent

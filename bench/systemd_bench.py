@@ -1,0 +1,209 @@
+#!/usr/bin/python3
+"""velmar-snmp-agent --systemd against the real systemd of the test sandbox
+(tests/systemd/sandbox): prints numbers, asserts nothing.
+
+  (a) from `systemctl stop` returning to an SNMP GET reading running false (trials, median, p99)
+  (b) the agent's CPU over a quiet period with 500 loaded units and no change
+  (c) the start-up load of 1,000 units: agent start to its ready line, and the source's
+      own initial read (ListUnitsByPatterns and every unit's properties)
+
+    bench/systemd_bench.py [--agent PATH] [--trials 100] [--quiet 60] [--out bench/results/systemd.md]
+
+Needs root and what the sandbox needs; says why and exits 77 otherwise. The sandbox and the
+agent are stopped by process id at the end, also on failure.
+"""
+
+import argparse
+import os
+import socket
+import statistics
+import subprocess
+import sys
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(HERE)
+sys.path.insert(0, os.path.join(ROOT, "tests", "systemd"))
+import velmar_sandbox  # noqa: E402
+
+ENTERPRISE = int(os.environ.get("VELMAR_ENTERPRISE_NUMBER", "32473"))
+RUNNING = (1, 3, 6, 1, 4, 1, ENTERPRISE, 3, 17, 2, 1, 1, 2)
+TICK = os.sysconf("SC_CLK_TCK")
+
+
+def ber(tag, payload):
+    n = len(payload)
+    if n < 0x80:
+        return bytes([tag, n]) + payload
+    b = n.to_bytes((n.bit_length() + 7) // 8, "big")
+    return bytes([tag, 0x80 | len(b)]) + b + payload
+
+
+def ber_oid(oid):
+    out = bytearray([oid[0] * 40 + oid[1]])
+    for x in oid[2:]:
+        chunk = [x & 0x7F]
+        x >>= 7
+        while x:
+            chunk.append(0x80 | (x & 0x7F))
+            x >>= 7
+        out += bytes(reversed(chunk))
+    return ber(0x06, bytes(out))
+
+
+class Getter:
+    """SNMPv2c GET of one object over a UDP socket: its INTEGER value or None (no such row)."""
+
+    def __init__(self, port):
+        self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.sock.connect(("127.0.0.1", port))
+        self.sock.settimeout(2)
+        self.rid = 1
+
+    def get(self, oid):
+        self.rid += 1
+        vb = ber(0x30, ber(0x30, ber_oid(oid) + b"\x05\x00"))
+        pdu = ber(0xA0, ber(0x02, self.rid.to_bytes(4, "big")) + b"\x02\x01\x00\x02\x01\x00" + vb)
+        self.sock.send(ber(0x30, b"\x02\x01\x01" + ber(0x04, b"public") + pdu))
+        data = self.sock.recv(65535)
+        if data[-3] == 0x02 and data[-2] == 0x01:
+            return data[-1]
+        return None
+
+
+def index(name):
+    b = name.encode()
+    return (len(b),) + tuple(b)
+
+
+def cpu_ticks(pid):
+    with open("/proc/%d/stat" % pid) as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    return int(fields[11]) + int(fields[12])
+
+
+def start_agent(agent, bus, units, port):
+    t0 = time.monotonic()
+    p = subprocess.Popen([agent, "--systemd", "--units", units, "--system-bus", bus,
+                          "--listen", "udp:127.0.0.1:%d" % port],
+                         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    line = p.stdout.readline()
+    return p, time.monotonic() - t0, line.strip()
+
+
+def stop(p):
+    if p.poll() is None:
+        p.terminate()
+        try:
+            p.wait(15)
+        except subprocess.TimeoutExpired:
+            p.kill()
+            p.wait(5)
+    return p.stderr.read()
+
+
+def free_port():
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def percentile(xs, q):
+    xs = sorted(xs)
+    return xs[min(len(xs) - 1, int(round(q * (len(xs) - 1))))]
+
+
+def make_units(sb, first, last):
+    sb.run("seq %d %d | xargs -P 8 -I@ systemd-run -q --unit=velmar-t-@ /bin/sleep 3600" % (first, last), timeout=600)
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--agent", default=os.path.join(ROOT, "build", "default", "agent", "velmar-snmp-agent"))
+    ap.add_argument("--trials", type=int, default=100)
+    ap.add_argument("--quiet", type=int, default=60)
+    ap.add_argument("--out", default=os.path.join(HERE, "results", "systemd.md"))
+    args = ap.parse_args()
+    try:
+        sb = velmar_sandbox.Sandbox(units=os.path.join(HERE, "systemd-units"))
+    except velmar_sandbox.SandboxUnavailable as e:
+        print("skipped: %s" % e)
+        return 77
+    agent = None
+    lines = []
+
+    def say(text):
+        print(text, flush=True)
+        lines.append(text)
+
+    try:
+        say("# systemd source (velmar-snmp-agent --systemd on the test sandbox's systemd)")
+        say("")
+        say("machine: %d cores, load average %s at start" % (os.cpu_count(), " ".join("%.2f" % x for x in os.getloadavg())))
+        # (a) stop -> GET reads running false
+        port = free_port()
+        agent, _, _ = start_agent(args.agent, sb.bus, "velmar-*", port)
+        g = Getter(port)
+        oid = RUNNING + index("velmar-long")
+        lat = []
+        for _ in range(args.trials):
+            sb.run("systemctl start velmar-long")
+            deadline = time.monotonic() + 10
+            while g.get(oid) != 1 and time.monotonic() < deadline:
+                time.sleep(0.005)
+            sb.run("systemctl stop velmar-long")
+            t0 = time.monotonic()
+            while g.get(oid) != 2 and time.monotonic() - t0 < 10:
+                pass
+            lat.append((time.monotonic() - t0) * 1000)
+        say("")
+        say("(a) systemctl stop returned -> GET reads running false, %d trials: median %.1f ms, p99 %.1f ms, max %.1f ms"
+            " (targets: median <= 100 ms, p99 <= 500 ms)" % (len(lat), statistics.median(lat), percentile(lat, 0.99), max(lat)))
+        stop(agent)
+        agent = None
+
+        # (b) CPU with 500 loaded units and no change
+        t0 = time.monotonic()
+        make_units(sb, 1, 500)
+        say("")
+        say("500 transient units started in %.1f s" % (time.monotonic() - t0))
+        agent, ready, line = start_agent(args.agent, sb.bus, "velmar-*", free_port())
+        time.sleep(2)
+        c0, w0 = cpu_ticks(agent.pid), time.monotonic()
+        time.sleep(args.quiet)
+        c1, w1 = cpu_ticks(agent.pid), time.monotonic()
+        pct = 100.0 * (c1 - c0) / TICK / (w1 - w0)
+        say("(b) agent CPU over %.0f s, 501 loaded units, no change, --refresh 10: %.2f%% of one core (target <= 0.5%%)"
+            % (w1 - w0, pct))
+        stop(agent)
+        agent = None
+
+        # (c) start-up load of 1,000 units
+        make_units(sb, 501, 1000)
+        runs = []
+        for _ in range(3):
+            agent, ready, line = start_agent(args.agent, sb.bus, "velmar-t-*", free_port())
+            err = stop(agent)
+            agent = None
+            runs.append(ready)
+        say("(c) start-up with 1,000 units (velmar-t-*), agent start to ready line: best %.3f s, worst %.3f s of 3"
+            " (target <= 1 s)" % (min(runs), max(runs)))
+        say("    start line: %s" % line.split(": ", 1)[1] if ": " in line else line)
+        applied = [l for l in err.splitlines() if "applied" in l]
+        if applied:
+            say("    %s" % applied[0].split(": ", 2)[-1])
+        say("")
+        say("load average at end: %s" % " ".join("%.2f" % x for x in os.getloadavg()))
+    finally:
+        if agent is not None:
+            stop(agent)
+        sb.stop()
+    if args.out:
+        os.makedirs(os.path.dirname(args.out), exist_ok=True)
+        with open(args.out, "w") as f:
+            f.write("\n".join(lines) + "\n")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,325 @@
+"""velmar-snmp-agent --systemd (and snmpd with velmarSystemd) against the real systemd of the
+test sandbox, read over SNMP with Net-SNMP's tools: the agent runs outside the sandbox on its
+bus socket, and every change made with systemctl shows in an SNMP GET within one second.
+Skipped, with the reason, where the sandbox cannot boot (not root, no unshare or overlayfs).
+"""
+
+import os
+import signal
+import subprocess
+import sys
+import time
+import unittest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "..", "agent"))
+sys.path.insert(0, HERE)
+
+import velmar_harness as h  # noqa: E402
+import velmar_sandbox  # noqa: E402
+
+UNITS = "velmar-*"
+LONG_NAME = "velmar-a-service-whose-name-is-well-over-32-bytes"
+SANDBOX = None
+SKIP = None
+
+
+def setUpModule():
+    global SANDBOX, SKIP
+    try:
+        SANDBOX = velmar_sandbox.Sandbox()
+    except velmar_sandbox.SandboxUnavailable as e:
+        SKIP = str(e)
+
+
+def tearDownModule():
+    if SANDBOX:
+        SANDBOX.stop()
+
+
+def flag_oid(table, name):
+    sub, col, _ = h.TABLES[table]
+    return sub + (1, col) + h.index_of(name)
+
+
+def value_oid(table, name, key):
+    sub, col, _ = h.TABLES[table]
+    return sub + (1, col) + h.index_of(name, key)
+
+
+def get_one(port, oid):
+    """The value of one object, or None when the agent has no such row."""
+    rc, rows, err = h.get(port, [oid])
+    if rc != 0 or not rows or not isinstance(rows[0][1], (int, bytes)):
+        return None
+    return rows[0][1]
+
+
+def within(port, oid, wanted, limit=1.0):
+    """Polls a GET of oid until it reads wanted (None: no row) or limit seconds pass; the
+    seconds it took, or None."""
+    start = time.monotonic()
+    got = None
+    while True:
+        got = get_one(port, oid)
+        if got == wanted:
+            return time.monotonic() - start
+        if time.monotonic() - start > limit:
+            return None
+        time.sleep(0.02)
+
+
+def sandbox_services():
+    """{daemon name: (enabled, running)} of the sandbox's loaded velmar-* services, from
+    systemctl itself."""
+    out = SANDBOX.run("systemctl list-units --all --plain --no-legend --type=service 'velmar-*'")
+    found = {}
+    for line in out.splitlines():
+        unit = line.split()[0]
+        name = unit[: -len(".service")]
+        state = SANDBOX.run("systemctl is-enabled %s; true" % unit).strip()
+        sub = SANDBOX.run("systemctl show -P SubState %s" % unit).strip()
+        found[name] = (state in ("enabled", "enabled-runtime"), sub in ("running", "reload"))
+    return found
+
+
+def start_agent(bus, extra=()):
+    port = h.free_port()
+    argv = [h.AGENT, "--systemd", "--units", UNITS, "--refresh", "1", "--system-bus", bus,
+            "--listen", "udp:127.0.0.1:%d" % port] + list(extra)
+    agent = h.Process(argv, "serving")
+    agent.port = port
+    return agent
+
+
+class SandboxTest(unittest.TestCase):
+    def setUp(self):
+        if SKIP:
+            self.skipTest(SKIP)
+
+
+class AgentOnSandboxTest(SandboxTest):
+    """One agent on the sandbox's bus for all cases; each case leaves the units as it found them."""
+
+    agent = None
+
+    @classmethod
+    def setUpClass(cls):
+        if SKIP:
+            return
+        cls.agent = start_agent(SANDBOX.bus)
+
+    @classmethod
+    def tearDownClass(cls):
+        if cls.agent:
+            cls.agent.stop()
+
+    def running(self, name):
+        return flag_oid("running", name)
+
+    def enabled(self, name):
+        return flag_oid("enabled", name)
+
+    def test_start_line_names_systemd_and_counts_what_is_served(self):
+        line = self.agent.stdout_lines[0]
+        self.assertIn("from systemd (system bus %s, units %s) on udp:127.0.0.1:%d: " % (SANDBOX.bus, UNITS, self.agent.port),
+                      line)
+        expected = len([n for n in sandbox_services() if len(n.encode()) <= 32])
+        self.assertIn(": %d daemons, " % expected, line)
+        self.assertIn("; 1 unit skipped (name over 32 bytes)", line)
+        skipped = [l for l in self.agent.stderr_lines if LONG_NAME in l]
+        self.assertEqual(len(skipped), 1, self.agent.stderr())
+
+    def test_walk_shows_each_service_as_systemctl_does(self):
+        services = sandbox_services()
+        self.assertIn(LONG_NAME, services)
+        running = {bytes(oid[len(h.TABLES["running"][0]) + 3:]).decode(): v
+                   for oid, v in h.walk(self.agent.port, h.TABLES["running"][0])}
+        enabled = {bytes(oid[len(h.TABLES["enabled"][0]) + 3:]).decode(): v
+                   for oid, v in h.walk(self.agent.port, h.TABLES["enabled"][0])}
+        del services[LONG_NAME]
+        self.assertEqual(sorted(running), sorted(services))
+        self.assertEqual(sorted(enabled), sorted(services))
+        for name, (is_enabled, is_running) in services.items():
+            if name == "velmar-flaky":
+                continue  # restarts every second: running comes and goes
+            self.assertEqual(enabled[name], h.TRUE if is_enabled else h.FALSE, name)
+            self.assertEqual(running[name], h.TRUE if is_running else h.FALSE, name)
+        self.assertEqual(get_one(self.agent.port, value_oid("option", "velmar-long", "ExecStart")), b"/bin/sleep infinity")
+        self.assertEqual(get_one(self.agent.port, value_oid("data", "velmar-once", "SubState")), b"exited")
+        pid = SANDBOX.run("systemctl show -P MainPID velmar-long").strip()
+        self.assertEqual(get_one(self.agent.port, value_oid("data", "velmar-long", "MainPID")), pid.encode())
+
+    def test_stop_and_start_within_one_second(self):
+        SANDBOX.run("systemctl stop velmar-long")
+        self.assertIsNotNone(within(self.agent.port, self.running("velmar-long"), h.FALSE), self.agent.stderr())
+        self.assertIsNone(get_one(self.agent.port, value_oid("data", "velmar-long", "MainPID")))
+        SANDBOX.run("systemctl start velmar-long")
+        self.assertIsNotNone(within(self.agent.port, self.running("velmar-long"), h.TRUE), self.agent.stderr())
+        pid = SANDBOX.run("systemctl show -P MainPID velmar-long").strip()
+        self.assertIsNotNone(within(self.agent.port, value_oid("data", "velmar-long", "MainPID"), pid.encode()))
+
+    def test_kill_within_one_second(self):
+        try:
+            SANDBOX.run("systemctl kill -s KILL velmar-worker@1")
+            self.assertIsNotNone(within(self.agent.port, self.running("velmar-worker@1"), h.FALSE), self.agent.stderr())
+            self.assertIsNotNone(within(self.agent.port, value_oid("data", "velmar-worker@1", "Result"), b"signal"))
+        finally:
+            SANDBOX.run("systemctl reset-failed velmar-worker@1; systemctl start velmar-worker@1")
+        self.assertIsNotNone(within(self.agent.port, self.running("velmar-worker@1"), h.TRUE))
+
+    def test_enable_and_disable_within_one_second(self):
+        SANDBOX.run("systemctl enable velmar-off 2>/dev/null")
+        try:
+            self.assertIsNotNone(within(self.agent.port, self.enabled("velmar-off"), h.TRUE), self.agent.stderr())
+            self.assertIsNotNone(within(self.agent.port, value_oid("option", "velmar-off", "UnitFileState"), b"enabled"))
+        finally:
+            SANDBOX.run("systemctl disable velmar-off 2>/dev/null")
+        self.assertIsNotNone(within(self.agent.port, self.enabled("velmar-off"), h.FALSE), self.agent.stderr())
+
+    def test_daemon_reload_after_a_unit_file_changed_within_one_second(self):
+        path = "/etc/systemd/system/velmar-once.service"
+        mark = len(self.agent.stderr_lines)
+        SANDBOX.run("sed -i 's/^Description=.*/Description=edited by the test/' %s && systemctl daemon-reload" % path)
+        self.assertIsNotNone(within(self.agent.port, value_oid("option", "velmar-once", "Description"), b"edited by the test"),
+                             self.agent.stderr())
+        # A reload unloads and loads every unit: none of them may go meanwhile.
+        gone = [l for l in self.agent.stderr_lines[mark:] if "daemons:" in l and " 0 removed;" not in l]
+        self.assertEqual(gone, [])
+
+    def test_removed_unit_goes_within_one_second(self):
+        SANDBOX.run("printf '[Service]\\nExecStart=/bin/sleep infinity\\n' > /etc/systemd/system/velmar-gone.service && "
+                    "systemctl daemon-reload && systemctl start velmar-gone")
+        self.assertIsNotNone(within(self.agent.port, self.running("velmar-gone"), h.TRUE), self.agent.stderr())
+        SANDBOX.run("systemctl stop velmar-gone && rm /etc/systemd/system/velmar-gone.service && systemctl daemon-reload")
+        self.assertIsNotNone(within(self.agent.port, self.running("velmar-gone"), None), self.agent.stderr())
+        self.assertIsNone(get_one(self.agent.port, self.enabled("velmar-gone")))
+
+    def test_restarts_of_a_failing_service_are_counted(self):
+        oid = value_oid("data", "velmar-flaky", "NRestarts")
+        before = int(get_one(self.agent.port, oid) or b"0")
+        deadline = time.monotonic() + 6
+        now = before
+        while time.monotonic() < deadline and now <= before:
+            time.sleep(0.2)
+            now = int(get_one(self.agent.port, oid) or b"0")
+        self.assertGreater(now, before)
+
+    def test_the_long_name_is_never_served(self):
+        SANDBOX.run("systemctl restart %s.service" % LONG_NAME)
+        time.sleep(0.3)
+        rows = h.walk(self.agent.port, h.ROOT)
+        self.assertFalse([oid for oid, _ in rows if bytes(LONG_NAME[:20], "ascii") in bytes(b for b in oid if b < 256)])
+        self.assertEqual(len([l for l in self.agent.stderr_lines if LONG_NAME in l]), 1, self.agent.stderr())
+
+
+class UnreachableBusTest(SandboxTest):
+    def test_serves_nothing_says_so_once_and_connects_when_the_bus_appears(self):
+        tmp = h.TempDir()
+        self.addCleanup(tmp.cleanup)
+        path = tmp.file("bus.sock")
+        agent = start_agent("unix:path=" + path)
+        self.addCleanup(agent.stop)
+        self.assertIn("0 daemons, 0 rows; not connected to systemd yet, trying again", agent.stdout_lines[0])
+        self.assertEqual(h.walk(agent.port, h.ROOT), [])
+        time.sleep(1.5)                 # several retries
+        self.assertTrue(agent.alive())
+        lines = [l for l in agent.stderr_lines if "cannot connect" in l]
+        self.assertEqual(len(lines), 1, agent.stderr())
+        self.assertIn(path, lines[0])
+        os.symlink("/proc/%d/root/run/dbus/system_bus_socket" % SANDBOX.systemd_pid, path)
+        self.assertIsNotNone(agent.wait_stderr("connected; reading every unit", timeout=8), agent.stderr())
+        self.assertIsNotNone(within(agent.port, flag_oid("running", "velmar-long"), h.TRUE), agent.stderr())
+
+
+class CommandLineTest(unittest.TestCase):
+    def refused(self, args):
+        p = subprocess.run([h.AGENT] + args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=30)
+        self.assertEqual(p.returncode, 2, p.stderr)
+        self.assertEqual(len(p.stderr.splitlines()), 1, p.stderr)
+        return p.stderr
+
+    def test_no_source_names_both(self):
+        err = self.refused(["--listen", "udp:127.0.0.1:%d" % h.free_port()])
+        self.assertIn("no launcher source: give --state FILE or --systemd", err)
+
+    def test_state_and_systemd_exclude_each_other(self):
+        demo = os.path.join(h.SOURCE_DIR, "examples", "demo-state.json")
+        self.assertIn("--state and --systemd exclude each other", self.refused(["--state", demo, "--systemd"]))
+
+    def test_systemd_options_need_systemd(self):
+        demo = os.path.join(h.SOURCE_DIR, "examples", "demo-state.json")
+        for opt, value in (("--units", "ssh.service"), ("--refresh", "5"), ("--system-bus", "unix:path=/x")):
+            self.assertIn("%s applies to --systemd only" % opt, self.refused(["--state", demo, opt, value]))
+
+    def test_bad_patterns_are_named(self):
+        err = self.refused(["--systemd", "--units", "ssh.service,,cron.service"])
+        self.assertIn("--units ssh.service,,cron.service", err)
+        self.assertIn("item 2 is empty", err)
+        self.assertIn("--refresh", self.refused(["--systemd", "--refresh", "-1"]))
+
+    def test_unreachable_bus_is_one_line_and_the_agent_runs_on(self):
+        tmp = h.TempDir()
+        self.addCleanup(tmp.cleanup)
+        path = tmp.file("no-bus-here.sock")
+        agent = start_agent("unix:path=" + path)
+        self.addCleanup(agent.stop)
+        self.assertIn("from systemd (system bus unix:path=%s, units %s)" % (path, UNITS), agent.stdout_lines[0])
+        self.assertIn(": 0 daemons, 0 rows; not connected to systemd yet, trying again", agent.stdout_lines[0])
+        time.sleep(1.0)                 # several attempts
+        self.assertTrue(agent.alive())
+        self.assertEqual(h.walk(agent.port, h.ROOT), [])
+        lines = [l for l in agent.stderr_lines if path in l]
+        self.assertEqual(len(lines), 1, agent.stderr())
+        self.assertIn("cannot connect: No such file or directory; serving nothing, trying again", lines[0])
+        self.assertEqual(agent.stop(), 0)
+
+    def test_help_says_how(self):
+        out = subprocess.run([h.AGENT, "--help"], stdout=subprocess.PIPE, text=True, timeout=30).stdout
+        for opt in ("--systemd", "--units", "--refresh", "--system-bus"):
+            self.assertIn(opt, out)
+
+
+@unittest.skipUnless(os.access("/usr/sbin/snmpd", os.X_OK), "Debian's snmpd is not installed (apt-get install snmpd)")
+class DlmodOnSandboxTest(SandboxTest):
+    def test_velmar_systemd_serves_the_sandbox_and_follows_a_stop(self):
+        import test_dlmod
+        tmp = h.TempDir()
+        self.addCleanup(tmp.cleanup)
+        saved = os.environ.get("DBUS_SYSTEM_BUS_ADDRESS")
+        os.environ["DBUS_SYSTEM_BUS_ADDRESS"] = SANDBOX.bus
+        try:
+            snmpd = test_dlmod.Snmpd(tmp.path, ["dlmod velmar_daemon_mib %s" % test_dlmod.BRIDGE, "velmarSystemd " + UNITS])
+        finally:
+            if saved is None:
+                del os.environ["DBUS_SYSTEM_BUS_ADDRESS"]
+            else:
+                os.environ["DBUS_SYSTEM_BUS_ADDRESS"] = saved
+        self.addCleanup(snmpd.stop)
+        self.assertIsNotNone(snmpd.wait_log("velmar_daemon_mib: serving VELMAR-DAEMON-MIB", timeout=10), snmpd.log())
+        self.assertIsNotNone(within(snmpd.port, flag_oid("running", "velmar-long"), h.TRUE), snmpd.log())
+        try:
+            SANDBOX.run("systemctl stop velmar-long")
+            self.assertIsNotNone(within(snmpd.port, flag_oid("running", "velmar-long"), h.FALSE), snmpd.log())
+        finally:
+            SANDBOX.run("systemctl start velmar-long")
+        self.assertIsNotNone(within(snmpd.port, flag_oid("running", "velmar-long"), h.TRUE), snmpd.log())
+        self.assertEqual(snmpd.stop(signal.SIGTERM, timeout=15.0), 0, snmpd.log())
+
+    def test_velmar_systemd_with_velmar_state_file_serves_nothing(self):
+        import test_dlmod
+        tmp = h.TempDir()
+        self.addCleanup(tmp.cleanup)
+        demo = os.path.join(h.SOURCE_DIR, "examples", "demo-state.json")
+        snmpd = test_dlmod.Snmpd(tmp.path, ["dlmod velmar_daemon_mib %s" % test_dlmod.BRIDGE, "velmarSystemd " + UNITS,
+                                            "velmarStateFile " + demo])
+        self.addCleanup(snmpd.stop)
+        line = snmpd.wait_log("exclude each other (snmpd named the file and line above); serving nothing")
+        self.assertIsNotNone(line, snmpd.log())
+        self.assertIsNotNone(snmpd.wait_log("%s: line 5" % snmpd.config, timeout=1), snmpd.log())
+        rows = h.walk(snmpd.port, h.ROOT)
+        self.assertEqual([r for r in rows if isinstance(r[1], (int, bytes))], [], rows)
+
+
+if __name__ == "__main__":
+    unittest.main()
