@@ -232,6 +232,39 @@ class UnreachableBusTest(SandboxTest):
         self.assertIsNotNone(within(agent.port, flag_oid("running", "velmar-long"), h.TRUE), agent.stderr())
 
 
+class NotificationOnSandboxTest(SandboxTest):
+    def test_systemctl_stop_sends_a_running_change_trap(self):
+        import test_notify as tn
+        tmp = h.TempDir()
+        self.addCleanup(tmp.cleanup)
+        trapd = tn.Trapd(tmp.path)
+        self.addCleanup(trapd.stop)
+        config = tmp.file("access.conf")
+        with open(config, "w") as f:
+            f.write("rocommunity public 127.0.0.1\ntrap2sink udp:127.0.0.1:%d public\n" % trapd.port)
+        agent = start_agent(SANDBOX.bus, ["--config", config])
+        self.addCleanup(agent.stop)
+        self.assertIsNotNone(within(agent.port, flag_oid("running", "velmar-long"), h.TRUE), agent.stderr())
+        time.sleep(0.5)
+        # velmar-flaky fails and is restarted every second: its notifications are real.
+        at_load = [vars_ for _, vars_ in trapd.notifications() if '"velmar-flaky"' not in vars_[-1][0]]
+        self.assertEqual(at_load, [], "loading systemd's units sent notifications")
+        stopped = tn.trapd_named(tn.RUNNING_CHANGE, "velmar-long", True, False)
+        try:
+            SANDBOX.run("systemctl stop velmar-long")
+            deadline = time.time() + 5
+            got = []
+            while time.time() < deadline:
+                got = [vars_[1:] for _, vars_ in trapd.notifications()]
+                if stopped in got:
+                    break
+                time.sleep(0.05)
+            self.assertIn(stopped, got, "snmptrapd:\n%s\nagent:\n%s" % (trapd.output(), agent.stderr()))
+        finally:
+            SANDBOX.run("systemctl start velmar-long")
+        self.assertIsNotNone(within(agent.port, flag_oid("running", "velmar-long"), h.TRUE), agent.stderr())
+
+
 class CommandLineTest(unittest.TestCase):
     def refused(self, args):
         p = subprocess.run([h.AGENT] + args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=30)
