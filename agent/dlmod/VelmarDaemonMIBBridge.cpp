@@ -18,6 +18,9 @@
 //                                                 # beside this library (build tree or install)
 //   velmarContext NAME                            # repeatable: also initialise the module in NAME
 //   velmarTrace Snmp/0-2,8                        # trace levels, as the TRACE variable
+//   velmarNotifyHolddown 1000                     # ms a daemon's further changes are held after
+//                                                 # a notification about it (0..3600000)
+//   velmarNotifyRate 100                          # notifications per second at most (1..1000000)
 //
 // The velmar* lines must come after the dlmod line: snmpd learns them only when it loads
 // this library, which it does while reading that line. A line given twice counts the last
@@ -50,6 +53,9 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <filesystem>
@@ -75,6 +81,7 @@ struct Settings {
     std::optional<std::string> systemdUnits;  // velmarSystemd's patterns
     std::string modulePath;
     std::vector<std::string> contexts;
+    Agent::NotifyScheduler::Settings notify;
 };
 
 // Everything the bridge holds while it is loaded.
@@ -96,6 +103,8 @@ constexpr const char* systemdToken = "velmarSystemd";
 constexpr const char* moduleToken = "velmarModule";
 constexpr const char* contextToken = "velmarContext";
 constexpr const char* traceToken = "velmarTrace";
+constexpr const char* holddownToken = "velmarNotifyHolddown";
+constexpr const char* rateToken = "velmarNotifyRate";
 
 // The one word of a directive's argument (double quotes allowed, as elsewhere in
 // snmpd.conf). Reports a missing or second word through config_perror, which names the
@@ -186,6 +195,35 @@ void parseTrace(const char* token, char* line) {
             return;
         }
         if (!bridge->traceBefore) bridge->traceBefore = before;
+    });
+}
+
+// A whole number in [low, high] from a directive's one word, or nothing (reported).
+std::optional<long> number(const char* token, char* line, const char* what, long low, long high) {
+    auto w = oneWord(token, line, what);
+    if (!w) return std::nullopt;
+    char* end = nullptr;
+    errno = 0;
+    long v = std::strtol(w->c_str(), &end, 10);
+    if (errno || end == w->c_str() || *end || v < low || v > high) {
+        config_perror((std::string(token) + " " + *w + ": not a whole number from " + std::to_string(low) + " to " +
+                       std::to_string(high)).c_str());
+        return std::nullopt;
+    }
+    return v;
+}
+
+void parseHolddown(const char* token, char* line) {
+    guarded(token, [&] {
+        if (auto v = number(token, line, "milliseconds, e.g. 1000", 0, 3600000); v && bridge)
+            bridge->settings.notify.holddown = std::chrono::milliseconds(*v);
+    });
+}
+
+void parseRate(const char* token, char* line) {
+    guarded(token, [&] {
+        if (auto v = number(token, line, "notifications per second, e.g. 100", 1, 1000000); v && bridge)
+            bridge->settings.notify.rate = static_cast<unsigned>(*v);
     });
 }
 
@@ -335,7 +373,7 @@ void startServing() {
     }
 
     // After the initial load: the state as loaded is what receivers are taken to know.
-    bridge->notifier = std::make_unique<Agent::Notifier>(host.mib(), Agent::NotifyScheduler::Settings{},
+    bridge->notifier = std::make_unique<Agent::Notifier>(host.mib(), s.notify,
                                                          [](const std::string& line) { logLine(LOG_NOTICE, line); });
     bridge->notifier->start();
 
@@ -383,7 +421,7 @@ int onShutdown(int, int, void*, void*);
 void withdraw(bool inShutdownCallback) {
     if (!bridge || bridge->withdrawn) return;
     bridge->withdrawn = true;
-    for (const char* token : {stateFileToken, systemdToken, moduleToken, contextToken, traceToken})
+    for (const char* token : {stateFileToken, systemdToken, moduleToken, contextToken, traceToken, holddownToken, rateToken})
         snmpd_unregister_config_handler(token);
     snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr, 1);
     if (!inShutdownCallback) snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_SHUTDOWN, onShutdown, nullptr, 1);
@@ -411,6 +449,8 @@ void init_velmar_daemon_mib(void) {
         snmpd_register_config_handler(moduleToken, parseModule, nullptr, "PATH (VelmarDaemonMIB.so)");
         snmpd_register_config_handler(contextToken, parseContext, nullptr, "NAME (an extra SNMP context)");
         snmpd_register_config_handler(traceToken, parseTrace, nullptr, "LEVELS (e.g. Snmp/0-2,8)");
+        snmpd_register_config_handler(holddownToken, parseHolddown, nullptr, "MS (notification hold-down, default 1000)");
+        snmpd_register_config_handler(rateToken, parseRate, nullptr, "N (notifications per second at most, default 100)");
         // No client argument: the library frees client arguments with free() when it clears
         // its callbacks.
         snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr);

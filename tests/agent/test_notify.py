@@ -429,6 +429,31 @@ class SnmpdNotifyTest(NotifyTestBase):
         self.assertEqual(got[0][1][1:], trapd_named(RUNNING_CHANGE, "bgpd", True, False))
         self.assertEqual(snmpd.trouble(), [])
 
+    def test_the_dlmod_bridge_takes_hold_down_and_rate_from_snmpd_conf(self):
+        import test_dlmod
+        trapd = self.keep(Trapd(self.tmp.path))
+        snmpd = self.keep(test_dlmod.Snmpd(self.tmp.path, ["trap2sink udp:127.0.0.1:%d public" % trapd.port]
+                                           + test_dlmod.dlmod_lines(self.state_file, "velmarNotifyHolddown 4000",
+                                                                    "velmarNotifyRate 50")))
+        self.assertTrue(snmpd.wait_log("serving VELMAR-DAEMON-MIB", timeout=10.0), snmpd.log())
+        self.change(lambda d: d["bgpd"]["status"].update(running=False))
+        self.wait_count(trapd, 1)
+        self.change(lambda d: d["bgpd"]["status"].update(running=True))
+        # Within the 4 s hold-down (the default would have sent it after 1 s) nothing more...
+        time.sleep(2.0)
+        self.assertEqual(len(trapd.notifications()), 1, trapd.notifications())
+        # ...and at its end the final state.
+        got = self.wait_count(trapd, 2)
+        self.assertEqual(got[1][1][1:], trapd_named(RUNNING_CHANGE, "bgpd", True, True))
+        self.assertEqual(snmpd.trouble(), [])
+
+    def test_the_dlmod_bridge_refuses_a_bad_rate_naming_it(self):
+        import test_dlmod
+        snmpd = self.keep(test_dlmod.Snmpd(self.tmp.path, test_dlmod.dlmod_lines(self.state_file, "velmarNotifyRate 0")))
+        line = snmpd.wait_log("velmarNotifyRate 0: not a whole number from 1 to 1000000", timeout=10.0)
+        self.assertIsNotNone(line, snmpd.log())
+        self.assertIn(snmpd.config, line)
+
 
 if __name__ == "__main__":
     unittest.main()
