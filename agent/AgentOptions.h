@@ -17,6 +17,8 @@ struct AgentOptions {
     std::string modulePath;            // the module library
     std::string trace;                 // trace levels, e.g. Snmp/0-2,8
     std::string debug;                 // Net-SNMP debug tokens
+    std::string log = "auto";          // log destination: auto, stderr, journal, syslog, file:PATH
+    bool check = false;                // validate source and configuration, print, exit
 };
 
 // Parses argv into opts and fills defaults. Returns -1 to go on, or the exit code when
