@@ -72,9 +72,8 @@ void onSignal(int sig) {
 
 } // namespace
 
-// Reads the launcher source again (SIGHUP). The file source already follows every
-// replacement of its file, so there is nothing more to do for it yet.
-void rereadSource() {}
+// The host, for the signal handlers on the loop thread.
+Agent::Host* servingHost = nullptr;
 
 namespace {
 
@@ -87,8 +86,10 @@ void onSignalPipe(int fd, void*) {
                 // The log file first, so that this line is the first in a rotated one.
                 if (std::string err = Agent::Log::reopen(); !err.empty()) logLine(Level::error, "SIGHUP: " + err);
                 else if (Agent::Log::destination().rfind("file:", 0) == 0) logLine(Level::notice, "SIGHUP: log file reopened");
-                logLine(Level::notice, "SIGHUP: reading the launcher source again");
-                rereadSource();
+                if (servingHost && servingHost->feed()) {
+                    logLine(Level::notice, "SIGHUP: reading the " + servingHost->feed()->source().description() + " again");
+                    servingHost->feed()->source().reread();
+                }
             } else if (buf[i] == 'u') {
                 logLine(Level::notice, "SIGUSR1: ignored");
             }
@@ -186,13 +187,12 @@ int main(int argc, char** argv) {
         return opts.check ? 2 : 1;
     }
 
-    // Net-SNMP: only our own configuration, a private persistent directory.
+    // Net-SNMP: only our own configuration. Its search path is a private directory of its
+    // own, never the persistent directory: Net-SNMP reads the persistent file from both, and
+    // reading it twice corrupts the stored engine ID (the v3 engine then changes and every
+    // second start refuses v3 requests).
     PrivateDir dir;
-    if (!opts.persistentDir.empty()) {
-        dir.path = opts.persistentDir;
-        std::error_code ec;
-        std::filesystem::create_directories(dir.path, ec);
-    } else {
+    {
         char tmpl[] = "/tmp/velmar-snmp-agent.XXXXXX";
         if (!::mkdtemp(tmpl)) {
             logLine(Level::error, std::string("cannot create a private directory: ") + std::strerror(errno));
@@ -201,11 +201,22 @@ int main(int argc, char** argv) {
         dir.path = tmpl;
         dir.remove = true;
     }
+    std::filesystem::path persistentDir = dir.path;
+    if (!opts.persistentDir.empty()) {
+        std::error_code ec;
+        persistentDir = std::filesystem::absolute(opts.persistentDir, ec);
+        if (!ec) std::filesystem::create_directories(persistentDir, ec);
+        if (ec || !std::filesystem::is_directory(persistentDir)) {
+            logLine(Level::error, "--persistent-dir " + opts.persistentDir + ": " +
+                                      (ec ? ec.message() : std::string("not a directory")));
+            return 2;
+        }
+    }
     const bool subagent = !opts.agentx.empty();
     {
         // Net-SNMP announces creating this one on every start; having it already is quieter.
         std::error_code ec;
-        std::filesystem::create_directories(dir.path / "cert_indexes", ec);
+        std::filesystem::create_directories(persistentDir / "cert_indexes", ec);
     }
     std::string configFile = opts.configFile;
     if (configFile.empty() && !subagent) {
@@ -218,7 +229,7 @@ int main(int argc, char** argv) {
     // What Net-SNMP says about the configuration and the addresses, kept to refuse with.
     std::optional<Agent::NetSnmpComplaints> complaints(std::in_place);
     netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_CONFIGURATION_DIR, dir.path.c_str());
-    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, dir.path.c_str());
+    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, persistentDir.c_str());
     if (!configFile.empty()) netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_OPTIONALCONFIG, configFile.c_str());
     netsnmp_set_mib_directory(dir.path.c_str());  // the agent itself loads no MIB files
     setenv("MIBS", "", 1);
@@ -319,6 +330,7 @@ int main(int argc, char** argv) {
         logLine(Level::error, e.what());
         return 1;
     }
+    servingHost = &host;
     register_readfd(signalPipe[0], onSignalPipe, nullptr);
     try {
         host.startFeed();
@@ -367,6 +379,7 @@ int main(int argc, char** argv) {
     logLine(Level::notice, "stopping");
 
     unregister_readfd(signalPipe[0]);
+    servingHost = nullptr;
     // The feed stops and the module leaves every context while it is loaded; the agent
     // library then frees the registrations it still holds, and only after that is the
     // module unloaded and the state tree cleared.

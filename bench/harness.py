@@ -81,7 +81,10 @@ class Proc:
                 break
             if word in line:
                 return line
-        raise RuntimeError(f"{self.name} did not say '{word}'; see {self.log_path}")
+        self.log.flush()
+        with open(self.log_path, errors="replace") as f:
+            tail = f.read()[-2000:]
+        raise RuntimeError(f"{self.name} did not say '{word}'; its standard error ends:\n{tail}")
 
     def stop(self):
         if self.proc.poll() is None:
@@ -92,6 +95,11 @@ class Proc:
                 self.proc.kill()
                 self.proc.wait()
         self.log.close()
+        # What it logged is in the exception of a failed wait_line; nothing stays in /tmp.
+        try:
+            os.unlink(self.log_path)
+        except FileNotFoundError:
+            pass
 
 
 def snmp_answers(port, oid, timeout=60):

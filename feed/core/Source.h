@@ -93,6 +93,10 @@ public:
 
     // Where the source stands now.
     virtual SourceHealth health() const = 0;
+    // Asks a started source to read its launcher again soon, as if it had changed (an
+    // operator's SIGHUP). Returns at once; what differs from what is served arrives through
+    // take(). Does nothing before start().
+    virtual void reread() = 0;
 
 protected:
     Source() = default;

@@ -170,10 +170,15 @@ void FileSource::run() {
                 }
                 first = false;
             }
-            pollfd fds[2] = {{stop_.fd(), POLLIN, 0}, {watcher_->fd(), POLLIN, 0}};
-            int n = ::poll(fds, 2, !watcher_->watching() ? rearmMillis : releasePending_ ? releaseMillis : -1);
+            pollfd fds[3] = {{stop_.fd(), POLLIN, 0}, {watcher_->fd(), POLLIN, 0}, {reread_.fd(), POLLIN, 0}};
+            int n = ::poll(fds, 3, !watcher_->watching() ? rearmMillis : releasePending_ ? releaseMillis : -1);
             if (n < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
             if (fds[0].revents) return;
+            if (n > 0 && fds[2].revents) {
+                reread_.drain();
+                // Without a watched directory the reload follows once it is back.
+                if (watcher_->watching()) reload(IfMissing::sayRemoved);
+            }
             if (n == 0 && releasePending_) {
                 // Idle since the last reload: hand what it released back to the system. Reloads
                 // in quick succession reuse that memory instead.

@@ -52,6 +52,8 @@ public:
     int eventFd() const noexcept override { return wake_.fd(); }
     std::vector<SourceEvent> take() override;
     SourceHealth health() const override;
+    // Reads the file again (a missing file is said, as when it is removed).
+    void reread() override { reread_.signal(); }
 
     const std::string& path() const noexcept { return path_; }
 
@@ -71,6 +73,7 @@ private:
     std::string name_;                  // file name inside it
     EventFd wake_;                      // worker -> loop
     EventFd stop_;                      // stop() -> worker
+    EventFd reread_;                    // reread() -> worker
     std::thread worker_;
     bool loadedInitial_ = false;
 

@@ -215,6 +215,10 @@ public:
     // True while a resync or a unit's properties are still being read.
     bool busy() const noexcept { return !outstanding_.empty() || !queued_.empty() || listing_; }
     void refresh();
+    // Reads every unit again (when connected).
+    void resyncNow() {
+        if (bus_) resync();
+    }
 
     int fd() const { return bus_ ? sd_bus_get_fd(bus_) : -1; }
     short events() const { return bus_ ? static_cast<short>(sd_bus_get_events(bus_)) : 0; }
@@ -875,13 +879,18 @@ void SystemdSource::run() {
         if (!bus_->hasBus()) until(retryAt);
         if (int t = bus_->timeoutMs(); t >= 0) timeout = timeout < 0 ? t : std::min(timeout, t);
 
-        pollfd fds[2] = {{stop_.fd(), POLLIN, 0}, {bus_->fd(), bus_->events(), 0}};
-        int n = ::poll(fds, bus_->hasBus() ? 2 : 1, timeout);
+        pollfd fds[3] = {{stop_.fd(), POLLIN, 0}, {reread_.fd(), POLLIN, 0}, {bus_->fd(), bus_->events(), 0}};
+        int n = ::poll(fds, bus_->hasBus() ? 3 : 2, timeout);
         if (n < 0 && errno != EINTR) {
             say(Severity::error, std::string("poll: ") + std::strerror(errno) + "; stopped following systemd");
             return;
         }
         if (n > 0 && (fds[0].revents & POLLIN)) return;
+        if (n > 0 && (fds[1].revents & POLLIN)) {
+            reread_.drain();
+            if (bus_->hasBus()) bus_->resyncNow();
+            else retryAt = Clock::now();
+        }
     }
 }
 

@@ -89,6 +89,8 @@ public:
     int eventFd() const noexcept override { return wake_.fd(); }
     std::vector<SourceEvent> take() override;
     SourceHealth health() const override;
+    // Reads every unit again, or tries the bus again at once while it is unreachable.
+    void reread() override { reread_.signal(); }
 
     const std::string& busAddress() const noexcept { return address_; }
     // Daemons handed over (those being served, once taken), and matching units not served
@@ -110,6 +112,7 @@ private:
     std::string address_;
     EventFd wake_;                      // worker -> loop
     EventFd stop_;                      // stop() -> worker
+    EventFd reread_;                    // reread() -> worker
     std::thread worker_;
     bool loadedInitial_ = false;
     std::unique_ptr<Worker> bus_;       // the connection and what is known of the units

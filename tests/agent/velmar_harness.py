@@ -87,14 +87,14 @@ def write_state(path, state):
 class Process:
     """A server process started with a ready line on standard output."""
 
-    def __init__(self, argv, ready_text, env=None, timeout=15.0, ready=None):
+    def __init__(self, argv, ready_text, env=None, timeout=15.0, ready=None, cwd=None):
         """With ready_text None, ready is a callable polled until it returns true (for
         servers that print nothing when they are ready)."""
         self.argv = argv
         self.stderr_lines = []
         self.stdout_lines = []
         self.proc = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                     env=env, text=True, errors="replace")
+                                     env=env, cwd=cwd, text=True, errors="replace")
         self._ready = threading.Event()
         self._threads = [threading.Thread(target=self._pump, args=(self.proc.stdout, self.stdout_lines, ready_text), daemon=True),
                          threading.Thread(target=self._pump, args=(self.proc.stderr, self.stderr_lines, None), daemon=True)]
@@ -172,14 +172,14 @@ class Process:
 class Agent(Process):
     """velmar-snmp-agent in master mode on a free UDP port of 127.0.0.1."""
 
-    def __init__(self, state_file, extra=(), port=None, binary=None, listen=None, env=None):
+    def __init__(self, state_file, extra=(), port=None, binary=None, listen=None, env=None, cwd=None):
         self.port = port or free_port()
         self.listen = listen or ["udp:127.0.0.1:%d" % self.port]
         argv = [binary or AGENT, "--state", state_file]
         for l in self.listen:
             argv += ["--listen", l]
         argv += list(extra)
-        super().__init__(argv, "serving", env=env)
+        super().__init__(argv, "serving", env=env, cwd=cwd)
 
 
 SNMPD = os.environ.get("VELMAR_SNMPD", "/usr/sbin/snmpd")
@@ -257,6 +257,41 @@ def udp_answers(port, community="public", timeout=0.2):
             return len(s.recv(65535)) > 0
         except OSError:  # timeout, or refused while nothing listens yet
             return False
+
+
+def _ber_read(data, pos):
+    """(tag, payload, next position) of the BER element at pos (definite lengths only)."""
+    tag, n = data[pos], data[pos + 1]
+    pos += 2
+    if n & 0x80:
+        size = n & 0x7F
+        n = int.from_bytes(data[pos:pos + size], "big")
+        pos += size
+    return tag, data[pos:pos + n], pos + n
+
+
+def v3_discover(port, timeout=2.0):
+    """(engine ID, engine boots, engine time) that the agent on 127.0.0.1:port reports to an
+    SNMPv3 discovery request (RFC 3414 4: an unauthenticated, reportable request with an
+    empty engine ID, answered by a Report)."""
+    usm = _ber(0x30, _ber(0x04, b"") + _ber_int(0) + _ber_int(0) + _ber(0x04, b"") + _ber(0x04, b"") + _ber(0x04, b""))
+    header = _ber(0x30, _ber_int(0x5EED) + _ber_int(65507) + _ber(0x04, b"\x04") + _ber_int(3))
+    pdu = _ber(0xA0, _ber_int(0x5EED) + _ber_int(0) + _ber_int(0) + _ber(0x30, b""))
+    scoped = _ber(0x30, _ber(0x04, b"") + _ber(0x04, b"") + pdu)
+    message = _ber(0x30, _ber_int(3) + header + _ber(0x04, usm) + scoped)
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+        s.settimeout(timeout)
+        s.sendto(message, ("127.0.0.1", port))
+        reply = s.recv(65535)
+    _, body, _ = _ber_read(reply, 0)
+    _, _, pos = _ber_read(body, 0)              # msgVersion
+    _, _, pos = _ber_read(body, pos)            # msgGlobalData
+    _, params, _ = _ber_read(body, pos)         # msgSecurityParameters
+    _, seq, _ = _ber_read(params, 0)
+    _, engine_id, pos = _ber_read(seq, 0)
+    _, boots, pos = _ber_read(seq, pos)
+    _, etime, pos = _ber_read(seq, pos)
+    return bytes(engine_id), int.from_bytes(boots, "big"), int.from_bytes(etime, "big")
 
 
 class TempDir:
