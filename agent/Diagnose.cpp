@@ -13,6 +13,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -32,7 +33,8 @@ std::vector<std::string> NetSnmpComplaints::aboutFile(const std::string& path) c
     std::vector<std::string> out;
     const std::string prefix = path + ": line ";
     for (const auto& l : lines_)
-        if (l.rfind(prefix, 0) == 0) out.push_back(l);
+        // Net-SNMP reads the file in more than one pass and may say the same thing twice.
+        if (l.rfind(prefix, 0) == 0 && std::find(out.begin(), out.end(), l) == out.end()) out.push_back(l);
     return out;
 }
 

@@ -5,7 +5,7 @@
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 #include <net-snmp/agent/agent_sysORTable.h>
 
-#include <vector>
+#include <fstream>
 
 #ifndef VELMAR_ENTERPRISE_NUMBER
 #error "VELMAR_ENTERPRISE_NUMBER must be defined by the build"
@@ -29,13 +29,6 @@ namespace {
 oid daemonMibOid[] = {1, 3, 6, 1, 4, 1, VELMAR_ENTERPRISE_NUMBER, 3, 17};
 bool daemonMibListed = false;
 
-// Hands one configuration line to the handler registered for its token, as if read from
-// a file (the token's handler copies what it keeps).
-void configure(const std::string& line) {
-    std::vector<char> buffer(line.begin(), line.end());
-    buffer.push_back('\0');
-    netsnmp_config(buffer.data());
-}
 
 } // namespace
 
@@ -44,14 +37,16 @@ const std::string& agentObjectIdText() {
     return text;
 }
 
-void initSystemGroup(const std::string& description) {
+void initSystemGroup(const std::string& description, const std::filesystem::path& configDir) {
     init_system_mib();
     init_sysORTable();
     init_snmpEngine();
     init_snmpMPDStats();
     init_usmStats();
-    configure("sysdescr " + description);
-    configure("sysobjectid " + agentObjectIdText());
+    // The defaults as a configuration file of the search path: Net-SNMP reads it before
+    // the optional file (--config), whose directives then win.
+    std::ofstream(configDir / "velmar-snmp-agent.conf") << "sysdescr " << description << "\n"
+                                                         << "sysobjectid " << agentObjectIdText() << "\n";
     register_sysORTable(daemonMibOid, OID_LENGTH(daemonMibOid),
                         "VELMAR-DAEMON-MIB: the launcher's daemons, their configuration and status");
     daemonMibListed = true;

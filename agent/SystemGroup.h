@@ -5,7 +5,7 @@
 // MaxMessageSize) and the SNMPv3 statistics (snmpMPDStats, usmStats).
 //
 //   init_agent("velmar-snmp-agent");
-//   Agent::initSystemGroup("velmar-snmp-agent 1.0 ...");   // before init_snmp
+//   Agent::initSystemGroup("velmar-snmp-agent 1.0 ...", privateConfigDir);   // before init_snmp
 //   init_snmp("velmar-snmp-agent");                          // reads sysLocation etc.
 //   ...
 //   Agent::shutdownSystemGroup();                            // before snmp_shutdown
@@ -16,13 +16,16 @@
 // the defaults set here.
 #pragma once
 
+#include <filesystem>
 #include <string>
 
 namespace Agent {
 
-// Registers the objects and sets sysDescr to description and sysObjectID to the agent's
-// own OID (velmarSnmpAgent). Call once, after init_agent and before init_snmp.
-void initSystemGroup(const std::string& description);
+// Registers the objects, and makes sysDescr description and sysObjectID the agent's own
+// OID (velmarSnmpAgent) by writing them into velmar-snmp-agent.conf in configDir, the
+// private directory that is Net-SNMP's configuration search path. Call once, after
+// init_agent and before init_snmp.
+void initSystemGroup(const std::string& description, const std::filesystem::path& configDir);
 
 // Withdraws the daemon MIB's sysORTable entry and frees the table.
 void shutdownSystemGroup();

@@ -258,7 +258,7 @@ int main(int argc, char** argv) {
     if (subagent) netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL, opts.agentxPing);
     if (!subagent) {
         // The system group and the engine's objects; a master of a subagent has its own.
-        Agent::initSystemGroup(systemDescription());
+        Agent::initSystemGroup(systemDescription(), dir.path);
         init_vacm_conf();
     }
     init_snmp(appName);

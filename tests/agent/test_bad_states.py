@@ -72,7 +72,7 @@ class BadStateTest(unittest.TestCase):
     # --- helpers ------------------------------------------------------------------------
 
     def feed_lines(self, mark):
-        return [l for l in self.agent.stderr_lines[mark:] if l.startswith(self.prefix)]
+        return [l for l in self.agent.stderr_lines[mark:] if self.prefix in l]
 
     def wait_feed_line(self, mark, timeout=LINE_TIMEOUT):
         deadline = time.time() + timeout
@@ -266,7 +266,7 @@ class BadStateTest(unittest.TestCase):
                                                              sum("invalid JSON" in l for l in lines)), file=sys.stderr)
         # Every line of the feed in the burst is an applied file or a refused one.
         for line in lines:
-            rest = line[len(self.prefix):]
+            rest = line.split(self.prefix, 1)[1]
             self.assertTrue(rest.startswith("applied ") or "invalid JSON" in rest, line)
 
 
