@@ -86,7 +86,7 @@ class DefaultListenTest(unittest.TestCase):
             h.write_state(path, STATE)
             a = h.Process([h.AGENT, "--state", path], "serving")
             try:
-                self.assertIn("on udp:127.0.0.1:1161,udp6:[::1]:1161", a.stdout_lines[0])
+                self.assertIn("on udp:127.0.0.1:1161,udp6:[::1]:1161", a.wait_stderr("serving") or a.stderr())
                 oid = h.expected_rows(STATE)["enabled"][0][0]
                 for target in ("udp:127.0.0.1:1161", "udp6:[::1]:1161"):
                     rc, out, err = h.run_tool("snmpget", ["-v2c", "-c", "public", "-On", "-r", "1", "-t", "3", target,

@@ -324,6 +324,66 @@ class RefusalTest(Fixture):
         self.assertIn("cannot listen on udp:127.0.0.1:161: permission denied", p.stderr)
 
 
+class SymlinkTest(Fixture):
+    def wait_options(self, port, state, timeout=10):
+        expected = h.expected_rows(state)["option"]
+        deadline = time.time() + timeout
+        got = None
+        while time.time() < deadline:
+            got = h.walk(port, h.TABLES["option"][0])
+            if got == expected:
+                return
+            time.sleep(0.1)
+        self.assertEqual(got, expected)
+
+    def state_with(self, asn):
+        s = json.loads(json.dumps(STATE))
+        s["daemons"]["bgpd"]["config"]["options"]["asn"] = asn
+        return s
+
+    def test_state_file_given_as_a_symlink_follows_its_target(self):
+        # The link in one directory, its target in another (as a release directory would).
+        real_dir = self.tmp.file("releases")
+        os.mkdir(real_dir)
+        target = os.path.join(real_dir, "state-1.json")
+        h.write_state(target, self.state_with("1"))
+        link = self.tmp.file("current.json")
+        os.symlink(target, link)
+        port = h.free_port()
+        agent = h.Agent(link, port=port)
+        self.addCleanup(agent.stop)
+        self.wait_options(port, self.state_with("1"))
+
+        # The target replaced by rename in its own directory.
+        h.write_state(target, self.state_with("2"))
+        self.wait_options(port, self.state_with("2"))
+
+        # The target rewritten in place.
+        with open(target, "w") as f:
+            json.dump(self.state_with("3"), f)
+        self.wait_options(port, self.state_with("3"))
+
+        # The link pointed elsewhere (a new link renamed over it), then that target rewritten.
+        other = os.path.join(real_dir, "state-2.json")
+        h.write_state(other, self.state_with("4"))
+        tmp_link = self.tmp.file("current.json.new")
+        os.symlink(other, tmp_link)
+        os.rename(tmp_link, link)
+        self.wait_options(port, self.state_with("4"))
+        h.write_state(other, self.state_with("5"))
+        self.wait_options(port, self.state_with("5"))
+        # The old target no longer counts.
+        h.write_state(target, self.state_with("6"))
+        time.sleep(0.5)
+        self.wait_options(port, self.state_with("5"), timeout=1)
+
+        # The link removed and made again in one step (ln -sf), to the first target.
+        os.unlink(link)
+        os.symlink(target, link)
+        self.wait_options(port, self.state_with("6"))
+        self.assertTrue(agent.alive())
+
+
 class CheckTest(Fixture):
     def test_good_state_and_config(self):
         conf = self.config("rocommunity public 127.0.0.1\nsyslocation Rack 7\n")

@@ -371,7 +371,10 @@ def walk(port, subtree, bulk=True, max_rep=10, community="public", extra=()):
     rc, out, err = run_tool(tool, args)
     if rc != 0:
         raise RuntimeError("%s failed (%d): %s" % (tool, rc, err))
-    return parse_tool_output(out)
+    # When nothing lies inside the subtree, the tools GET the subtree's own OID: that
+    # answer is no row.
+    return [(o, v) for o, v in parse_tool_output(out)
+            if not (o == tuple(subtree) and isinstance(v, str) and v.startswith("No Such "))]
 
 
 def get(port, oids, community="public", tool="snmpget", extra=()):
