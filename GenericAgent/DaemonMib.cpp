@@ -3,6 +3,7 @@
 #include "GenericAgentSnmp.h"
 
 #include "orbel/Entity.h"
+#include "orbel/ObserverDelivery.h"
 
 #include <algorithm>
 #include <vector>
@@ -86,32 +87,11 @@ struct DataTable {
     static void deliver(DaemonMib::NotifieeConst& n, const Key& k) { n.onDataTable(k); }
 };
 
-// Calls f on every registered observer of m, in registration order, through a snapshot
-// that holds a reference to each; an observer released by everyone else meanwhile is
-// skipped. A throw from f is reported to that observer as onNotificationException(id).
+// Calls f on every registered observer of m (Orbel::deliverToObservers: in registration
+// order, failures contained).
 template <class F>
 void forEachObserver(DaemonMib& m, Orbel::AttributeId id, F&& f) {
-    auto& list = DaemonMibAccess::list(m);
-    if (list.count() == 0) return;
-    std::vector<Orbel::Ptr<DaemonMib::NotifieeConst>> snapshot;
-    snapshot.reserve(list.count());
-    for (auto* n = list.first(); n; n = list.next(n)) snapshot.emplace_back(n);
-    for (auto& n : snapshot) {
-        if (n->references() == 1) {  // only the snapshot holds it: released meanwhile
-            n = nullptr;
-            continue;
-        }
-        try {
-            f(*n);
-        } catch (...) {
-            try {
-                n->onNotificationException(id);
-            } catch (...) {
-                // An observer's exception handler is not allowed to stop delivery either.
-            }
-        }
-        n = nullptr;
-    }
+    Orbel::deliverToObservers<DaemonMib::NotifieeConst>(DaemonMibAccess::list(m), id, std::forward<F>(f));
 }
 
 template <class T>

@@ -82,7 +82,7 @@ void build(CLI::App& app, AgentOptions& o) {
     app.add_option("--state", o.stateFile, "The launcher state file (JSON), watched for changes (required)");
     app.add_option("--config", o.configFile,
                    "Access configuration in Net-SNMP snmpd.conf syntax (rocommunity, createUser, rouser, view, "
-                   "access...); default: read-only community public from 127.0.0.1 (and ::1) only");
+                   "access...) and notification sinks (trap2sink, informsink, trapsess); default: read-only community public from 127.0.0.1 (and ::1) only");
     app.add_option("--persistent-dir", o.persistentDir,
                    "Directory for Net-SNMP's persistent files (v3 engine boots); default: a private temporary one");
     app.add_option("--context", o.contexts,
@@ -92,6 +92,16 @@ void build(CLI::App& app, AgentOptions& o) {
     app.add_option("--trace", o.trace,
                    "Trace levels per facility, e.g. Snmp/0-2,8 or Snmp/* (the TRACE variable does the same; lines go "
                    "to standard error or to the file named by TRACEFILE)");
+    app.add_option("--notify-holddown", o.notifyHolddownMs,
+                   "Milliseconds a daemon's further changes are held after a notification about it; at the end its "
+                   "current state is sent if it differs from what was sent (0: no hold-down)")
+        ->check(CLI::Range(0, 3600000))
+        ->default_val(1000);
+    app.add_option("--notify-rate", o.notifyRate,
+                   "Notifications sent per second at most, all daemons together; the rest wait, one per daemon with "
+                   "its latest state")
+        ->check(CLI::Range(1, 1000000))
+        ->default_val(100);
     app.add_option("--debug", o.debug, "Net-SNMP debug tokens, e.g. VelmarDaemonMIB,trace");
     app.add_option("--log", o.log,
                    "Where every log line goes, Net-SNMP's included: stderr (with timestamps and levels), journal "

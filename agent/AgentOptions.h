@@ -19,6 +19,8 @@ struct AgentOptions {
     std::string debug;                 // Net-SNMP debug tokens
     std::string log = "auto";          // log destination: auto, stderr, journal, syslog, file:PATH
     bool check = false;                // validate source and configuration, print, exit
+    int notifyHolddownMs = 1000;       // per daemon: changes after a notification held this long
+    int notifyRate = 100;              // notifications per second, all daemons together
 };
 
 // Parses argv into opts and fills defaults. Returns -1 to go on, or the exit code when

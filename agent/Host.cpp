@@ -67,6 +67,7 @@ void Host::loadModule(const std::string& modulePath, const std::vector<std::stri
     module->initContext("");
     for (const auto& c : contexts) module->initContext(Orbel::String8(c));
     module_ = std::move(module);
+    if (feed_ && !health_) health_ = std::make_unique<FeedHealthMib>(*feed_);
     if (!replyLimit_) replyLimit_ = std::make_unique<ReplySizeLimit>();
 }
 
@@ -124,6 +125,7 @@ void Host::stopServing() {
         activityFd_ = -1;
     }
     replyLimit_.reset();
+    health_.reset();
     // Contexts are withdrawn while the module is loaded: Net-SNMP frees the registrations
     // it still holds only afterwards, and only after that may the module go.
     if (module_)

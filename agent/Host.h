@@ -21,6 +21,7 @@
 // The host knows sources only through Feed::Source.
 #pragma once
 
+#include "FeedHealthMib.h"
 #include "ReplySize.h"
 
 #include "feed/core/StateFeed.h"
@@ -52,7 +53,8 @@ public:
     void loadState(std::unique_ptr<Feed::Source> source);
 
     // Loads the module library and initialises it in the default context and then in each
-    // of contexts, and keeps every reply of the agent within what its transport carries
+    // of contexts, serves the feed's health beside it (FeedHealthMib, default context, when
+    // state is loaded), and keeps every reply of the agent within what its transport carries
     // (ReplySizeLimit). Needs Net-SNMP's agent library initialised (handlers are registered).
     // Throws Orbel::Exception when the library cannot be loaded; nothing stays loaded
     // then. Precondition: no module loaded yet (std::logic_error otherwise).
@@ -72,7 +74,8 @@ public:
     void runActivitiesFromSelectLoop();
 
     // Stops the source, takes the feed's and the activity loop's descriptors out of the
-    // select loop, removes the reply size limit, and withdraws the module from every
+    // select loop, removes the reply size limit and the feed's health objects, and
+    // withdraws the module from every
     // context (the library stays loaded,
     // so that Net-SNMP may still free what it holds of it). Safe to repeat.
     void stopServing();
@@ -96,6 +99,7 @@ private:
     std::unique_ptr<Feed::StateFeed> feed_;
     std::unique_ptr<Snmp::ModuleLoader> module_;
     std::unique_ptr<ReplySizeLimit> replyLimit_;
+    std::unique_ptr<FeedHealthMib> health_;
     bool feedRegistered_ = false;
     int activityFd_ = -1;   // wake-up eventfd of the activity loop (runActivitiesFromSelectLoop)
 };

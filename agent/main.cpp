@@ -11,6 +11,7 @@
 #include "Readiness.h"
 #include "Served.h"
 #include "SystemGroup.h"
+#include "agent/notify/Notifier.h"
 
 #include "feed/file/FileSource.h"
 
@@ -28,6 +29,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -234,6 +236,7 @@ int main(int argc, char** argv) {
     netsnmp_set_mib_directory(dir.path.c_str());  // the agent itself loads no MIB files
     setenv("MIBS", "", 1);
     netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DONT_LOG_TCPWRAPPERS_CONNECTS, 1);
+    netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG, 1);  // alarms from the loop
     if (!opts.debug.empty()) {
         debug_register_tokens(opts.debug.c_str());
         snmp_set_do_debugging(1);
@@ -343,6 +346,11 @@ int main(int argc, char** argv) {
         return 1;
     }
 
+    // After the initial load: the state as loaded is what receivers are taken to know.
+    Agent::Notifier notifier(host.mib(), {std::chrono::milliseconds(opts.notifyHolddownMs), unsigned(opts.notifyRate)},
+                             [](const std::string& line) { logLine(Level::notice, line); });
+    notifier.start();
+
     // A subagent serves only once its master has its registrations: until then (and
     // whenever the master is gone) it says it is waiting.
     bool registered = false;
@@ -378,6 +386,7 @@ int main(int argc, char** argv) {
     Agent::Readiness::stopping();
     logLine(Level::notice, "stopping");
 
+    notifier.stop();
     unregister_readfd(signalPipe[0]);
     servingHost = nullptr;
     // The feed stops and the module leaves every context while it is loaded; the agent

@@ -344,12 +344,53 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     return 0;
 }
 
+// The parse that skips bad daemon entries: what it keeps is within the limits and reads
+// back the same; when the strict parse accepted the file, it keeps all of it and skips
+// nothing; every skipped entry has a message with the file prefix, and none of its names
+// is kept.
+void checkSkipping(const Fuzz::Case& c, const std::optional<LauncherState>& strict) {
+    Feed::SkippedDaemons skipped;
+    LauncherState kept;
+    try {
+        kept = Feed::parseState(c.bytes(), fileName, skipped);
+    } catch (const Feed::StateError& e) {
+        checkRefusal(c, e);
+        c.check(!strict, "a file accepted whole is refused when bad entries may be skipped", e.what());
+        return;
+    }
+    if (strict) {
+        c.check(kept == *strict, "the skipping parse keeps other daemons than the strict one", "");
+        c.check(skipped.empty(), "a file accepted whole has skipped entries", skipped.empty() ? "" : skipped[0].message);
+    }
+    const std::string prefix = "state file " + fileName + ": daemon ";
+    for (const Feed::SkippedDaemon& d : skipped) {
+        c.check(d.message.compare(0, prefix.size(), prefix) == 0, "a skipped entry's message does not name the daemon",
+                d.message);
+        c.check(d.message.find('\n') == std::string::npos, "a skipped entry's message spans lines", d.message);
+        c.check(kept.count(d.name) == 0, "a skipped daemon is kept", d.name);
+    }
+    checkLimits(c, kept);
+    checkReparse(c, kept, false);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const int initialised = LLVMFuzzerInitialize(nullptr, nullptr);
     (void)initialised;
     Fuzz::Case c(data, size);
+    struct Skipping {
+        const Fuzz::Case& c;
+        std::optional<LauncherState>& strict;
+        ~Skipping() {
+            try {
+                checkSkipping(c, strict);
+            } catch (const std::exception& e) {
+                c.finding("the skipping parse raised something that is not Feed::StateError", e.what());
+            }
+        }
+    };
 
     std::optional<LauncherState> state;
+    Skipping skipping{c, state};   // checked last, whatever the strict parse did
     try {
         state = Feed::parseState(c.bytes(), fileName);
     } catch (const Feed::StateError& e) {

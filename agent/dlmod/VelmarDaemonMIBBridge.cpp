@@ -30,6 +30,7 @@
 // SIGHUP makes snmpd unload every dlmod library and read its configuration again, which
 // loads this one afresh: the settings are read again and the state file loaded anew.
 #include "agent/Host.h"
+#include "agent/notify/Notifier.h"
 #include "feed/file/FileSource.h"
 
 #include "orbel/Exception.h"
@@ -72,6 +73,7 @@ struct Settings {
 struct Bridge {
     Settings settings;
     std::unique_ptr<Agent::Host> host;
+    std::unique_ptr<Agent::Notifier> notifier;   // through snmpd's sinks
     std::string modulePath;                   // the module the host loaded
     std::optional<std::string> traceBefore;   // the trace configuration velmarTrace replaced
     bool withdrawn = false;                   // directives and callbacks are unregistered
@@ -204,6 +206,7 @@ std::vector<netsnmp_handler_registration*> registrationsInto(const std::string& 
 // the module's code is removed here, before the code goes.
 void stopServing(bool announce = true) {
     if (!bridge || !bridge->host) return;
+    bridge->notifier.reset();
     bridge->host->stopServing();
     if (!bridge->modulePath.empty()) {
         const auto left = registrationsInto(bridge->modulePath);
@@ -280,6 +283,11 @@ void startServing() {
         stopServing(false);
         return;
     }
+
+    // After the initial load: the state as loaded is what receivers are taken to know.
+    bridge->notifier = std::make_unique<Agent::Notifier>(host.mib(), Agent::NotifyScheduler::Settings{},
+                                                         [](const std::string& line) { logLine(LOG_NOTICE, line); });
+    bridge->notifier->start();
 
     std::string contexts;
     for (const auto& c : s.contexts) contexts += (contexts.empty() ? "" : ", ") + c;

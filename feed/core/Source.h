@@ -55,10 +55,13 @@ const char* stateText(SourceState state);
 // A source's health, for logs and for monitoring the feed itself.
 struct SourceHealth {
     SourceState state = SourceState::notLoaded;
-    std::uint64_t reloads = 0;                          // reads accepted (changed or not)
+    std::uint64_t reloads = 0;                          // reads accepted (changed or not), partial ones too
     std::uint64_t refused = 0;                          // reads refused
     std::chrono::system_clock::time_point lastRead{};   // of the last accepted read; epoch: none
     std::string lastRefusal;                            // the last refusal's line; empty: none
+    std::uint64_t skipped = 0;                          // daemon entries left out of accepted reads
+    std::uint64_t skippedNow = 0;                       // of them, in the last accepted read
+    std::string lastSkip;                               // the last skipped entry's line; empty: none
 };
 
 class Source {

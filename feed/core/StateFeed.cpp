@@ -32,6 +32,11 @@ void StateFeed::stop() { source_->stop(); }
 
 std::size_t StateFeed::handleEvent() { return drain(false); }
 
+std::size_t StateFeed::rows() const noexcept {
+    const GenericAgent::DaemonMib& mib = *applier_.mib();
+    return mib.enabledTable().size() + mib.optionTable().size() + mib.runningTable().size() + mib.dataTable().size();
+}
+
 std::size_t StateFeed::drain(bool initial) {
     std::size_t applied = 0;
     std::size_t keys = 0;
@@ -53,7 +58,10 @@ std::size_t StateFeed::drain(bool initial) {
                 ++applied;
                 lastChange_ = std::chrono::system_clock::now();
                 keys += diff.keys();
-                if (log_) log_(Severity::info, source_->description() + ": " + diff.summary());
+                if (log_)
+                    log_(Severity::info, source_->description() + ": " + diff.summary() + "; serving " +
+                                             std::to_string(daemons()) + (daemons() == 1 ? " daemon, " : " daemons, ") +
+                                             std::to_string(rows()) + (rows() == 1 ? " row" : " rows"));
             }
             event.changed.reset();
         }

@@ -10,8 +10,9 @@
 //
 // Each batch of daemons that a source says changed is diffed against what is served and
 // only the difference is applied (see StateApplier), so applying costs time in proportion
-// to the change, not to the number of daemons. An applied difference is logged as
-//   <source description>: applied 5 changes (daemons: 1 added, 0 removed; rows: 4 added, 1 removed; 0 changed in place)
+// to the change, not to the number of daemons. An applied difference is logged with what
+// is served after it:
+//   <source description>: applied 5 changes (daemons: 1 added, 0 removed; rows: 4 added, 1 removed; 0 changed in place); serving 3 daemons, 12 rows
 // a difference that turns out empty is not logged; the source's own lines are logged as
 // they come.
 //
@@ -64,6 +65,9 @@ public:
     std::uint64_t applies() const noexcept { return applies_; }
     // When a difference was last applied; epoch: never.
     std::chrono::system_clock::time_point lastChange() const noexcept { return lastChange_; }
+    // Daemons served, and rows of the four tables served.
+    std::size_t daemons() const noexcept { return applier_.daemons(); }
+    std::size_t rows() const noexcept;
 
     Source& source() const noexcept { return *source_; }
     // What is being served.

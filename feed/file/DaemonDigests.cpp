@@ -5,7 +5,6 @@
 #include <xxhash.h>
 
 #include <algorithm>
-#include <numeric>
 #include <utility>
 
 namespace Feed {
@@ -50,26 +49,46 @@ bool DaemonDigests::sieve(const std::string& name, const DaemonState& daemon) {
     return !same;
 }
 
-ChangedDaemons DaemonDigests::commit(LauncherState& next) {
+bool DaemonDigests::known(const std::string& name) const {
+    auto it = std::lower_bound(known_.begin(), known_.end(), name,
+                               [](const Entry& e, const std::string& n) { return e.name < n; });
+    return it != known_.end() && it->name == name;
+}
+
+ChangedDaemons DaemonDigests::commit(LauncherState& next, const std::vector<std::string>& kept) {
+    auto isKept = [&](const std::string& name) { return std::binary_search(kept.begin(), kept.end(), name); };
     // Both the file's daemons (next, by name) and the remembered digests are in name order:
-    // what is remembered and not in next is gone.
+    // what is remembered and not in next is gone, unless its entry was skipped.
     ChangedDaemons changed;
+    std::vector<Entry> keptEntries;
+    auto goneOrKept = [&](Entry& e) {
+        if (isKept(e.name)) keptEntries.push_back(std::move(e));
+        else changed.emplace_back(std::move(e.name), std::nullopt);
+    };
     auto i = known_.begin();
     for (const auto& entry : next) {
         const std::string& name = entry.first;
-        for (; i != known_.end() && i->name < name; ++i) changed.emplace_back(std::move(i->name), std::nullopt);
+        for (; i != known_.end() && i->name < name; ++i) goneOrKept(*i);
         if (i != known_.end() && i->name == name) ++i;
     }
-    for (; i != known_.end(); ++i) changed.emplace_back(std::move(i->name), std::nullopt);
+    for (; i != known_.end(); ++i) goneOrKept(*i);
 
-    std::vector<std::size_t> order(reading_.size());
-    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::vector<std::size_t> order;
+    order.reserve(reading_.size());
+    for (std::size_t k = 0; k < reading_.size(); ++k)
+        if (!isKept(reading_[k].name)) order.push_back(k);
     std::sort(order.begin(), order.end(), [&](std::size_t x, std::size_t y) { return reading_[x].name < reading_[y].name; });
     std::vector<Entry> sorted;
-    sorted.reserve(order.size());
+    sorted.reserve(order.size() + keptEntries.size());
     for (std::size_t k : order) {
         if (differs_[k]) changed.emplace_back(reading_[k].name, std::move(next.at(reading_[k].name)));
         sorted.push_back(std::move(reading_[k]));
+    }
+    if (!keptEntries.empty()) {
+        const auto middle = sorted.insert(sorted.end(), std::make_move_iterator(keptEntries.begin()),
+                                          std::make_move_iterator(keptEntries.end()));
+        std::inplace_merge(sorted.begin(), middle, sorted.end(),
+                           [](const Entry& x, const Entry& y) { return x.name < y.name; });
     }
     std::sort(changed.begin(), changed.end(), [](const auto& x, const auto& y) { return x.first < y.first; });
     known_ = std::move(sorted);

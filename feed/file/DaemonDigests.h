@@ -5,8 +5,8 @@
 //   Feed::DaemonDigests digests;
 //   digests.remember(firstState);
 //   digests.beginReload();
-//   LauncherState next = loadStateFile(path, path, [&](auto& n, auto& d) { return digests.sieve(n, d); });
-//   Feed::ChangedDaemons changed = digests.commit(next);   // or abandon() when refused
+//   LauncherState next = loadStateFile(path, path, [&](auto& n, auto& d) { return digests.sieve(n, d); }, skipped);
+//   Feed::ChangedDaemons changed = digests.commit(next, skippedNames);   // or abandon() when refused
 //
 // A digest is XXH3's 128-bit hash of the daemon's flags byte (hasConfig 1, enabled 2,
 // hasStatus 4, running 8), then of the options and then the data, each as a count followed
@@ -36,15 +36,19 @@ public:
     // it differs from the remembered one (or the daemon is new).
     bool sieve(const std::string& name, const DaemonState& daemon);
     // The file was accepted. next is what the reader kept: the daemons that differ whole,
-    // the others by name only. Returns the daemons that changed, in name order, as next
-    // has them (moved out of it), and the remembered ones now in the file no longer (none);
-    // remembers the file's digests from now on.
-    ChangedDaemons commit(LauncherState& next);
+    // the others by name only. kept names the daemons whose entries were skipped (sorted,
+    // unique): they count as unchanged, keep their remembered digest, and whatever the
+    // sieve saw of them is forgotten. Returns the daemons that changed, in name order, as
+    // next has them (moved out of it), and the remembered ones now in the file no longer
+    // and not kept (none); remembers the file's digests from now on.
+    ChangedDaemons commit(LauncherState& next, const std::vector<std::string>& kept = {});
     // The file was refused: the remembered digests stay.
     void abandon();
 
     // Daemons remembered.
     std::size_t size() const noexcept { return known_.size(); }
+    // A daemon of that name is remembered (it is served).
+    bool known(const std::string& name) const;
 
 private:
     struct Digest {

@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <stdexcept>
@@ -20,6 +21,8 @@ namespace {
 constexpr int rearmMillis = 200;
 // How long the worker waits after a reload before it hands released memory back.
 constexpr int releaseMillis = 1000;
+// Lines about skipped daemon entries per read; the rest are counted in one more line.
+constexpr std::size_t maxSkipLines = 20;
 
 std::string errnoText(int e) { return std::error_code(e, std::generic_category()).message(); }
 
@@ -47,11 +50,42 @@ void FileSource::post(SourceEvent event) {
     wake_.signal();
 }
 
-void FileSource::accepted() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++health_.reloads;
-    health_.state = SourceState::ok;
-    health_.lastRead = std::chrono::system_clock::now();
+void FileSource::accepted(const SkippedDaemons& skipped) {
+    SourceState was;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        was = health_.state;
+        ++health_.reloads;
+        health_.state = SourceState::ok;
+        health_.lastRead = std::chrono::system_clock::now();
+        health_.skippedNow = skipped.size();
+        health_.skipped += skipped.size();
+        if (!skipped.empty()) health_.lastSkip = skipLine(skipped.back());
+    }
+    // After the changes (queued by the caller): "recovered" follows "applied".
+    if (was == SourceState::refused || was == SourceState::gone)
+        recoveredFrom_ = was;
+}
+
+std::string FileSource::skipLine(const SkippedDaemon& d) const {
+    return d.message + (d.indexable && digests_.known(d.name) ? "; serving its last good state" : "; not served");
+}
+
+void FileSource::saySkipped(const SkippedDaemons& skipped) {
+    std::size_t n = 0;
+    for (const SkippedDaemon& d : skipped) {
+        if (++n > maxSkipLines) {
+            say(Severity::warning, std::to_string(skipped.size() - maxSkipLines) + " more daemon entries skipped");
+            break;
+        }
+        post({std::nullopt, Severity::warning, skipLine(d)});
+    }
+}
+
+void FileSource::sayRecovered() {
+    if (recoveredFrom_ == SourceState::notLoaded) return;
+    say(Severity::notice, std::string("recovered; it was ") + stateText(recoveredFrom_));
+    recoveredFrom_ = SourceState::notLoaded;
 }
 
 void FileSource::refusedWith(const std::string& line) {
@@ -87,13 +121,15 @@ SourceHealth FileSource::health() const {
 void FileSource::loadInitial() {
     if (worker_.joinable()) throw std::logic_error("FileSource::loadInitial: the source is started");
     LauncherState state;
+    SkippedDaemons skipped;
     try {
-        state = loadStateFile(path_);
+        state = loadStateFile(path_, skipped);
     } catch (const StateError& e) {
         refusedWith(e.what());
         throw;
     }
-    accepted();
+    accepted(skipped);
+    saySkipped(skipped);   // nothing is known yet: every skipped daemon is not served
     digests_.remember(state);
     ChangedDaemons all;
     all.reserve(state.size());
@@ -103,6 +139,7 @@ void FileSource::loadInitial() {
     }
     loadedInitial_ = true;
     post({std::move(all), Severity::info, std::string()});
+    sayRecovered();
 }
 
 void FileSource::start() {
@@ -134,22 +171,31 @@ void FileSource::reload(IfMissing ifMissing) {
     // been read; only those that differ keep their keys (see DaemonSieve).
     digests_.beginReload();
     LauncherState next;
+    SkippedDaemons skipped;
     try {
-        next = loadStateFile(file, path_, [this](const std::string& name, const DaemonState& d) {
-            return digests_.sieve(name, d);
-        });
+        next = loadStateFile(
+            file, path_, [this](const std::string& name, const DaemonState& d) { return digests_.sieve(name, d); },
+            skipped);
     } catch (const StateError& e) {
         digests_.abandon();
         refusedWith(e.what());
         post({std::nullopt, Severity::warning, e.what()});
         return;
     }
-    accepted();
-    ChangedDaemons changed = digests_.commit(next);
+    // Said while the digests still tell which skipped daemons are served.
+    accepted(skipped);
+    saySkipped(skipped);
+    std::vector<std::string> kept;
+    for (const SkippedDaemon& d : skipped)
+        if (d.indexable) kept.push_back(d.name);
+    std::sort(kept.begin(), kept.end());
+    kept.erase(std::unique(kept.begin(), kept.end()), kept.end());
+    ChangedDaemons changed = digests_.commit(next, kept);
     // What the parse took is free again once the worker is idle (see run()).
     next = LauncherState();
     releasePending_ = true;
     if (!changed.empty()) post({std::move(changed), Severity::info, std::string()});
+    sayRecovered();
 }
 
 void FileSource::run() {

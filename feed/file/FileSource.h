@@ -9,12 +9,22 @@
 // itself goes (removed, renamed or unmounted) the worker looks for it again every 200 ms
 // and reloads once it is back. Each reload reads, parses and validates the file, and
 // compares each daemon with its digest in the last accepted file (DaemonDigests); only the
-// daemons that differ are queued for the loop. A refused file changes nothing. A file that
-// is deleted and not replaced leaves the state served as it was. A reload that changes
-// nothing is counted but queues nothing.
+// daemons that differ are queued for the loop. A file refused as a whole (JSON syntax, a
+// wrong top level, unreadable) changes nothing. A file with bad daemon entries is applied
+// without them (see StateReader.h): every other daemon is applied, a skipped daemon that is
+// served keeps its last good state, and a skipped daemon that is not served yet stays
+// unserved; each skipped entry is said in one line naming the file, the daemon and the
+// item (at most 20 lines a read, then a count), and the read counts as accepted
+// (SourceHealth::skipped counts the entries). A file that is deleted and not replaced
+// leaves the state served as it was. A reload that changes nothing is counted but queues
+// nothing.
 //
 // Lines it queues (X is the path as given, D the absolute directory):
 //   state file X: <why it was refused>                                    (warning)
+//   state file X: daemon "d" <item>: <why> (line N); serving its last good state  (warning)
+//   state file X: daemon "d" <item>: <why> (line N); not served           (warning)
+//   state file X: recovered; it was refused | it was gone                 (notice; the first
+//                                                  accepted read after a refusal or a loss)
 //   state file X: removed; serving the last state until it is written again (warning)
 //   state file X: directory D is gone; serving the last state, looking for it every 200 ms (warning)
 //   state file X: cannot watch directory D: <error>; serving the last state, trying again every 200 ms (warning)
@@ -25,6 +35,7 @@
 
 #include "DaemonDigests.h"
 #include "DirectoryWatcher.h"
+#include "StateReader.h"
 
 #include "feed/core/EventFd.h"
 #include "feed/core/Source.h"
@@ -64,7 +75,10 @@ private:
     void reload(IfMissing ifMissing);
     void post(SourceEvent event);
     void say(Severity severity, const std::string& text);
-    void accepted();
+    void accepted(const SkippedDaemons& skipped);
+    std::string skipLine(const SkippedDaemon& daemon) const;
+    void saySkipped(const SkippedDaemons& skipped);
+    void sayRecovered();
     void refusedWith(const std::string& line);
     void lost(const std::string& line);
 
@@ -81,6 +95,7 @@ private:
     std::unique_ptr<DirectoryWatcher> watcher_;
     DaemonDigests digests_;
     bool releasePending_ = false;       // the worker has memory to hand back once idle
+    SourceState recoveredFrom_ = SourceState::notLoaded;   // a recovery to say, from this state
 
     mutable std::mutex mutex_;          // guards queue_ and health_
     std::deque<SourceEvent> queue_;

@@ -33,6 +33,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <set>
 #include <system_error>
 #include <utility>
 
@@ -88,28 +89,31 @@ class StateHandler {
 public:
     using Ch = char;
 
-    StateHandler(const rapidjson::StringStream& stream, std::string_view text, const DaemonSieve* sieve)
-        : stream_(stream), text_(text), sieve_(sieve) {}
+    StateHandler(const rapidjson::StringStream& stream, std::string_view text, const DaemonSieve* sieve,
+                 SkippedDaemons* skipped)
+        : stream_(stream), text_(text), sieve_(sieve), skipped_(skipped) {}
 
     LauncherState state;
     std::string error;   // without the file prefix; empty while all is well
 
-    bool Null() { return wrongType(Kind::null); }
+    bool Null() { return skipping_ ? skipScalar() : wrongType(Kind::null); }
     bool Bool(bool b) {
+        if (skipping_) return skipScalar();
         if (at_ != At::flagValue) return wrongType(Kind::boolean);
         (inConfig_ ? daemon_->enabled : daemon_->running) = b;
         at_ = At::section;
         return true;
     }
     // With kParseNumbersAsStringsFlag every number arrives here.
-    bool RawNumber(const Ch*, rapidjson::SizeType, bool) { return wrongType(Kind::number); }
-    bool Int(int) { return wrongType(Kind::number); }
-    bool Uint(unsigned) { return wrongType(Kind::number); }
-    bool Int64(std::int64_t) { return wrongType(Kind::number); }
-    bool Uint64(std::uint64_t) { return wrongType(Kind::number); }
-    bool Double(double) { return wrongType(Kind::number); }
+    bool RawNumber(const Ch*, rapidjson::SizeType, bool) { return number(); }
+    bool Int(int) { return number(); }
+    bool Uint(unsigned) { return number(); }
+    bool Int64(std::int64_t) { return number(); }
+    bool Uint64(std::uint64_t) { return number(); }
+    bool Double(double) { return number(); }
 
     bool String(const Ch* s, rapidjson::SizeType n, bool) {
+        if (skipping_) return skipScalar();
         if (at_ != At::value) return wrongType(Kind::string);
         std::string_view v(s, n);
         if (v.size() > maxValueBytes)
@@ -122,6 +126,8 @@ public:
     }
 
     bool StartObject() {
+        ++depth_;
+        if (skipping_) return true;
         switch (at_) {
         case At::root: at_ = At::top; return true;
         case At::daemonsValue: at_ = At::daemons; return true;
@@ -136,6 +142,7 @@ public:
     }
 
     bool Key(const Ch* s, rapidjson::SizeType n, bool) {
+        if (skipping_) return true;
         std::string_view k(s, n);
         switch (at_) {
         case At::top:
@@ -174,6 +181,8 @@ public:
     }
 
     bool EndObject(rapidjson::SizeType) {
+        --depth_;
+        if (skipping_) return skipEnd();
         switch (at_) {
         case At::top:
             if (!seenDaemons_) return fail("top level: no \"daemons\" member");
@@ -193,11 +202,23 @@ public:
         }
     }
 
-    bool StartArray() { return wrongType(Kind::array); }
-    bool EndArray(rapidjson::SizeType) { return false; }   // never reached: arrays are refused
+    bool StartArray() {
+        ++depth_;
+        return skipping_ ? true : wrongType(Kind::array);
+    }
+    // Reached only while a daemon is skipped: elsewhere an array is refused as it starts.
+    bool EndArray(rapidjson::SizeType) {
+        --depth_;
+        return skipping_ ? skipEnd() : false;
+    }
 
-    // The reader stopped at a number too large for a double: refused as the number it is.
-    void numberTooBig() { wrongType(Kind::number); }
+    // The reader stopped at a number too large for a double: refused as the number it is,
+    // and as a whole (the reader cannot go on past it).
+    // Inside a daemon already skipped there is no item to name: the reader's own message.
+    void numberTooBig() {
+        skipped_ = nullptr;
+        if (!skipping_) wrongType(Kind::number);
+    }
 
 private:
     enum class At {
@@ -216,13 +237,75 @@ private:
         done,
     };
 
+    // Nesting of objects and arrays: inside the daemons object, inside one daemon.
+    static constexpr int daemonsDepth = 2;
+
     // Records the message with the line the reader is on (inside a string or number, the
-    // reader works on a copy of the stream, so this is where the token starts).
+    // reader works on a copy of the stream, so this is where the token starts). Inside a
+    // daemon, when skipped daemons are collected, the daemon is skipped instead (skip()) and
+    // the file read on; elsewhere the reader stops.
     bool fail(std::string message) {
         std::size_t line = lineColumn(text_, stream_.Tell()).first;
-        error = std::move(message) + " (line " + std::to_string(line) + ")";
+        message += " (line " + std::to_string(line) + ")";
+        if (skipped_ && inDaemon()) return skip(std::move(message));
+        error = std::move(message);
         return false;
     }
+
+    // Between a daemon's name and the end of its value.
+    bool inDaemon() const {
+        switch (at_) {
+        case At::daemons:   // a daemon's name refused before it was taken
+        case At::daemonValue:
+        case At::daemon:
+        case At::sectionValue:
+        case At::section:
+        case At::flagValue:
+        case At::keysValue:
+        case At::keys:
+        case At::value: return true;
+        default: return false;
+        }
+    }
+
+    // Drops the daemon being read (and an earlier entry of the same name), records why, and
+    // passes over what is left of its value. The event that failed has been counted in
+    // depth_: a value that was whole at the daemons level (a daemon written as a string)
+    // ends the skip at once; a name refused before its value began skips the whole value.
+    bool skip(std::string message) {
+        std::string name;
+        bool indexable = pendingIndexable_;
+        if (name_) {
+            name = *name_;
+            indexable = true;
+            state.erase(name);
+        } else {
+            name = pendingName_;
+        }
+        skipped_->push_back({name, indexable, std::move(message)});
+        if (indexable) skippedNames_.insert(std::move(name));
+        const bool valueBegun = at_ != At::daemons;
+        name_ = nullptr;
+        daemon_ = nullptr;
+        at_ = At::daemons;
+        skipping_ = !(valueBegun && depth_ == daemonsDepth);
+        return true;
+    }
+
+    // A scalar while skipping: at the daemons level it is the skipped daemon's whole value.
+    bool skipScalar() {
+        if (depth_ == daemonsDepth) skipping_ = false;
+        return true;
+    }
+
+    // The end of an object or array while skipping: back at the daemons level, the skipped
+    // daemon's value is over.
+    bool skipEnd() {
+        if (depth_ == daemonsDepth) skipping_ = false;
+        return true;
+    }
+
+    bool number() { return skipping_ ? skipScalar() : wrongType(Kind::number); }
 
     std::string section() const { return "daemon " + quote(*name_) + (inConfig_ ? " config" : " status"); }
 
@@ -253,13 +336,25 @@ private:
 
     bool daemonName(std::string_view k) {
         auto shown = [&] { return "daemon " + quote(k); };
+        pendingName_.assign(k);
+        pendingIndexable_ = false;
+        name_ = nullptr;
         if (k.empty()) return fail(shown() + ": name is empty");
         if (k.size() > maxNameBytes)
             return fail(shown() + ": name is " + std::to_string(k.size()) + " bytes, more than " +
                         std::to_string(maxNameBytes));
         if (!validUtf8(k)) return fail(shown() + ": name is not valid UTF-8");
+        pendingIndexable_ = true;
         auto [it, fresh] = state.try_emplace(std::string(k));
-        if (!fresh) return fail(shown() + ": appears twice");
+        if (!fresh) {
+            // Neither entry is trusted: a skipped daemon is skipped whole.
+            name_ = &it->first;
+            return fail(shown() + ": appears twice");
+        }
+        if (skippedNames_.count(std::string(k))) {
+            state.erase(it);
+            return fail(shown() + ": appears twice");
+        }
         name_ = &it->first;
         daemon_ = &it->second;
         at_ = At::daemonValue;
@@ -286,6 +381,12 @@ private:
     const rapidjson::StringStream& stream_;
     std::string_view text_;
     const DaemonSieve* sieve_;
+    SkippedDaemons* skipped_;                 // null: a bad daemon refuses the file
+    std::set<std::string> skippedNames_;      // indexable names skipped so far
+    std::string pendingName_;                 // the daemon name being checked
+    bool pendingIndexable_ = false;
+    int depth_ = 0;                           // objects and arrays open
+    bool skipping_ = false;                   // passing over a skipped daemon's value
     At at_ = At::root;
     bool seenDaemons_ = false;
     const std::string* name_ = nullptr;
@@ -299,8 +400,8 @@ private:
 };
 
 // Parses text[0, n), which must be followed by at least padBytes zero bytes.
-LauncherState parsePadded(const char* text, std::size_t n, const std::string& file,
-                          const DaemonSieve* sieve = nullptr) {
+LauncherState parsePadded(const char* text, std::size_t n, const std::string& file, const DaemonSieve* sieve,
+                          SkippedDaemons* skipped) {
     std::string_view view(text, n);
     if (view.find_first_not_of(" \t\n\r") == std::string_view::npos) throw StateError(prefix(file) + "file is empty");
     if (const void* zero = std::memchr(text, 0, n)) {
@@ -309,10 +410,17 @@ LauncherState parsePadded(const char* text, std::size_t n, const std::string& fi
                          ": invalid JSON: NUL byte");
     }
     rapidjson::StringStream stream(text);
-    StateHandler handler(stream, view, sieve);
+    SkippedDaemons found;
+    StateHandler handler(stream, view, sieve, skipped ? &found : nullptr);
     Reader reader;
     rapidjson::ParseResult result = reader.Parse<rapidjson::kParseNumbersAsStringsFlag>(stream, handler);
-    if (result) return std::move(handler.state);
+    if (result) {
+        if (skipped) {
+            for (SkippedDaemon& d : found) d.message = prefix(file) + d.message;
+            *skipped = std::move(found);
+        }
+        return std::move(handler.state);
+    }
     if (result.Code() == rapidjson::kParseErrorNumberTooBig) handler.numberTooBig();
     if (!handler.error.empty()) throw StateError(prefix(file) + handler.error);
     auto [line, column] = lineColumn(view, result.Offset());
@@ -371,26 +479,42 @@ std::string readPadded(const std::string& path, const std::string& shown, std::s
     return buffer;
 }
 
-LauncherState loadPadded(const std::string& path, const std::string& shown, const DaemonSieve* sieve = nullptr) {
+LauncherState loadPadded(const std::string& path, const std::string& shown, const DaemonSieve* sieve,
+                         SkippedDaemons* skipped) {
     std::size_t length = 0;
     std::string buffer = readPadded(path, shown, length);
-    return parsePadded(buffer.data(), length, shown, sieve);
+    return parsePadded(buffer.data(), length, shown, sieve, skipped);
+}
+
+std::string padded(std::string_view json) {
+    std::string buffer;
+    buffer.reserve(json.size() + padBytes);
+    buffer.append(json);
+    buffer.append(padBytes, '\0');
+    return buffer;
 }
 
 } // namespace
 
 LauncherState parseState(std::string_view json, const std::string& fileName) {
-    std::string buffer;
-    buffer.reserve(json.size() + padBytes);
-    buffer.append(json);
-    buffer.append(padBytes, '\0');
-    return parsePadded(buffer.data(), json.size(), fileName);
+    std::string buffer = padded(json);
+    return parsePadded(buffer.data(), json.size(), fileName, nullptr, nullptr);
 }
 
-LauncherState loadStateFile(const std::string& path) { return loadPadded(path, path); }
+LauncherState parseState(std::string_view json, const std::string& fileName, SkippedDaemons& skipped) {
+    std::string buffer = padded(json);
+    return parsePadded(buffer.data(), json.size(), fileName, nullptr, &skipped);
+}
 
-LauncherState loadStateFile(const std::string& path, const std::string& shown, const DaemonSieve& sieve) {
-    return loadPadded(path, shown, &sieve);
+LauncherState loadStateFile(const std::string& path) { return loadPadded(path, path, nullptr, nullptr); }
+
+LauncherState loadStateFile(const std::string& path, SkippedDaemons& skipped) {
+    return loadPadded(path, path, nullptr, &skipped);
+}
+
+LauncherState loadStateFile(const std::string& path, const std::string& shown, const DaemonSieve& sieve,
+                            SkippedDaemons& skipped) {
+    return loadPadded(path, shown, &sieve, &skipped);
 }
 
 } // namespace Feed

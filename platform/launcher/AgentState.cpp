@@ -1,6 +1,7 @@
 #include "AgentState.h"
 
 #include "orbel/GenericIf.h"
+#include "orbel/ObserverDelivery.h"
 #include "orbel/TypeRegistry.h"
 
 #include <vector>
@@ -20,9 +21,8 @@ template <class Owner, class Observer>
 struct FlagObservers {
     using Base = FlagNotifieeConst<Owner>;
 
-    // Tells every registered observer of o, in registration order, through a snapshot that
-    // holds a reference to each; an observer released by everyone else meanwhile is
-    // skipped. A throw is reported to that observer as onNotificationException(id).
+    // Tells every registered observer of o (Orbel::deliverToObservers: in registration
+    // order, failures contained).
     template <class F>
     static void forEach(Owner& o, Orbel::AttributeId id, F&& f) {
         auto& list = o.observers_.registered;
@@ -30,25 +30,7 @@ struct FlagObservers {
         // Keeps the owner alive while observers run (one of them may drop the last outside
         // reference); not while it is already being destroyed or told of its last reference.
         Orbel::Ptr<Owner> keep = (o.observers_.destroying || o.references() == 0) ? nullptr : &o;
-        std::vector<Orbel::Ptr<Base>> snapshot;
-        snapshot.reserve(list.count());
-        for (Base* n = list.first(); n; n = list.next(n)) snapshot.emplace_back(n);
-        for (auto& n : snapshot) {
-            if (n->references() == 1) {  // only the snapshot holds it: released meanwhile
-                n = nullptr;
-                continue;
-            }
-            try {
-                f(*n);
-            } catch (...) {
-                try {
-                    n->onNotificationException(id);
-                } catch (...) {
-                    // An observer's exception handler may not stop delivery either.
-                }
-            }
-            n = nullptr;
-        }
+        Orbel::deliverToObservers<Base>(list, id, std::forward<F>(f));
     }
     static void flagChanged(Owner& o, Orbel::AttributeId id) {
         forEach(o, id, [](Base& n) { n.onFlag(); });

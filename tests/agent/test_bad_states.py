@@ -1,12 +1,16 @@
 """Bad state input: velmar-snmp-agent serving a good state is handed malformed state files
 one after another (tests/agent/bad-states/, each with the message fragment it must produce in
 expected.json), a file that vanishes, a file far over the size limit, and files swapped
-faster than it can read them. Every refusal must log exactly one line naming the file and
-leave what is served byte for byte as it was; a burst of swaps must end on the last good
-file and never serve a mix of two files in one response."""
+faster than it can read them. A file refused whole (JSON syntax, a wrong top level, empty)
+must log exactly one line naming the file and leave what is served byte for byte as it was.
+A file whose only fault is in one daemon's entry is applied without that daemon: one line
+names the file, the daemon and the item, the daemon keeps the rows it had (or gets none when
+it was not served), and every other daemon follows the file. A burst of swaps must end on the
+last good file and never serve a mix of two files in one response."""
 
 import json
 import os
+import re
 import sys
 import threading
 import time
@@ -19,6 +23,34 @@ BAD_DIR = os.path.join(HERE, "bad-states")
 DEMO = os.path.join(h.SOURCE_DIR, "examples", "demo-state.json")
 MAX_STATE_BYTES = 256 << 20
 LINE_TIMEOUT = 10.0
+# Files refused whole, by the start of their names; every other file's fault is in one daemon.
+# A number too large for the reader stops it where it stands: the file is refused whole, with
+# the daemon and item named all the same.
+WHOLE_FILE = ("syntax-", "top-", "type-daemons-", "empty", "whitespace-only", "type-value-huge-number")
+
+
+def daemon_rows(port, name):
+    """Every row of the daemon called name, over the four tables."""
+    index = h.index_of(name)
+    out = []
+    for t, (sub, col, _) in h.TABLES.items():
+        prefix = sub + (1, col) + index
+        out += [r for r in h.walk(port, sub, max_rep=25) if r[0][:len(prefix)] == prefix]
+    return out
+
+
+def served_names(port):
+    sub, col, _ = h.TABLES["enabled"]
+    # An empty table walks as one "No Such Object" line at the table's OID.
+    return {bytes(oid[len(sub) + 3:]).decode() for oid, _ in h.walk(port, sub, max_rep=25) if len(oid) > len(sub) + 2}
+
+
+def names_in(data):
+    """The daemon names of a file Python can read, or none."""
+    try:
+        return set(json.loads(data.decode("utf-8"))["daemons"])
+    except (ValueError, KeyError, TypeError, UnicodeDecodeError):
+        return set()
 
 
 def raw_walk(port):
@@ -26,7 +58,7 @@ def raw_walk(port):
     rc, out, err = h.run_tool("snmpbulkwalk", ["-Cr25"] + h.common_args(port) + [h.oid_str(h.ROOT)])
     if rc != 0:
         raise RuntimeError("snmpbulkwalk failed (%d): %s" % (rc, err))
-    return out
+    return h.without_feed_text(out)
 
 
 def replace_atomically(path, data):
@@ -117,19 +149,65 @@ class BadStateTest(unittest.TestCase):
         self.assertGreaterEqual(len(files), 50)
         self.assertEqual(sorted(expected), files, "every bad file has exactly one expected fragment")
 
-    def test_every_bad_file_is_refused_with_its_message_and_changes_nothing(self):
+    def assert_skipped(self, data, fragment, what):
+        """Replaces the file with data, whose fault is in one daemon: one line naming it, the
+        daemon keeps what it had (or stays unserved), every other daemon follows the file."""
+        good_names = set(json.loads(self.good)["daemons"])
+        reloads = h.feed_health(self.agent.port)["reloads"]
+        mark = len(self.agent.stderr_lines)
+        replace_atomically(self.path, data)
+        line = self.wait_feed_line(mark)
+        self.assertIn(fragment, line, what)
+        m = re.match(r'daemon "((?:[^"\\]|\\.)*)"', line[len(self.prefix):])
+        self.assertIsNotNone(m, "%s: the line names no daemon: %s" % (what, line))
+        bad = m.group(1)
+        kept = bad in good_names
+        self.assertTrue(line.endswith("; serving its last good state" if kept else "; not served"), line)
+        expected = (names_in(data) - {bad}) | ({bad} if kept else set())
+        deadline = time.time() + LINE_TIMEOUT
+        while served_names(self.agent.port) != expected and time.time() < deadline:
+            time.sleep(0.05)
+        self.assertEqual(served_names(self.agent.port), expected, what)
+        health = h.feed_health(self.agent.port)
+        self.assertGreater(health["reloads"], reloads, what)
+        self.assertEqual(health["state"], h.FEED_STATES["ok"], what)
+        self.assertEqual(health["skippedNow"], 1, what)
+        self.assertEqual(health["lastSkip"].decode("utf-8", "replace"), line[len("velmar-snmp-agent: "):], what)
+        skips = [l for l in self.feed_lines(mark) if fragment in l]
+        self.assertEqual(len(skips), 1, "%s: not one line:\n%s" % (what, "\n".join(self.feed_lines(mark))))
+        return bad if kept else None
+
+    def test_every_bad_file_is_refused_or_skips_its_bad_daemon_with_its_message(self):
         with open(os.path.join(BAD_DIR, "expected.json")) as f:
             expected = json.load(f)
         served = raw_walk(self.agent.port)
         mark = len(self.agent.stderr_lines)
-        for name in sorted(expected):
+        whole = 0
+        for name in sorted(n for n in expected if n.startswith(WHOLE_FILE)):
             with self.subTest(file=name):
                 with open(os.path.join(BAD_DIR, name), "rb") as f:
                     data = f.read()
                 self.assert_refused(data, expected[name], name)
+                whole += 1
         # One line per file in all, and the same state served at the end as at the start.
-        self.assertEqual(len(self.feed_lines(mark)), len(expected))
+        self.assertEqual(len(self.feed_lines(mark)), whole)
         self.assertEqual(raw_walk(self.agent.port), served)
+        self.assertGreaterEqual(whole, 20)
+
+        bgpd = daemon_rows(self.agent.port, "bgpd")
+        self.assertTrue(bgpd)
+        partial = 0
+        for name in sorted(n for n in expected if not n.startswith(WHOLE_FILE)):
+            with self.subTest(file=name):
+                replace_atomically(self.path, self.good)
+                self.wait_served(h.expected_rows(json.loads(self.good)))
+                with open(os.path.join(BAD_DIR, name), "rb") as f:
+                    data = f.read()
+                kept = self.assert_skipped(data, expected[name], name)
+                if kept is not None:
+                    self.assertEqual(daemon_rows(self.agent.port, kept), bgpd, name)
+                partial += 1
+        self.assertGreaterEqual(partial, 30)
         # The feed still applies a good file afterwards.
         state = json.loads(self.good)
         state["daemons"]["bgpd"]["config"]["options"]["asn"] = "65077"
@@ -231,7 +309,7 @@ class BadStateTest(unittest.TestCase):
                 if rc != 0:
                     errors.append(err)
                     continue
-                got = sorted((oid, v) for oid, v in h.parse_tool_output(out) if oid[:len(h.ROOT)] == h.ROOT)
+                got = sorted((oid, v) for oid, v in h.without_feed(h.parse_tool_output(out)) if oid[:len(h.ROOT)] == h.ROOT)
                 key = tuple(got)
                 if key in allowed:
                     seen.append(allowed[key])
@@ -267,7 +345,7 @@ class BadStateTest(unittest.TestCase):
         # Every line of the feed in the burst is an applied file or a refused one.
         for line in lines:
             rest = line.split(self.prefix, 1)[1]
-            self.assertTrue(rest.startswith("applied ") or "invalid JSON" in rest, line)
+            self.assertTrue(rest.startswith(("applied ", "recovered; it was refused")) or "invalid JSON" in rest, line)
 
 
 if __name__ == "__main__":

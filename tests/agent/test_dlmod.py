@@ -138,6 +138,12 @@ class DlmodTest(unittest.TestCase):
         # GETNEXT one by one, with an independent client.
         self.assertEqual(h.pysnmp_walk(snmpd.port, h.ROOT),
                          expected["enabled"] + expected["option"] + expected["running"] + expected["data"])
+        # The feed's health is served inside snmpd too.
+        health = h.feed_health(snmpd.port)
+        self.assertEqual(health["source"], ("state file " + demo).encode())
+        self.assertEqual(health["state"], h.FEED_STATES["ok"])
+        self.assertEqual(health["daemons"], len(state["daemons"]))
+        self.assertEqual(health["rows"], sum(len(r) for r in expected.values()))
         self.stop_cleanly(snmpd)
 
     def test_live_change_is_served(self):
@@ -158,12 +164,26 @@ class DlmodTest(unittest.TestCase):
         before = all_tables(snmpd.port)
         mark = len(snmpd.stdout_lines)
         with open(self.path + ".tmp", "w", encoding="utf-8") as f:
-            f.write('{"daemons": {"bgpd": {"config": {"enabled": 1}}}}')
+            f.write('{"daemons": {"bgpd": {"config": {"enabled": true}}}, "version": 1}')
         os.rename(self.path + ".tmp", self.path)
         line = snmpd.wait_log("velmar_daemon_mib: state file %s:" % self.path, start=mark)
         self.assertIsNotNone(line, snmpd.log())
-        self.assertIn("bgpd", line)
+        self.assertIn('unknown member "version"', line)
         self.assertEqual(all_tables(snmpd.port), before)
+        self.assertEqual(h.feed_health(snmpd.port)["state"], h.FEED_STATES["refused"])
+        # One bad daemon: the others follow the file, bgpd keeps its rows.
+        s = copy.deepcopy(self.state)
+        del s["daemons"]["ntpd"]
+        text = json.dumps(s).replace('"enabled": true', '"enabled": 1', 1)
+        mark = len(snmpd.stdout_lines)
+        with open(self.path + ".tmp", "w", encoding="utf-8") as f:
+            f.write(text)
+        os.rename(self.path + ".tmp", self.path)
+        line = snmpd.wait_log('velmar_daemon_mib: state file %s: daemon "bgpd"' % self.path, start=mark)
+        self.assertIsNotNone(line, snmpd.log())
+        self.assertTrue(line.rstrip().endswith("; serving its last good state"), line)
+        self.wait_for(snmpd, h.expected_rows(s))
+        self.assertEqual(h.feed_health(snmpd.port)["skippedNow"], 1)
         self.stop_cleanly(snmpd)
 
     def test_sighup_reloads_and_serves_on(self):

@@ -23,7 +23,7 @@ def all_tables(port):
 
 def raw_walk(port):
     rc, out, err = h.run_tool("snmpbulkwalk", ["-Cr20"] + h.common_args(port) + [h.oid_str(h.ROOT)])
-    return out
+    return h.without_feed_text(out)
 
 
 class LiveFeedTest(unittest.TestCase):
@@ -95,28 +95,56 @@ class LiveFeedTest(unittest.TestCase):
         self.publish(s)
         self.wait_for(h.expected_rows(s))
 
-    def test_invalid_files_are_refused_and_nothing_changes(self):
+    def write_raw(self, content):
+        tmp = self.path + ".tmp"
+        with open(tmp, "w") as f:
+            f.write(content if isinstance(content, str) else json.dumps(content))
+        os.rename(tmp, self.path)
+
+    def test_invalid_files_are_refused_or_skip_the_bad_daemon(self):
         before = raw_walk(self.agent.port)
         self.assertIn("65001", json.dumps(self.state))
-        cases = [
+        # Refused whole: nothing changes.
+        whole = [
             ("bad JSON", '{"daemons": {"bgpd": {"config": {"enabled": tru}}}}', "line 1, column"),
-            ("long key", {"daemons": {"bgpd": {"config": {"options": {"k" * 65: "v"}}}}}, "more than 64"),
-            ("long value", {"daemons": {"bgpd": {"config": {"options": {"asn": "v" * 10241}}}}}, "more than 10240"),
-            ("long name", {"daemons": {"n" * 33: {}}}, "more than 32"),
-            ("wrong type", {"daemons": {"bgpd": {"config": {"enabled": "yes"}}}}, "bgpd"),
+            ("wrong top level", {"daemons": {}, "version": 2}, "unknown member \"version\""),
         ]
-        for what, content, needle in cases:
+        for what, content, needle in whole:
             with self.subTest(what=what):
                 mark = len(self.agent.stderr_lines)
-                tmp = self.path + ".tmp"
-                with open(tmp, "w") as f:
-                    f.write(content if isinstance(content, str) else json.dumps(content))
-                os.rename(tmp, self.path)
+                self.write_raw(content)
                 line = self.agent.wait_stderr("state file " + self.path, start=mark)
                 self.assertIsNotNone(line, self.agent.stderr())
                 self.assertIn(needle, line)
                 self.assertEqual(len([l for l in self.agent.stderr_lines[mark:] if "state file" in l]), 1)
                 self.assertEqual(raw_walk(self.agent.port), before)
+        # One bad daemon: ntpd (changed) is applied, the bad daemon keeps its rows (bgpd) or
+        # is not served (a new one), with one line naming it and the item.
+        ntpd = {"config": {"enabled": True, "options": {"servers": "192.0.2.7"}},
+                "status": {"running": True, "data": {"pid": "77"}}}
+        daemon_level = [
+            ("long key", "bgpd", {"config": {"options": {"k" * 65: "v"}}}, "more than 64"),
+            ("long value", "bgpd", {"config": {"options": {"asn": "v" * 10241}}}, "more than 10240"),
+            ("wrong type", "bgpd", {"config": {"enabled": "yes"}}, "must be true or false"),
+            ("long name", "n" * 33, {}, "more than 32"),
+        ]
+        for what, name, entry, needle in daemon_level:
+            with self.subTest(what=what):
+                self.publish(self.state)
+                self.wait_for(h.expected_rows(self.state))
+                mark = len(self.agent.stderr_lines)
+                self.write_raw({"daemons": {name: entry, "ntpd": ntpd}})
+                line = self.agent.wait_stderr("state file " + self.path, start=mark)
+                self.assertIsNotNone(line, self.agent.stderr())
+                self.assertIn(needle, line)
+                expected = {"daemons": {"ntpd": ntpd}}
+                if name in self.state["daemons"]:
+                    self.assertTrue(line.endswith("; serving its last good state"), line)
+                    expected["daemons"][name] = self.state["daemons"][name]
+                else:
+                    self.assertTrue(line.endswith("; not served"), line)
+                self.wait_for(h.expected_rows(expected))
+                self.assertEqual(len([l for l in self.agent.stderr_lines[mark:] if needle in l]), 1)
         # A good file afterwards is applied again.
         s = copy.deepcopy(self.state)
         s["daemons"]["bgpd"]["config"]["options"]["asn"] = "65009"
@@ -182,11 +210,28 @@ class LifecycleTest(unittest.TestCase):
         try:
             path = tmp.file("state.json")
             with open(path, "w") as f:
-                f.write('{"daemons": {"x": {"config": {"enabled": 1}}}}')
+                f.write('{"daemons": {"x": {"config": {"enabled": true}}}, "version": 1}')
             p = subprocess.run([h.AGENT, "--state", path, "--listen", "udp:127.0.0.1:%d" % h.free_port()],
                                capture_output=True, text=True, timeout=20)
             self.assertEqual(p.returncode, 1)
-            self.assertIn("state file " + path, p.stderr)
+            self.assertIn("state file " + path + ': top level: unknown member "version"', p.stderr)
+        finally:
+            tmp.cleanup()
+
+    def test_initial_state_with_a_bad_daemon_serves_the_others(self):
+        tmp = h.TempDir()
+        try:
+            path = tmp.file("state.json")
+            with open(path, "w") as f:
+                f.write('{"daemons": {"x": {"config": {"enabled": 1}}, "y": {"config": {"enabled": true}}}}')
+            agent = h.Agent(path)
+            try:
+                self.assertIn('state file %s: daemon "x" config "enabled": must be true or false, not a number '
+                              '(line 1); not served' % path, agent.stderr())
+                sub = h.TABLES["enabled"][0]
+                self.assertEqual(h.walk(agent.port, sub), [(sub + (1, 2) + h.index_of("y"), h.TRUE)])
+            finally:
+                agent.stop()
         finally:
             tmp.cleanup()
 

@@ -3,8 +3,11 @@ module in prometheus/snmp.yml, directly and through Debian's snmpd with its stoc
 snmpd.conf and the installed AgentX or dlmod fragment enabled (community "public").
 
 The committed snmp.yml must be what prometheus/generate makes of generator.yml today;
-the flags read 1 (true) and 0 (false); option and data values arrive as labels of
-info-style samples; a rewritten state file shows in the next scrape.
+the flags read 1 (true) and 0 (false); option values arrive as labels of info-style
+samples; numeric data values (PIDs, restart counts, memory, times) are the values of gauge
+samples and text data gives none; every table labels the daemon `daemon` (and a key `key`);
+the feed's health arrives as gauges and counters; a rewritten state file shows in the next
+scrape.
 
 Both servers listen on free loopback ports and are stopped by process id; every wait is
 bounded. The exporter reaches nothing but the agent."""
@@ -33,7 +36,10 @@ MODULE = "velmar_daemon"
 
 STATE = {"daemons": {
     "bgpd": {"config": {"enabled": True, "options": {"asn": "65001", "router-id": "10.0.0.1"}},
-             "status": {"running": True, "data": {"pid": "4242", "uptime": "3d4h"}}},
+             "status": {"running": True, "data": {"pid": "4242", "uptime": "3d4h", "restarts": "3",
+                                                   "memory-bytes": "183500800", "cpu-seconds": "12.75",
+                                                   "started-at": "1795000000", "offset": "-0.004",
+                                                   "version": "1.2.3"}}},
     "ntpd": {"config": {"enabled": False, "options": {"servers": "192.0.2.10,192.0.2.11"}},
              "status": {"running": False, "data": {"last-exit": "stopped by launcher"}}},
     "lldpd": {"config": {"enabled": True, "options": {"system-name": "leaf \"01\"\\a"}}},
@@ -42,11 +48,20 @@ STATE = {"daemons": {
 
 # metric name: (walked table, value column, index labels)
 METRICS = {
-    "velmarDaemonEnabled": ("enabled", ["velmarDaemonEnabledAgentName"]),
-    "velmarDaemonOptionValue": ("option", ["velmarDaemonOptionAgentName", "velmarDaemonOptionKey"]),
-    "velmarDaemonRunning": ("running", ["velmarDaemonRunningAgentName"]),
-    "velmarDaemonDataValue": ("data", ["velmarDaemonDataAgentName", "velmarDaemonDataKey"]),
+    "velmarDaemonEnabled": ("enabled", ["daemon"]),
+    "velmarDaemonOptionValue": ("option", ["daemon", "key"]),
+    "velmarDaemonRunning": ("running", ["daemon"]),
+    "velmarDaemonDataValue": ("data", ["daemon", "key"]),
 }
+# The feed's health: metric name and its type in snmp.yml.
+FEED_METRICS = {
+    "velmarFeedSource": "DisplayString", "velmarFeedState": "gauge", "velmarFeedChangeAge": "gauge",
+    "velmarFeedReadAge": "gauge", "velmarFeedLastChange": "DateAndTime", "velmarFeedLastRead": "DateAndTime",
+    "velmarFeedLastRefusal": "DisplayString", "velmarFeedDaemons": "gauge", "velmarFeedRows": "gauge",
+    "velmarFeedReloads": "counter", "velmarFeedRefusals": "counter", "velmarFeedSkippedNow": "gauge",
+    "velmarFeedSkipped": "counter", "velmarFeedLastSkip": "DisplayString",
+}
+NUMBER = re.compile(r"[-+]?[0-9]+(\.[0-9]+)?([eE][-+]?[0-9]+)?")
 
 _SAMPLE = re.compile(r'^([A-Za-z_:][A-Za-z0-9_:]*)(?:\{(.*)\})? (\S+)$')
 _LABEL = re.compile(r'([A-Za-z_][A-Za-z0-9_]*)="((?:[^"\\]|\\.)*)",?')
@@ -124,22 +139,20 @@ class Exporter:
 
 def expected_samples(state):
     """{(metric, frozenset(labels))} of what the module should yield for a state, derived
-    from the state itself: flags 1 or 0, values as a label of a sample of value 1."""
+    from the state itself: flags 1 or 0, option values as a label of a sample of value 1,
+    data values that are numbers as the sample's value (other data: no sample)."""
     out = {}
     for name, d in state["daemons"].items():
         cfg, st = d.get("config"), d.get("status")
-        out[("velmarDaemonEnabled", frozenset({"velmarDaemonEnabledAgentName": name}.items()))] = \
-            1.0 if cfg and cfg.get("enabled") else 0.0
-        out[("velmarDaemonRunning", frozenset({"velmarDaemonRunningAgentName": name}.items()))] = \
-            1.0 if st and st.get("running") else 0.0
-        for metric, part, member, prefix in (("velmarDaemonOptionValue", cfg, "options", "Option"),
-                                             ("velmarDaemonDataValue", st, "data", "Data")):
-            for key, value in ((part or {}).get(member) or {}).items():
-                if value == "":
-                    continue
-                labels = {"velmarDaemon%sAgentName" % prefix: name, "velmarDaemon%sKey" % prefix: key,
-                          metric: value}
-                out[(metric, frozenset(labels.items()))] = 1.0
+        out[("velmarDaemonEnabled", frozenset({"daemon": name}.items()))] = 1.0 if cfg and cfg.get("enabled") else 0.0
+        out[("velmarDaemonRunning", frozenset({"daemon": name}.items()))] = 1.0 if st and st.get("running") else 0.0
+        for key, value in ((cfg or {}).get("options") or {}).items():
+            if value != "":
+                labels = {"daemon": name, "key": key, "velmarDaemonOptionValue": value}
+                out[("velmarDaemonOptionValue", frozenset(labels.items()))] = 1.0
+        for key, value in ((st or {}).get("data") or {}).items():
+            if NUMBER.fullmatch(value):
+                out[("velmarDaemonDataValue", frozenset({"daemon": name, "key": key}.items()))] = float(value)
     return out
 
 
@@ -172,15 +185,20 @@ class ConfigTest(unittest.TestCase):
             committed = f.read()
         self.assertEqual(committed, generated, "prometheus/snmp.yml is stale: run prometheus/generate")
 
-    def test_module_walks_the_four_tables_with_their_index_labels(self):
+    def test_module_walks_the_four_tables_and_the_feed_with_one_daemon_label(self):
         with open(SNMP_YML, encoding="utf-8") as f:
             text = f.read()
         self.assertTrue(text.startswith("# WARNING: This file was auto-generated"), text[:200])
         self.assertIn("\n%s:\n" % MODULE, "\n" + text)
         walks = re.findall(r"^  - (\S+)$", text.split("  metrics:")[0], re.M)
-        self.assertEqual(walks, [h.oid_str(sub)[1:] for sub, _, _ in h.TABLES.values()])
+        self.assertEqual(walks, [h.oid_str(sub)[1:] for sub, _, _ in h.TABLES.values()] + [h.oid_str(h.FEED)[1:]])
         names = re.findall(r"^  - name: (\S+)$", text, re.M)
-        self.assertEqual(sorted(names), sorted(METRICS))
+        self.assertEqual(sorted(names), sorted(list(METRICS) + list(FEED_METRICS)))
+        for metric, kind in FEED_METRICS.items():
+            block = text.split("  - name: %s\n" % metric, 1)[1].split("\n  - name: ", 1)[0]
+            self.assertIn("    type: %s\n" % kind, block)
+            self.assertIn("    oid: %s.%d\n" % (h.oid_str(h.FEED)[1:], h.FEED_OBJECTS[metric[len("velmarFeed"):][0].lower() +
+                                                                               metric[len("velmarFeed") + 1:]]), block)
         for metric, (table, labels) in METRICS.items():
             block = text.split("  - name: %s\n" % metric, 1)[1].split("\n  - name: ", 1)[0]
             sub, col, _ = h.TABLES[table]
@@ -230,7 +248,7 @@ class ScrapeTest(unittest.TestCase):
 
     def test_running_reads_1_and_stopped_reads_0(self):
         got = self.scrape()
-        key = lambda d: ("velmarDaemonRunning", frozenset({"velmarDaemonRunningAgentName": d}.items()))
+        key = lambda d: ("velmarDaemonRunning", frozenset({"daemon": d}.items()))
         self.assertEqual(got[key("bgpd")], 1.0)
         self.assertEqual(got[key("ntpd")], 0.0)       # status says running: false
         self.assertEqual(got[key("lldpd")], 0.0)      # no status at all
@@ -238,19 +256,60 @@ class ScrapeTest(unittest.TestCase):
 
     def test_enabled_reads_1_and_disabled_reads_0(self):
         got = self.scrape()
-        key = lambda d: ("velmarDaemonEnabled", frozenset({"velmarDaemonEnabledAgentName": d}.items()))
+        key = lambda d: ("velmarDaemonEnabled", frozenset({"daemon": d}.items()))
         self.assertEqual(got[key("bgpd")], 1.0)
         self.assertEqual(got[key("ntpd")], 0.0)
         self.assertEqual(got[key("dæmon")], 0.0)      # no config at all
 
-    def test_values_are_labels_of_info_samples(self):
+    def test_option_values_are_labels_of_info_samples(self):
         samples = self.exporter.scrape(self.agent.port)
         options = [l for n, l, v in samples if n == "velmarDaemonOptionValue" and v == 1.0]
-        self.assertIn({"velmarDaemonOptionAgentName": "lldpd", "velmarDaemonOptionKey": "system-name",
-                       "velmarDaemonOptionValue": "leaf \"01\"\\a"}, options)
-        data = [l for n, l, v in samples if n == "velmarDaemonDataValue" and v == 1.0]
-        self.assertIn({"velmarDaemonDataAgentName": "dæmon", "velmarDaemonDataKey": "clé",
-                       "velmarDaemonDataValue": "välue"}, data)
+        self.assertIn({"daemon": "lldpd", "key": "system-name", "velmarDaemonOptionValue": "leaf \"01\"\\a"}, options)
+
+    def test_numeric_data_values_are_gauges_and_text_data_gives_no_sample(self):
+        samples = self.exporter.scrape(self.agent.port)
+        data = {(l["daemon"], l["key"]): v for n, l, v in samples if n == "velmarDaemonDataValue"}
+        for n, l, v in samples:
+            if n == "velmarDaemonDataValue":
+                self.assertEqual(set(l), {"daemon", "key"}, "the value is not a label")
+        self.assertEqual(data[("bgpd", "pid")], 4242.0)
+        self.assertEqual(data[("bgpd", "restarts")], 3.0)
+        self.assertEqual(data[("bgpd", "memory-bytes")], 183500800.0)
+        self.assertEqual(data[("bgpd", "cpu-seconds")], 12.75)
+        self.assertEqual(data[("bgpd", "started-at")], 1795000000.0)
+        self.assertEqual(data[("bgpd", "offset")], -0.004)
+        for text in (("bgpd", "uptime"), ("bgpd", "version"), ("ntpd", "last-exit"), ("dæmon", "clé")):
+            self.assertNotIn(text, data)
+        # A new PID is a new value of the same series.
+        s = copy.deepcopy(self.state)
+        s["daemons"]["bgpd"]["status"]["data"]["pid"] = "4343"
+        h.write_state(self.path, s)
+        got = self.wait_for(expected_samples(s))
+        self.assertEqual(got[("velmarDaemonDataValue", frozenset({"daemon": "bgpd", "key": "pid"}.items()))], 4343.0)
+
+    def test_feed_health_arrives_as_gauges_and_counters(self):
+        samples = {n: (l, v) for n, l, v in self.exporter.scrape(self.agent.port) if n.startswith("velmarFeed")}
+        self.assertEqual(samples["velmarFeedState"][1], 1.0)   # ok
+        self.assertEqual(samples["velmarFeedDaemons"][1], float(len(self.state["daemons"])))
+        self.assertEqual(samples["velmarFeedRows"][1], float(sum(len(r) for r in h.expected_rows(self.state).values())))
+        self.assertGreaterEqual(samples["velmarFeedReloads"][1], 1.0)
+        self.assertEqual(samples["velmarFeedRefusals"][1], 0.0)
+        self.assertEqual(samples["velmarFeedSkippedNow"][1], 0.0)
+        self.assertLess(samples["velmarFeedReadAge"][1], 60.0)
+        self.assertLess(abs(samples["velmarFeedLastRead"][1] - time.time()), 60.0)   # a Unix time
+        self.assertEqual(samples["velmarFeedSource"][0], {"velmarFeedSource": "state file " + self.path})
+        # A refused file shows in the next scrape.
+        with open(self.path + ".tmp", "w") as f:
+            f.write("{")
+        os.rename(self.path + ".tmp", self.path)
+        deadline = time.time() + 5.0
+        while time.time() < deadline:
+            got = {n: v for n, l, v in self.exporter.scrape(self.agent.port) if n.startswith("velmarFeed")}
+            if got["velmarFeedState"] == 2.0:
+                break
+            time.sleep(0.1)
+        self.assertEqual(got["velmarFeedState"], 2.0, self.diagnostics())
+        self.assertEqual(got["velmarFeedRefusals"], 1.0)
 
     def test_changed_option_shows_in_the_next_scrape(self):
         self.scrape()
@@ -258,8 +317,8 @@ class ScrapeTest(unittest.TestCase):
         s["daemons"]["bgpd"]["config"]["options"]["asn"] = "65002"
         h.write_state(self.path, s)
         got = self.wait_for(expected_samples(s))
-        old = ("velmarDaemonOptionValue", frozenset({"velmarDaemonOptionAgentName": "bgpd",
-                                                     "velmarDaemonOptionKey": "asn",
+        old = ("velmarDaemonOptionValue", frozenset({"daemon": "bgpd",
+                                                     "key": "asn",
                                                      "velmarDaemonOptionValue": "65001"}.items()))
         self.assertNotIn(old, got)
 
@@ -269,7 +328,7 @@ class ScrapeTest(unittest.TestCase):
         del s["daemons"]["ntpd"]
         h.write_state(self.path, s)
         got = self.wait_for(expected_samples(s))
-        self.assertEqual(got[("velmarDaemonRunning", frozenset({"velmarDaemonRunningAgentName": "bgpd"}.items()))], 0.0)
+        self.assertEqual(got[("velmarDaemonRunning", frozenset({"daemon": "bgpd"}.items()))], 0.0)
 
     def test_unknown_module_is_refused_by_the_exporter(self):
         with self.assertRaises(urllib.error.HTTPError) as e:
@@ -345,7 +404,7 @@ class StockSnmpdScrapeMixin:
         s["daemons"]["bgpd"]["status"]["running"] = False
         h.write_state(self.path, s)
         got = self.wait_for(expected_samples(s))
-        self.assertEqual(got[("velmarDaemonRunning", frozenset({"velmarDaemonRunningAgentName": "bgpd"}.items()))], 0.0)
+        self.assertEqual(got[("velmarDaemonRunning", frozenset({"daemon": "bgpd"}.items()))], 0.0)
 
 
 class StockSnmpdAgentxScrapeTest(StockSnmpdScrapeMixin, unittest.TestCase):

@@ -25,6 +25,31 @@ TABLES = {
     "data": (ROOT + (2, 2), 3, True),
 }
 TRUE, FALSE = 1, 2  # TruthValue
+# The feed's health scalars (velmarDaemonFeed), served beside the tables by the agent and the
+# dlmod bridge. A walk of ROOT with walk() or pysnmp_walk() leaves them out: it is the tables.
+FEED = ROOT + (4,)
+FEED_OBJECTS = {
+    "source": 1, "state": 2, "changeAge": 3, "readAge": 4, "lastChange": 5, "lastRead": 6, "lastRefusal": 7,
+    "daemons": 8, "rows": 9, "reloads": 10, "refusals": 11, "skippedNow": 12, "skipped": 13, "lastSkip": 14,
+}
+FEED_STATES = {"ok": 1, "refused": 2, "gone": 3, "busLost": 4, "notLoaded": 5}
+
+
+def without_feed(rows):
+    """rows ([(oid, value)]) without the feed's health scalars."""
+    return [r for r in rows if tuple(r[0][:len(FEED)]) != FEED]
+
+
+def without_feed_text(out):
+    """snmpwalk -On output without the lines of the feed's health scalars."""
+    prefix = oid_str(FEED) + "."
+    kept, keep = [], True
+    for line in out.splitlines(True):
+        if line.startswith("."):
+            keep = not line.startswith(prefix)
+        if keep:   # a value's continuation lines go with its first line
+            kept.append(line)
+    return "".join(kept)
 
 AGENT = os.environ.get("VELMAR_AGENT", "")
 TEST_HOST = os.environ.get("VELMAR_TEST_HOST", "")
@@ -371,10 +396,12 @@ def walk(port, subtree, bulk=True, max_rep=10, community="public", extra=()):
     rc, out, err = run_tool(tool, args)
     if rc != 0:
         raise RuntimeError("%s failed (%d): %s" % (tool, rc, err))
-    # When nothing lies inside the subtree, the tools GET the subtree's own OID: that
-    # answer is no row.
-    return [(o, v) for o, v in parse_tool_output(out)
-            if not (o == tuple(subtree) and isinstance(v, str) and v.startswith("No Such "))]
+    rows = parse_tool_output(out)
+    # An empty subtree followed by others: the tool, having found nothing inside, GETs the
+    # subtree's own OID. Nothing is there.
+    if rows == [(tuple(subtree), "No Such Object available on this agent at this OID")]:
+        rows = []
+    return without_feed(rows) if tuple(subtree) == ROOT else rows
 
 
 def get(port, oids, community="public", tool="snmpget", extra=()):
@@ -400,7 +427,24 @@ def pysnmp_walk(port, subtree, community="public"):
         for name, val in var_binds:
             v = bytes(val) if isinstance(val, rfc1902.OctetString) else int(val)
             out.append((tuple(name), v))
-    return out
+    return without_feed(out) if tuple(subtree) == ROOT else out
+
+
+def feed_health(port, community="public"):
+    """The feed's health scalars by name (FEED_OBJECTS): texts and times as bytes, the rest int."""
+    rc, out, err = run_tool("snmpget", common_args(port, community) +
+                            [oid_str(FEED + (n, 0)) for n in FEED_OBJECTS.values()])
+    if rc != 0:
+        raise RuntimeError("snmpget failed (%d): %s" % (rc, err))
+    by_oid = {}
+    for oid, value in parse_tool_output(out):
+        if isinstance(value, str):
+            kind, _, number = value.partition(":")
+            if kind not in ("Gauge32", "Counter32"):
+                raise RuntimeError("unexpected value for %s: %s" % (oid_str(oid), value))
+            value = int(number)
+        by_oid[oid] = value
+    return {name: by_oid[FEED + (n, 0)] for name, n in FEED_OBJECTS.items()}
 
 
 def pysnmp_v3_get(port, oid, user, auth_key, priv_key, context=""):

@@ -816,7 +816,7 @@ TEST_F(FileFeed, LoadsInitiallyAndAppliesARenamedFile) {
     EXPECT_EQ(feed.applied(), first);
     EXPECT_EQ(log, (std::vector<std::string>{"state file " + path.string() +
                                               ": applied 3 changes (daemons: 1 added, 0 removed; rows: 3 added, 0 "
-                                              "removed; 0 changed in place)"}));
+                                              "removed; 0 changed in place); serving 1 daemon, 3 rows"}));
     feed.start();
 
     LauncherState second = {{"bgpd", daemonWith({{"asn", "65002"}})}, {"ntpd", DaemonState{}}};
@@ -826,7 +826,7 @@ TEST_F(FileFeed, LoadsInitiallyAndAppliesARenamedFile) {
     EXPECT_EQ(rowsOf(*mib), expectedRows(second));
     EXPECT_EQ(log.back(), "state file " + path.string() +
                               ": applied 3 changes (daemons: 1 added, 0 removed; rows: 2 added, 0 removed; 1 changed "
-                              "in place)");
+                              "in place); serving 2 daemons, 5 rows");
     EXPECT_EQ(feed.refused(), 0u);
     feed.stop();
     feed.stop();   // again: nothing
@@ -866,21 +866,151 @@ TEST_F(FileFeed, RefusesABadFileAndKeepsServing) {
     StateFeed& feed = makeFeed(path);
     feed.loadInitial();
     feed.start();
+    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));
     auto rows = rowsOf(*mib);
     auto version = mib->version();
 
-    replaceFile(path, "{\"daemons\": {\"bgpd\": {\"config\": {\"enabled\": \"yes\"}}}}");
+    // A wrong top level refuses the whole file, good daemons included.
+    replaceFile(path, "{\"daemons\": {\"bgpd\": {\"config\": {\"enabled\": false}}}, \"version\": 2}");
     EXPECT_TRUE(pumpUntil(feed, [&] { return feed.refused() == 1 && log.size() == 2; }));
     EXPECT_EQ(log.back(), "state file " + path.string() +
-                              ": daemon \"bgpd\" config \"enabled\": must be true or false, not a string (line 1)");
+                              ": top level: unknown member \"version\", expected \"daemons\" (line 1)");
     EXPECT_EQ(feed.applied(), good);
     EXPECT_EQ(rowsOf(*mib), rows);
     EXPECT_EQ(mib->version(), version);
+    EXPECT_EQ(feed.source().health().state, SourceState::refused);
+    EXPECT_EQ(feed.source().health().lastRefusal, log.back());
 
-    // A good file afterwards is applied as usual.
+    // A good file afterwards is applied as usual, and the recovery is said after it.
     LauncherState next = {{"bgpd", daemonWith({{"asn", "65002"}})}};
     replaceFile(path, toJson(next));
-    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == next; }));
+    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == next && log.size() == 4; }));
+    EXPECT_EQ(log[3], "state file " + path.string() + ": recovered; it was refused");
+    EXPECT_EQ(feed.source().health().state, SourceState::ok);
+}
+
+// One bad daemon entry: every other daemon is applied, the bad one keeps its last good
+// state (or is not served when new), and each is said in one line.
+TEST_F(FileFeed, PartlyBadReloadAppliesEveryGoodDaemonAndKeepsTheBadOnesLastState) {
+    LauncherState good = {{"bgpd", daemonWith({{"asn", "65001"}})},
+                          {"ntpd", daemonWith({{"server", "a"}})},
+                          {"sshd", daemonWith({{"port", "22"}})}};
+    writeFile(path, toJson(good));
+    StateFeed& feed = makeFeed(path);
+    feed.loadInitial();
+    feed.start();
+    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));
+    log.clear();
+
+    // bgpd: a value of the wrong type; ntpd and sshd changed; lldpd new but with an
+    // over-long key, so never served.
+    const std::string key65(65, 'k');
+    replaceFile(path, "{\"daemons\": {\n"
+                      "\"bgpd\": {\"config\": {\"enabled\": true, \"options\": {\"asn\": 65002}}},\n"
+                      "\"ntpd\": {\"config\": {\"enabled\": true, \"options\": {\"server\": \"b\"}}},\n"
+                      "\"lldpd\": {\"status\": {\"data\": {\"" + key65 + "\": \"1\"}}},\n"
+                      "\"sshd\": {\"config\": {\"enabled\": false, \"options\": {\"port\": \"22\"}}}}}");
+    LauncherState expected = good;
+    expected["ntpd"].options["server"] = "b";
+    expected["sshd"].enabled = false;
+    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.applied() == expected && log.size() == 3; }));
+    const std::string p = "state file " + path.string() + ": ";
+    EXPECT_EQ(log[0], p + "daemon \"bgpd\" option \"asn\": value must be a string, not a number (line 2); "
+                          "serving its last good state");
+    EXPECT_EQ(log[1], p + "daemon \"lldpd\" data \"" + std::string(64, 'k') +
+                          "...\": key is 65 bytes, more than 64 (line 4); not served");
+    EXPECT_EQ(log[2], p + "applied 2 changes (daemons: 0 added, 0 removed; rows: 0 added, 0 removed; 2 changed in "
+                          "place); serving 3 daemons, 9 rows");
+    EXPECT_EQ(rowsOf(*mib), expectedRows(expected));
+    SourceHealth health = feed.source().health();
+    EXPECT_EQ(health.state, SourceState::ok);
+    EXPECT_EQ(health.reloads, 3u);
+    EXPECT_EQ(health.refused, 0u);
+    EXPECT_EQ(health.skipped, 2u);
+    EXPECT_EQ(health.skippedNow, 2u);
+    EXPECT_EQ(health.lastSkip, log[1]);
+
+    // bgpd's last good state stays through a reload that drops it from the file no more:
+    // a reload that leaves bgpd bad and changes nothing else changes nothing.
+    replaceFile(path, "{\"daemons\": {\"bgpd\": [],\n"
+                      "\"ntpd\": {\"config\": {\"enabled\": true, \"options\": {\"server\": \"b\"}}},\n"
+                      "\"sshd\": {\"config\": {\"enabled\": false, \"options\": {\"port\": \"22\"}}}}}");
+    ASSERT_TRUE(pumpUntil(feed, [&] { return log.size() == 4; }));
+    EXPECT_EQ(log[3], p + "daemon \"bgpd\": must be an object, not an array (line 1); serving its last good state");
+    EXPECT_EQ(feed.applied(), expected);
+
+    // Once bgpd is good again, it is applied; a daemon left out of the file goes.
+    LauncherState last = expected;
+    last["bgpd"].options["asn"] = "65002";
+    last.erase("sshd");
+    replaceFile(path, toJson(last));
+    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.applied() == last; }));
+    EXPECT_EQ(rowsOf(*mib), expectedRows(last));
+    EXPECT_EQ(feed.source().health().skippedNow, 0u);
+    EXPECT_EQ(feed.source().health().skipped, 3u);
+}
+
+// Many bad entries in one read: twenty lines, then one with the rest's count; all counted.
+TEST_F(FileFeed, ManySkippedEntriesAreSaidInTwentyLinesAndACount) {
+    std::string text = "{\"daemons\": {\"good\": {}";
+    for (int i = 0; i < 25; ++i) text += ",\n\"bad" + std::to_string(100 + i) + "\": 1";
+    text += "}}";
+    writeFile(path, text);
+    StateFeed& feed = makeFeed(path);
+    feed.loadInitial();
+    ASSERT_EQ(log.size(), 22u);
+    const std::string p = "state file " + path.string() + ": ";
+    EXPECT_EQ(log[0], p + "daemon \"bad100\": must be an object, not a number (line 2); not served");
+    EXPECT_EQ(log[19], p + "daemon \"bad119\": must be an object, not a number (line 21); not served");
+    EXPECT_EQ(log[20], p + "5 more daemon entries skipped");
+    EXPECT_EQ(log[21].rfind(p + "applied ", 0), 0u) << log[21];
+    EXPECT_EQ(feed.applied(), (LauncherState{{"good", DaemonState{}}}));
+    SourceHealth health = feed.source().health();
+    EXPECT_EQ(health.skippedNow, 25u);
+    EXPECT_EQ(health.skipped, 25u);
+    EXPECT_EQ(health.lastSkip, p + "daemon \"bad124\": must be an object, not a number (line 26); not served");
+}
+
+TEST(StateParse, SkipsBadDaemonEntriesWhenAsked) {
+    const std::string name33(33, 'n');
+    SkippedDaemons skipped;
+    LauncherState s = parseState("{\"daemons\": {\n"
+                                 "\"a\": {\"config\": {\"enabled\": \"yes\", \"options\": {\"x\": [1, {\"y\": 2}]}}},\n"
+                                 "\"b\": {\"config\": {\"enabled\": true}},\n"
+                                 "\"" + name33 + "\": {\"status\": {}},\n"
+                                 "\"c\": \"on\",\n"
+                                 "\"b\": {},\n"
+                                 "\"\": {},\n"
+                                 "\"d\": {\"status\": {\"runing\": true}},\n"
+                                 "\"b\": {},\n"
+                                 "\"e\": {\"status\": {\"running\": true}}}}",
+                                 file, skipped);
+    DaemonState e;
+    e.hasStatus = true;
+    e.running = true;
+    EXPECT_EQ(s, (LauncherState{{"e", e}}));
+    const std::string p = "state file /x/state.json: ";
+    ASSERT_EQ(skipped.size(), 7u);
+    EXPECT_EQ(skipped[0].name, "a");
+    EXPECT_TRUE(skipped[0].indexable);
+    EXPECT_EQ(skipped[0].message, p + "daemon \"a\" config \"enabled\": must be true or false, not a string (line 2)");
+    EXPECT_EQ(skipped[1].name, name33);
+    EXPECT_FALSE(skipped[1].indexable);
+    EXPECT_EQ(skipped[1].message, p + "daemon \"" + name33 + "\": name is 33 bytes, more than 32 (line 4)");
+    EXPECT_EQ(skipped[2].message, p + "daemon \"c\": must be an object, not a string (line 5)");
+    EXPECT_EQ(skipped[3].name, "b");
+    EXPECT_EQ(skipped[3].message, p + "daemon \"b\": appears twice (line 6)");
+    EXPECT_FALSE(skipped[4].indexable);
+    EXPECT_EQ(skipped[4].message, p + "daemon \"\": name is empty (line 7)");
+    EXPECT_EQ(skipped[5].message, p + "daemon \"d\" status: unknown member \"runing\", expected \"running\" or \"data\" (line 8)");
+    EXPECT_EQ(skipped[6].message, p + "daemon \"b\": appears twice (line 9)");
+
+    // The file as a whole is still refused for its syntax and its top level.
+    EXPECT_THROW(parseState("{\"daemons\": {\"a\": {\"config\": 1}, }}", file, skipped), StateError);
+    EXPECT_THROW(parseState("{\"daemons\": {\"a\": {}}, \"x\": 1}", file, skipped), StateError);
+    EXPECT_THROW(parseState("{\"daemons\": []}", file, skipped), StateError);
+    // Without a place for skipped daemons, a bad one refuses the file.
+    EXPECT_THROW(parseState("{\"daemons\": {\"c\": \"on\"}}", file), StateError);
 }
 
 TEST_F(FileFeed, InitialLoadOfABadFileThrowsAndServesNothing) {
@@ -1018,11 +1148,15 @@ TEST_F(FileFeed, QueuedReloadsApplyInOrderAgainstWhatIsServed) {
     EXPECT_EQ(feed.applied(), a);
     const std::string p = "state file " + path.string() + ": ";
     EXPECT_EQ(log, (std::vector<std::string>{
-                       p + "applied 1 change (daemons: 0 added, 0 removed; rows: 0 added, 0 removed; 1 changed in place)",
-                       p + "applied 1 change (daemons: 0 added, 0 removed; rows: 0 added, 0 removed; 1 changed in place)",
+                       p + "applied 1 change (daemons: 0 added, 0 removed; rows: 0 added, 0 removed; 1 changed in place); "
+                           "serving 2 daemons, 7 rows",
+                       p + "applied 1 change (daemons: 0 added, 0 removed; rows: 0 added, 0 removed; 1 changed in place); "
+                           "serving 2 daemons, 7 rows",
                        // c drops ntpd (enabled, running and one option row) and keeps b's asn
-                       p + "applied 4 changes (daemons: 0 added, 1 removed; rows: 0 added, 3 removed; 1 changed in place)",
-                       p + "applied 4 changes (daemons: 1 added, 0 removed; rows: 3 added, 0 removed; 1 changed in place)",
+                       p + "applied 4 changes (daemons: 0 added, 1 removed; rows: 0 added, 3 removed; 1 changed in place); "
+                           "serving 1 daemon, 4 rows",
+                       p + "applied 4 changes (daemons: 1 added, 0 removed; rows: 3 added, 0 removed; 1 changed in place); "
+                           "serving 2 daemons, 7 rows",
                    }));
     ASSERT_NE(mib->optionTable(GenericAgent::OptionTableIndex(Orbel::String("bgpd"), Orbel::String("asn"))), nullptr);
     EXPECT_EQ(mib->optionTable(GenericAgent::OptionTableIndex(Orbel::String("bgpd"), Orbel::String("asn")))->val(),
@@ -1030,37 +1164,36 @@ TEST_F(FileFeed, QueuedReloadsApplyInOrderAgainstWhatIsServed) {
 }
 
 // A reload drops an unchanged daemon's keys as soon as it has been read, keeping its name:
-// a later daemon of the same name is still refused, and a file that goes bad after
-// unchanged and changed daemons changes nothing, not even the digests the next reload
-// compares with.
-TEST_F(FileFeed, ReloadRefusesADuplicateOfAnUnchangedDaemonAndKeepsItsDigests) {
+// a later daemon of the same name is still told, and the daemon named twice keeps its
+// last good state (and digest) while the other changes are applied.
+TEST_F(FileFeed, ReloadSkipsADuplicateOfAnUnchangedDaemonAndKeepsItsDigest) {
     LauncherState good = {{"bgpd", daemonWith({{"asn", "65001"}})}, {"ntpd", daemonWith({{"server", "a"}})}};
     writeFile(path, toJson(good));
     StateFeed& feed = makeFeed(path);
     feed.loadInitial();
     feed.start();
     ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));
-    auto rows = rowsOf(*mib);
-    auto version = mib->version();
 
-    // bgpd unchanged, ntpd changed, then bgpd again.
+    // bgpd unchanged, ntpd changed, then bgpd again, different.
     replaceFile(path, "{\"daemons\": {\"bgpd\": {\"config\": {\"enabled\": true, \"options\": {\"asn\": \"65001\"}}},\n"
                       "\"ntpd\": {\"config\": {\"enabled\": true, \"options\": {\"server\": \"b\"}}},\n"
                       "\"bgpd\": {}}}");
-    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.refused() == 1 && log.size() == 2; }));
-    EXPECT_EQ(log.back(), "state file " + path.string() + ": daemon \"bgpd\": appears twice (line 3)");
-    EXPECT_EQ(feed.applied(), good);
-    EXPECT_EQ(rowsOf(*mib), rows);
-    EXPECT_EQ(mib->version(), version);
-
-    // The changed ntpd of the refused file was not remembered: writing it again applies it.
     LauncherState next = good;
     next["ntpd"].options["server"] = "b";
+    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.applied() == next && log.size() == 3; }));
+    EXPECT_EQ(log[1], "state file " + path.string() + ": daemon \"bgpd\": appears twice (line 3); serving its last good state");
+    EXPECT_EQ(feed.refused(), 0u);
+
+    // bgpd's digest is the one of the last good file: writing that file again changes
+    // nothing for bgpd, and a changed bgpd is applied.
     replaceFile(path, toJson(next));
-    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.applied() == next; }));
+    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 4; }));
+    EXPECT_EQ(log.size(), 3u) << log.back();
+    LauncherState last = next;
+    last["bgpd"].options["asn"] = "65002";
+    replaceFile(path, toJson(last));
+    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.applied() == last; }));
     EXPECT_EQ(log.back(), "state file " + path.string() +
-                              ": applied 1 change (daemons: 0 added, 0 removed; rows: 0 added, 0 removed; 1 changed in place)");
-    // And going back to the first file applies that too.
-    replaceFile(path, toJson(good));
-    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.applied() == good; }));
+                              ": applied 1 change (daemons: 0 added, 0 removed; rows: 0 added, 0 removed; 1 changed in "
+                              "place); serving 2 daemons, 6 rows");
 }

@@ -1,0 +1,86 @@
+// The varbinds the notifier hands to send_v2trap, and what it refuses.
+#include "agent/notify/Notifier.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <vector>
+
+namespace {
+
+using Agent::Notification;
+using Agent::NotificationKind;
+
+struct Varbind {
+    std::vector<oid> name;
+    u_char type;
+    std::vector<oid> oidValue;
+    long intValue;
+};
+
+std::vector<Varbind> decoded(const Notification& n) {
+    std::vector<Varbind> out;
+    netsnmp_variable_list* list = Agent::Notifier::varbinds(n);
+    for (netsnmp_variable_list* v = list; v; v = v->next_variable) {
+        Varbind b{std::vector<oid>(v->name, v->name + v->name_length), v->type, {}, 0};
+        if (v->type == ASN_OBJECT_ID) b.oidValue.assign(v->val.objid, v->val.objid + v->val_len / sizeof(oid));
+        if (v->type == ASN_INTEGER) b.intValue = *v->val.integer;
+        out.push_back(std::move(b));
+    }
+    snmp_free_varbind(list);
+    return out;
+}
+
+const std::vector<oid> root = {1, 3, 6, 1, 4, 1, VELMAR_ENTERPRISE_NUMBER, 3, 17};
+const std::vector<oid> trapOid = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
+
+std::vector<oid> under(std::vector<oid> tail) {
+    std::vector<oid> o = root;
+    o.insert(o.end(), tail.begin(), tail.end());
+    return o;
+}
+
+} // namespace
+
+TEST(Notifier, RunningChangeCarriesRunningThenEnabledIndexedByName) {
+    auto v = decoded({"bgpd", NotificationKind::runningChange, true, false});
+    ASSERT_EQ(v.size(), 3u);
+    EXPECT_EQ(v[0].name, trapOid);
+    EXPECT_EQ(v[0].type, ASN_OBJECT_ID);
+    EXPECT_EQ(v[0].oidValue, under({0, 1}));
+    EXPECT_EQ(v[1].name, under({2, 1, 1, 2, 4, 'b', 'g', 'p', 'd'}));
+    EXPECT_EQ(v[1].type, ASN_INTEGER);
+    EXPECT_EQ(v[1].intValue, 2);   // false
+    EXPECT_EQ(v[2].name, under({1, 1, 1, 2, 4, 'b', 'g', 'p', 'd'}));
+    EXPECT_EQ(v[2].intValue, 1);   // true
+}
+
+TEST(Notifier, EnabledChangeCarriesEnabledFirst) {
+    auto v = decoded({"ntpd", NotificationKind::enabledChange, false, true});
+    ASSERT_EQ(v.size(), 3u);
+    EXPECT_EQ(v[0].oidValue, under({0, 2}));
+    EXPECT_EQ(v[1].name, under({1, 1, 1, 2, 4, 'n', 't', 'p', 'd'}));
+    EXPECT_EQ(v[1].intValue, 2);
+    EXPECT_EQ(v[2].name, under({2, 1, 1, 2, 4, 'n', 't', 'p', 'd'}));
+    EXPECT_EQ(v[2].intValue, 1);
+}
+
+TEST(Notifier, GoneCarriesTheLastFlags) {
+    auto v = decoded({"sshd", NotificationKind::gone, true, true});
+    ASSERT_EQ(v.size(), 3u);
+    EXPECT_EQ(v[0].oidValue, under({0, 3}));
+    EXPECT_EQ(v[1].intValue, 1);
+    EXPECT_EQ(v[2].intValue, 1);
+}
+
+TEST(Notifier, NameBytesAboveAsciiAreOneSubIdentifierEach) {
+    const std::string name = "d\xc3\xa9";   // "dé" in UTF-8: three bytes
+    auto v = decoded({name, NotificationKind::runningChange, true, true});
+    EXPECT_EQ(v[1].name, under({2, 1, 1, 2, 3, 'd', 0xc3, 0xa9}));
+}
+
+TEST(Notifier, RefusesAZeroRateOrANegativeHoldDown) {
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    EXPECT_THROW(Agent::Notifier(mib, {std::chrono::milliseconds(1000), 0}, nullptr), std::invalid_argument);
+    EXPECT_THROW(Agent::Notifier(mib, {std::chrono::milliseconds(-1), 10}, nullptr), std::invalid_argument);
+}
