@@ -178,8 +178,11 @@ int main(int argc, char** argv) {
     }
 
     // The state model, at the path the module looks for it.
-    Agent::Host host([](Feed::Severity severity, const std::string& line) {
+    // Warnings and errors of the source (a daemon entry skipped, a file refused) fail --check.
+    std::size_t sourceProblems = 0;
+    Agent::Host host([&sourceProblems](Feed::Severity severity, const std::string& line) {
         static constexpr Level levels[] = {Level::error, Level::warning, Level::notice, Level::info};
+        if (severity == Feed::Severity::error || severity == Feed::Severity::warning) ++sourceProblems;
         logLine(levels[static_cast<int>(severity)], line);
     });
     try {
@@ -278,6 +281,12 @@ int main(int argc, char** argv) {
     }
     if (opts.check) {
         int rc = 0;
+        if (sourceProblems > 0) {
+            logLine(Level::error, "--check: the " + host.feed()->source().description() + " has " +
+                                      std::to_string(sourceProblems) + (sourceProblems == 1 ? " problem" : " problems") +
+                                      " (above)");
+            rc = 2;
+        }
         std::string addresses;
         if (subagent) {
             addresses = "would register with the AgentX master at " + opts.agentx;

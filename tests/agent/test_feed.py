@@ -176,7 +176,7 @@ class LifecycleTest(unittest.TestCase):
             try:
                 version = subprocess.run([h.AGENT, "--version"], capture_output=True, text=True,
                                          timeout=10).stdout.split()[-1]
-                lines = [l for l in a.stderr_lines if "serving" in l]
+                lines = [l for l in a.stderr_lines if "serving VELMAR-DAEMON-MIB" in l]
                 self.assertEqual(len(lines), 1, a.stderr())
                 # The version, the source, the address and the counts (BASE: 2 daemons).
                 self.assertIn(" notice velmar-snmp-agent: velmar-snmp-agent %s serving VELMAR-DAEMON-MIB (enterprises.%d.3.17) "

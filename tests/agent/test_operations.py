@@ -226,7 +226,7 @@ s.settimeout(0.2)
 p = subprocess.Popen(sys.argv[1:], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
 got = []
 deadline = time.time() + 10
-while time.time() < deadline and not any(b"serving" in g for g in got):
+while time.time() < deadline and not any(b"serving VELMAR-DAEMON-MIB" in g for g in got):
     try:
         got.append(s.recv(65536))
     except socket.timeout:
@@ -255,7 +255,7 @@ print("STDERR:" + p.stderr.read().decode("utf-8", "replace").replace("\n", "|"))
             self.assertIsNotNone(pri, m)
             self.assertEqual(int(pri.group(1)) >> 3, 3, m)   # LOG_DAEMON
             self.assertIn("velmar-snmp-agent[", m)
-        self.assertTrue(any(m.startswith("<29>") and "serving" in m for m in messages), messages)   # notice
+        self.assertTrue(any(m.startswith("<29>") and "serving VELMAR-DAEMON-MIB" in m for m in messages), messages)   # notice
 
 
 class RefusalTest(Fixture):
@@ -264,7 +264,7 @@ class RefusalTest(Fixture):
         self.assertEqual(rc, code, err)
         for n in needles:
             self.assertIn(n, err)
-        self.assertNotIn("serving", out + err)
+        self.assertNotIn("serving VELMAR-DAEMON-MIB", out + err)
         return err
 
     def test_config_typo_is_refused_with_file_and_line(self):
@@ -405,12 +405,18 @@ class CheckTest(Fixture):
         self.assertFalse(os.path.exists(self.tmp.file("master")))
 
     def test_bad_state(self):
-        with open(self.state, "w") as f:
-            f.write('{"daemons": {"bgpd": {"config": {"enabled": "yes"}}}}')
-        rc, out, err = run_agent(["--check", "--state", self.state])
-        self.assertEqual(rc, 2, out + err)
-        self.assertEqual(out, "")
-        self.assertIn("state file " + self.state, err)
+        # A file refused whole, and a file with one bad daemon entry (served without it, but
+        # not what its writer meant).
+        for name, text, needle in (("syntax", '{"daemons": {', "state file " + self.state),
+                                   ("bad entry", '{"daemons": {"bgpd": {"config": {"enabled": "yes"}}, "ntpd": {}}}',
+                                    'daemon "bgpd"')):
+            with self.subTest(name):
+                with open(self.state, "w") as f:
+                    f.write(text)
+                rc, out, err = run_agent(["--check", "--state", self.state])
+                self.assertEqual(rc, 2, out + err)
+                self.assertEqual(out, "")
+                self.assertIn(needle, err)
 
     def test_bad_config(self):
         conf = self.config("rocommunity public 127.0.0.1\nrouser\n")

@@ -204,7 +204,7 @@ class Agent(Process):
         for l in self.listen:
             argv += ["--listen", l]
         argv += list(extra)
-        super().__init__(argv, "serving", env=env, cwd=cwd)
+        super().__init__(argv, "serving VELMAR-DAEMON-MIB", env=env, cwd=cwd)
 
 
 SNMPD = os.environ.get("VELMAR_SNMPD", "/usr/sbin/snmpd")
