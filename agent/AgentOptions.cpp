@@ -106,6 +106,15 @@ void build(CLI::App& app, AgentOptions& o) {
         ->check(CLI::Range(1, 1000000))
         ->default_val(100);
     app.add_option("--debug", o.debug, "Net-SNMP debug tokens, e.g. VelmarDaemonMIB,trace");
+    app.add_option("--log", o.log,
+                   "Where every log line goes, Net-SNMP's included: stderr (with timestamps and levels), journal "
+                   "(standard error with the journal's priority prefixes, no timestamps), syslog (facility daemon), "
+                   "file:PATH (appended, reopened on SIGHUP), or auto: journal when standard error is the journal's "
+                   "stream (JOURNAL_STREAM), stderr otherwise")
+        ->default_val("auto");
+    app.add_flag("--check", o.check,
+                 "Load and validate the launcher source, the --config file and the addresses, print what would be "
+                 "served (daemons, rows, addresses) and exit: 0 when all is good, 2 otherwise. Opens no address");
     app.set_version_flag("--version", std::string("velmar-snmp-agent ") + VELMAR_VERSION);
     app.get_formatter()->column_width(28);
 }

@@ -21,6 +21,8 @@ struct AgentOptions {
     std::string modulePath;            // the module library
     std::string trace;                 // trace levels, e.g. Snmp/0-2,8
     std::string debug;                 // Net-SNMP debug tokens
+    std::string log = "auto";          // log destination: auto, stderr, journal, syslog, file:PATH
+    bool check = false;                // validate source and configuration, print, exit
     int notifyHolddownMs = 1000;       // per daemon: changes after a notification held this long
     int notifyRate = 100;              // notifications per second, all daemons together
 };

@@ -1,4 +1,5 @@
 #include "SourceChoice.h"
+#include "Served.h"
 
 #include "feed/file/FileSource.h"
 #include "feed/systemd/SystemdSource.h"
@@ -76,22 +77,14 @@ std::unique_ptr<Feed::Source> makeSource(const AgentOptions& o) {
 }
 
 std::string sourceText(const AgentOptions& o) {
-    if (!o.systemd) return o.stateFile;
+    if (!o.systemd) return "state file " + o.stateFile;
     const Feed::SystemdSource::Options s = systemdOptions(o);
     return "systemd (system bus " + Feed::SystemdSource::busAddressFor(s) + ", units " +
            (o.units.empty() ? std::string(Feed::defaultUnitPatterns) : o.units) + ")";
 }
 
 std::string servedText(const Feed::StateFeed& feed) {
-    const Feed::LauncherState& state = feed.applied();
-    std::size_t rows = 0;
-    for (const auto& [name, d] : state) {
-        rows += 2;   // every daemon has an enabled and a running row
-        for (const auto& [key, value] : d.options) rows += !value.empty();
-        for (const auto& [key, value] : d.data) rows += !value.empty();
-    }
-    std::string text = std::to_string(state.size()) + (state.size() == 1 ? " daemon, " : " daemons, ") +
-                       std::to_string(rows) + (rows == 1 ? " row" : " rows");
+    std::string text = servedOf(feed.applied()).text();
     if (const auto* systemd = dynamic_cast<const Feed::SystemdSource*>(&feed.source())) {
         if (std::size_t skipped = systemd->skippedUnits())
             text += "; " + std::to_string(skipped) + (skipped == 1 ? " unit" : " units") + " skipped (name over " +

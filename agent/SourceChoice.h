@@ -36,11 +36,11 @@ std::string sourceProblem(const CLI::App& app, AgentOptions& opts);
 // pattern list.
 std::unique_ptr<Feed::Source> makeSource(const AgentOptions& opts);
 
-// What the start line says the agent serves from: the state file's path, or
+// What the start line says the agent serves from: "state file PATH", or
 // "systemd (system bus unix:path=/run/dbus/system_bus_socket, units *.service)".
 std::string sourceText(const AgentOptions& opts);
 
-// What is served now: "42 daemons, 630 rows", with "; 1 unit skipped (name over 32 bytes)"
+// What is served now: "42 daemons, 630 rows (enabled 42, ...)" (Served.h), with "; 1 unit skipped (name over 32 bytes)"
 // and "; not connected to systemd yet, trying again" from a systemd source when so.
 std::string servedText(const Feed::StateFeed& feed);
 

@@ -5,8 +5,12 @@
 // One thread touches the model: Net-SNMP's select loop serves requests, applies state
 // changes handed over by the feed's worker thread, and runs the framework's activity loop.
 #include "AgentOptions.h"
+#include "Diagnose.h"
 #include "Host.h"
+#include "Log.h"
+#include "Readiness.h"
 #include "SourceChoice.h"
+#include "SystemGroup.h"
 #include "agent/notify/Notifier.h"
 
 #include "orbel/Activity.h"
@@ -19,6 +23,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -35,11 +40,22 @@
 extern "C" {
 // Net-SNMP's VACM configuration tokens (community, view, access, rouser, ...).
 void init_vacm_conf(void);
+// The AgentX subagent's session with its master; null while it has none.
+extern netsnmp_session* main_session;
 }
+
+#ifndef VELMAR_VERSION
+#define VELMAR_VERSION "unknown"
+#endif
 
 namespace {
 
 constexpr const char* appName = "velmar-snmp-agent";
+constexpr const char* appVersion = VELMAR_VERSION;
+
+using Agent::Log::Level;
+
+void logLine(Level level, const std::string& text) { Agent::Log::write(level, text); }
 
 int signalPipe[2] = {-1, -1};
 volatile sig_atomic_t stopRequested = 0;
@@ -67,13 +83,15 @@ void onSignalPipe(int fd, void*) {
     while ((n = ::read(fd, buf, sizeof buf)) > 0) {
         for (ssize_t i = 0; i < n; ++i) {
             if (buf[i] == 'h') {
+                // The log file first, so that this line is the first in a rotated one.
+                if (std::string err = Agent::Log::reopen(); !err.empty()) logLine(Level::error, "SIGHUP: " + err);
+                else if (Agent::Log::destination().rfind("file:", 0) == 0) logLine(Level::notice, "SIGHUP: log file reopened");
                 if (servingHost && servingHost->feed()) {
-                    std::cerr << appName << ": SIGHUP: reading the " << servingHost->feed()->source().description()
-                              << " again" << std::endl;
+                    logLine(Level::notice, "SIGHUP: reading the " + servingHost->feed()->source().description() + " again");
                     servingHost->feed()->source().reread();
                 }
             } else if (buf[i] == 'u') {
-                std::cerr << appName << ": SIGUSR1: ignored" << std::endl;
+                logLine(Level::notice, "SIGUSR1: ignored");
             }
         }
     }
@@ -109,6 +127,22 @@ std::string readableError(const std::string& what, const std::string& path) {
     return {};
 }
 
+// sysDescr: the agent, its version, what it serves and the system it runs on.
+std::string systemDescription() {
+    std::string text = std::string(appName) + " " + appVersion + ": VELMAR-DAEMON-MIB, the launcher's daemon state";
+    struct utsname u {};
+    if (::uname(&u) == 0) text += std::string(" (") + u.sysname + " " + u.release + " " + u.machine + ")";
+    return text;
+}
+
+// The line that says the agent serves, and what.
+std::string servingText(const Agent::AgentOptions& opts, const Agent::Host& host) {
+    const bool subagent = !opts.agentx.empty();
+    return std::string(appName) + " " + appVersion + " serving VELMAR-DAEMON-MIB (" + Agent::subtreeText() + ") from " +
+           Agent::sourceText(opts) + (subagent ? " as AgentX subagent of " : " on ") +
+           (subagent ? opts.agentx : Agent::joined(opts.listen)) + ": " + Agent::servedText(*host.feed());
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -117,13 +151,17 @@ int main(int argc, char** argv) {
         int rc = Agent::parseOptions(argc, argv, opts);
         if (rc >= 0) return rc;
     }
+    if (std::string err = Agent::Log::open(opts.log); !err.empty()) {
+        std::cerr << appName << ": " << err << " (see --help)\n";
+        return 2;
+    }
     for (const auto& [what, path] : {std::pair<std::string, std::string>{"state file", opts.stateFile},
                                      {"config file", opts.configFile},
                                      {"module", opts.modulePath}}) {
         if (path.empty()) continue;
         std::string err = readableError(what, path);
         if (!err.empty()) {
-            std::cerr << appName << ": cannot read " << err << "\n";
+            logLine(Level::error, "cannot read " + err);
             return 2;
         }
     }
@@ -131,20 +169,24 @@ int main(int argc, char** argv) {
         try {
             Orbel::traceConfigIs(opts.trace);
         } catch (const Orbel::Exception& e) {
-            std::cerr << appName << ": --trace: " << e.message() << "\n";
+            logLine(Level::error, "--trace: " + e.message().stdString());
             return 2;
         }
     }
 
     // The state model, at the path the module looks for it.
-    Agent::Host host([](Feed::Severity, const std::string& line) {
-        std::cerr << appName << ": " << line << std::endl;
+    // Warnings and errors of the source (a daemon entry skipped, a file refused) fail --check.
+    std::size_t sourceProblems = 0;
+    Agent::Host host([&sourceProblems](Feed::Severity severity, const std::string& line) {
+        static constexpr Level levels[] = {Level::error, Level::warning, Level::notice, Level::info};
+        if (severity == Feed::Severity::error || severity == Feed::Severity::warning) ++sourceProblems;
+        logLine(levels[static_cast<int>(severity)], line);
     });
     try {
         host.loadState(Agent::makeSource(opts));
     } catch (const std::exception& e) {
-        std::cerr << appName << ": " << e.what() << "\n";
-        return 1;
+        logLine(Level::error, e.what());
+        return opts.check ? 2 : 1;
     }
 
     // Net-SNMP: only our own configuration. Its search path is a private directory of its
@@ -155,7 +197,7 @@ int main(int argc, char** argv) {
     {
         char tmpl[] = "/tmp/velmar-snmp-agent.XXXXXX";
         if (!::mkdtemp(tmpl)) {
-            std::cerr << appName << ": cannot create a private directory: " << std::strerror(errno) << "\n";
+            logLine(Level::error, std::string("cannot create a private directory: ") + std::strerror(errno));
             return 1;
         }
         dir.path = tmpl;
@@ -167,8 +209,8 @@ int main(int argc, char** argv) {
         persistentDir = std::filesystem::absolute(opts.persistentDir, ec);
         if (!ec) std::filesystem::create_directories(persistentDir, ec);
         if (ec || !std::filesystem::is_directory(persistentDir)) {
-            std::cerr << appName << ": --persistent-dir " << opts.persistentDir << ": "
-                      << (ec ? ec.message() : std::string("not a directory")) << "\n";
+            logLine(Level::error, "--persistent-dir " + opts.persistentDir + ": " +
+                                      (ec ? ec.message() : std::string("not a directory")));
             return 2;
         }
     }
@@ -185,8 +227,9 @@ int main(int argc, char** argv) {
         configFile = (dir.path / "default-access.conf").string();
         std::ofstream(configFile) << "rocommunity public 127.0.0.1\nrocommunity6 public ::1\n";
     }
-    snmp_disable_log();
-    snmp_enable_stderrlog();
+    Agent::Log::routeNetSnmp();
+    // What Net-SNMP says about the configuration and the addresses, kept to refuse with.
+    std::optional<Agent::NetSnmpComplaints> complaints(std::in_place);
     netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_CONFIGURATION_DIR, dir.path.c_str());
     netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, persistentDir.c_str());
     if (!configFile.empty()) netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_OPTIONALCONFIG, configFile.c_str());
@@ -198,10 +241,10 @@ int main(int argc, char** argv) {
         debug_register_tokens(opts.debug.c_str());
         snmp_set_do_debugging(1);
     }
-    if (subagent) {
+    if (subagent && !opts.check) {
         netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE, 1);
         netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET, opts.agentx.c_str());
-    } else {
+    } else if (!subagent) {
         std::string ports;
         for (const auto& l : opts.listen) ports += (ports.empty() ? "" : ",") + l;
         netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_PORTS, ports.c_str());
@@ -216,19 +259,76 @@ int main(int argc, char** argv) {
     // After init_agent: its AgentX set-up resets the ping interval to the library's default
     // of 15 s.  The interval also paces reconnection attempts after the master goes away.
     if (subagent) netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL, opts.agentxPing);
-    if (!subagent) init_vacm_conf();
+    if (!subagent) {
+        // The system group and the engine's objects; a master of a subagent has its own.
+        Agent::initSystemGroup(systemDescription(), dir.path);
+        init_vacm_conf();
+    }
     init_snmp(appName);
+    if (!opts.configFile.empty()) {
+        // A directive Net-SNMP does not know or cannot use would otherwise leave an agent
+        // that answers nobody the way its operator meant.
+        const auto problems = complaints->aboutFile(opts.configFile);
+        if (!problems.empty()) {
+            for (const auto& p : problems) logLine(Level::error, "--config refused: " + p);
+            Agent::shutdownSystemGroup();
+            snmp_shutdown(appName);
+            return 2;
+        }
+    }
+    if (opts.check) {
+        int rc = 0;
+        if (sourceProblems > 0) {
+            logLine(Level::error, "--check: the " + host.feed()->source().description() + " has " +
+                                      std::to_string(sourceProblems) + (sourceProblems == 1 ? " problem" : " problems") +
+                                      " (above)");
+            rc = 2;
+        }
+        std::string addresses;
+        if (subagent) {
+            addresses = "would register with the AgentX master at " + opts.agentx;
+        } else {
+            for (const auto& l : opts.listen) {
+                if (std::string why = Agent::addressSyntaxProblem(l); !why.empty()) {
+                    logLine(Level::error, "--listen " + l + ": " + why);
+                    rc = 2;
+                }
+            }
+            addresses = "would listen on " + Agent::joined(opts.listen);
+        }
+        if (rc == 0) {
+            std::cout << appName << " " << appVersion << " check passed\n"
+                      << Agent::sourceText(opts) << ": " << Agent::servedText(*host.feed())
+                      << "\n"
+                      << "config: " << (opts.configFile.empty() ? std::string("none (read-only community public from localhost)") : opts.configFile + ": accepted")
+                      << "\n"
+                      << addresses << "\n"
+                      << "log: " << Agent::Log::destination() << std::endl;
+        }
+        complaints.reset();
+        Agent::shutdownSystemGroup();
+        snmp_shutdown(appName);
+        host.release();
+        return rc;
+    }
     if (!subagent && init_master_agent() != 0) {
-        std::cerr << appName << ": cannot listen on " << Agent::joined(opts.listen) << "\n";
+        const std::string failed = complaints->failedEndpoint().value_or(opts.listen.front());
+        std::string why = Agent::whyCannotListen(failed);
+        if (why.empty()) why = "Net-SNMP could not open it (see the lines above)";
+        logLine(Level::error, "cannot listen on " + failed + ": " + why);
+        complaints.reset();
+        Agent::shutdownSystemGroup();
         snmp_shutdown(appName);
         return 1;
     }
+    complaints.reset();
 
     int status = 0;
     try {
         host.loadModule(opts.modulePath, opts.contexts);
     } catch (const std::exception& e) {
-        std::cerr << appName << ": " << e.what() << "\n";
+        logLine(Level::error, e.what());
+        Agent::shutdownSystemGroup();
         snmp_shutdown(appName);
         return 1;
     }
@@ -236,7 +336,7 @@ int main(int argc, char** argv) {
     try {
         installSignals();
     } catch (const std::exception& e) {
-        std::cerr << appName << ": " << e.what() << "\n";
+        logLine(Level::error, e.what());
         return 1;
     }
     servingHost = &host;
@@ -244,28 +344,52 @@ int main(int argc, char** argv) {
     try {
         host.startFeed();
     } catch (const std::exception& e) {
-        std::cerr << appName << ": " << e.what() << "\n";
+        logLine(Level::error, e.what());
         unregister_readfd(signalPipe[0]);
         host.stopServing();
+        Agent::shutdownSystemGroup();
         snmp_shutdown(appName);
         return 1;
     }
 
     // After the initial load: the state as loaded is what receivers are taken to know.
     Agent::Notifier notifier(host.mib(), {std::chrono::milliseconds(opts.notifyHolddownMs), unsigned(opts.notifyRate)},
-                             [](const std::string& line) { std::cerr << appName << ": " << line << std::endl; });
+                             [](const std::string& line) { logLine(Level::notice, line); });
     notifier.start();
 
-    std::cout << appName << ": serving VELMAR-DAEMON-MIB (" << Agent::subtreeText() << ") from "
-              << Agent::sourceText(opts) << (subagent ? " as AgentX subagent of " : " on ")
-              << (subagent ? opts.agentx : Agent::joined(opts.listen)) << ": " << Agent::servedText(*host.feed())
-              << std::endl;
+    // A subagent serves only once its master has its registrations: until then (and
+    // whenever the master is gone) it says it is waiting.
+    bool registered = false;
+    auto sayWhereWeStand = [&] {
+        const bool now = !subagent || main_session != nullptr;
+        if (now == registered) return;
+        registered = now;
+        if (now) {
+            const std::string line = servingText(opts, host);
+            logLine(Level::notice, line);
+            Agent::Readiness::ready(line);
+        } else {
+            const std::string line = std::string(appName) + " " + appVersion + ": waiting for the master at " +
+                                     opts.agentx + " to register VELMAR-DAEMON-MIB (" + Agent::subtreeText() +
+                                     ") from " + Agent::sourceText(opts) + ": " + Agent::servedText(*host.feed());
+            logLine(Level::notice, line);
+            Agent::Readiness::status(line);
+        }
+    };
+    if (subagent && main_session == nullptr) {
+        registered = true;   // so that the first call says "waiting"
+    }
+    sayWhereWeStand();
+    if (std::uint64_t usec = Agent::Readiness::startWatchdog())
+        logLine(Level::info, "watchdog: keep-alive every " + std::to_string(usec / 2000) + " ms");
 
     while (!stopRequested) {
         agent_check_and_process(1);
         Orbel::ActivityLoop::instance().runPending();
+        sayWhereWeStand();
     }
-    std::cerr << appName << ": stopping" << std::endl;
+    Agent::Readiness::stopping();
+    logLine(Level::notice, "stopping");
 
     notifier.stop();
     unregister_readfd(signalPipe[0]);
@@ -274,6 +398,7 @@ int main(int argc, char** argv) {
     // library then frees the registrations it still holds, and only after that is the
     // module unloaded and the state tree cleared.
     host.stopServing();
+    Agent::shutdownSystemGroup();
     snmp_shutdown(appName);
     host.release();
     ::close(signalPipe[0]);

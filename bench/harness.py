@@ -31,6 +31,7 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -70,21 +71,32 @@ class Proc:
         self.name = name
         self.log_path = tempfile.mktemp(prefix=f"velmar-bench-{name}-", suffix=".log")
         self.log = open(self.log_path, "w")
-        self.proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=self.log, env=env, cwd=cwd, text=True)
+        # Standard output and error together (the agent's start line is in its log, on
+        # standard error), copied to the log by a thread so that the process never blocks.
+        self.proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, env=env, cwd=cwd, text=True)
         self.pid = self.proc.pid
+        self.lines = []
+        self.pump = threading.Thread(target=self._pump, daemon=True)
+        self.pump.start()
+
+    def _pump(self):
+        for line in self.proc.stdout:
+            self.lines.append(line)
+            self.log.write(line)
 
     def wait_line(self, word, timeout=120):
         deadline = time.time() + timeout
+        seen = 0
         while time.time() < deadline:
-            line = self.proc.stdout.readline()
-            if not line:
+            while seen < len(self.lines):
+                if word in self.lines[seen]:
+                    return self.lines[seen]
+                seen += 1
+            if self.proc.poll() is not None and not self.pump.is_alive():
                 break
-            if word in line:
-                return line
-        self.log.flush()
-        with open(self.log_path, errors="replace") as f:
-            tail = f.read()[-2000:]
-        raise RuntimeError(f"{self.name} did not say '{word}'; its standard error ends:\n{tail}")
+            time.sleep(0.01)
+        tail = "".join(self.lines)[-2000:]
+        raise RuntimeError(f"{self.name} did not say '{word}'; its output ends:\n{tail}")
 
     def stop(self):
         if self.proc.poll() is None:
@@ -94,6 +106,7 @@ class Proc:
             except subprocess.TimeoutExpired:
                 self.proc.kill()
                 self.proc.wait()
+        self.pump.join(5)
         self.log.close()
         # What it logged is in the exception of a failed wait_line; nothing stays in /tmp.
         try:
@@ -280,7 +293,7 @@ class Bench:
         agent = Proc([self.agent, "--state", state, "--module", self.module, "--listen", f"udp:127.0.0.1:{port}"],
                      f"agent-{rows}")
         try:
-            agent.wait_line("serving")
+            agent.wait_line("serving VELMAR-DAEMON-MIB")
             if not snmp_answers(port, MODULE_ROOT):
                 raise RuntimeError("velmar-snmp-agent does not answer")
             self.deployment_client(port, [agent.pid], rows, "standalone")
@@ -315,7 +328,7 @@ class Bench:
             while not os.path.exists(sock) and time.time() < deadline:
                 time.sleep(0.1)
             agent = Proc([self.agent, "--state", state, "--module", self.module, "--agentx", sock], f"subagent-{rows}")
-            agent.wait_line("serving")
+            agent.wait_line("serving VELMAR-DAEMON-MIB")
             if not snmp_answers(port, MODULE_ROOT):
                 raise RuntimeError("snmpd does not answer for the subagent")
             self.deployment_client(port, [snmpd.pid, agent.pid], rows, "AgentX subagent of snmpd")
@@ -354,7 +367,7 @@ class Bench:
             agent = Proc([self.agent, "--state", state, "--module", self.module, "--listen", f"udp:127.0.0.1:{port}"],
                          "agent-memory")
             try:
-                agent.wait_line("serving")
+                agent.wait_line("serving VELMAR-DAEMON-MIB")
                 snmp_answers(port, MODULE_ROOT, timeout=30) if state != empty else None
                 # Resident memory once the worker's first reload is over, it has handed what
                 # it released back to the system (a second after going idle), and nothing

@@ -23,6 +23,7 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -82,15 +83,16 @@ def main():
         f.write("rocommunity public 127.0.0.1\ntrap2sink udp:127.0.0.1:%d public\n" % receiver.getsockname()[1])
     port = free_port()
     agent = subprocess.Popen([args.agent, "--state", state_file, "--config", conf, "--listen", "udp:127.0.0.1:%d" % port],
-                             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+                             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
     latencies, lost = [], 0
     try:
         deadline = time.time() + 15
         line = ""
-        while time.time() < deadline and "serving" not in line:
-            line = agent.stdout.readline()
+        while time.time() < deadline and "serving VELMAR-DAEMON-MIB" not in line:
+            line = agent.stderr.readline()   # the agent's log
             if not line and agent.poll() is not None:
                 sys.exit("notify_latency: the agent exited at start")
+        threading.Thread(target=lambda: [None for _ in agent.stderr], daemon=True).start()
         time.sleep(0.5)
         for k in range(args.samples):
             i = k % DAEMONS   # a daemon not flipped within its hold-down: every change goes out at once

@@ -19,6 +19,7 @@ import socket
 import statistics
 import subprocess
 import sys
+import threading
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -86,9 +87,15 @@ def start_agent(agent, bus, units, port):
     t0 = time.monotonic()
     p = subprocess.Popen([agent, "--systemd", "--units", units, "--system-bus", bus,
                           "--listen", "udp:127.0.0.1:%d" % port],
-                         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    line = p.stdout.readline()
-    return p, time.monotonic() - t0, line.strip()
+                         stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+    # The start line is in the agent's log (standard error); what follows is drained.
+    line = ""
+    for line in p.stderr:
+        if "serving VELMAR-DAEMON-MIB" in line:
+            break
+    took = time.monotonic() - t0
+    threading.Thread(target=lambda: [None for _ in p.stderr], daemon=True).start()
+    return p, took, line.strip()
 
 
 def stop(p):

@@ -1,5 +1,8 @@
 // Watches one file by watching its directory with inotify. A launcher replaces its state
 // file by rename, so the file's own inode cannot be watched: the directory's entries can.
+// When the file is a symbolic link, the directory of the file it points to is watched too,
+// so that rewriting or replacing the target counts as a write; the link is resolved again
+// whenever it is replaced or retargeted.
 //
 //   Feed::DirectoryWatcher w("/run/launcher", "state.json");
 //   if (int err = w.watch()) ...;              // the directory cannot be watched (yet)
@@ -42,10 +45,18 @@ public:
     Events read();
 
 private:
+    // Follows dir_/name_ when it is a symbolic link: watches its target's directory for
+    // the target's name (or forgets the target when it is not a link).
+    void resolveTarget();
+    void dropTarget();
+
     std::string dir_;
     std::string name_;
     int fd_ = -1;
     int wd_ = -1;
+    std::string targetDir_;    // of the link's target; empty when the file is no link
+    std::string targetName_;
+    int targetWd_ = -1;        // may equal wd_ when the target is in the same directory
 };
 
 } // namespace Feed

@@ -516,7 +516,7 @@ class AgentxSocketTest(unittest.TestCase):
 
             state_file = tmp.file("state.json")
             h.write_state(state_file, STATE)
-            agent = h.Process([h.AGENT, "--agentx", sock, "--agentx-ping", "1", "--state", state_file], "serving")
+            agent = h.Process([h.AGENT, "--agentx", sock, "--agentx-ping", "1", "--state", state_file], "serving VELMAR-DAEMON-MIB")
             processes.append(agent)
             expected = h.expected_rows(STATE)
             deadline = time.time() + 15

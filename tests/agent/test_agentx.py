@@ -115,9 +115,9 @@ class AgentxTestCase(unittest.TestCase):
         self.masters.append(m)
         return m
 
-    def start_agent(self):
+    def start_agent(self, ready="serving VELMAR-DAEMON-MIB"):
         a = h.Process([h.AGENT, "--agentx", self.agentx, "--agentx-ping", str(PING), "--state", self.state_file],
-                      "serving")
+                      ready)
         self.processes.append(a)
         self.agent = a
         self.assertTrue(a.alive(), "agent exited at start:\n" + a.stderr())
@@ -284,13 +284,16 @@ class MasterRestartTest(AgentxTestCase):
         self.stop_agent_cleanly()
 
     def test_agent_started_before_master_waits_for_it_and_stops_without_one(self):
-        self.start_agent()
+        self.start_agent(ready="waiting for the master")
         pid = self.agent.pid
         time.sleep(2.5 * PING)  # a few failed connection attempts
         self.assert_agent_unchanged(pid)
+        # Not registered anywhere: it must not claim to serve.
+        self.assertFalse(any("serving VELMAR-DAEMON-MIB" in l for l in self.agent.stderr_lines), self.diag())
         master = self.start_master()
         self.log_timing("connect to a master started later",
                         self.wait_served(self.expected(), RECONNECT_BOUND, "master started after the agent"))
+        self.assertIsNotNone(self.agent.wait_stderr("serving VELMAR-DAEMON-MIB", timeout=RECONNECT_BOUND), self.diag())
         master.stop(signal.SIGTERM)
         time.sleep(0.5)
         self.assert_agent_unchanged(pid)

@@ -58,7 +58,7 @@ class RefusedCommandLineTest(unittest.TestCase):
     def test_explicit_unix_socket_is_accepted(self):
         sock = self.tmp.file("agent.sock")
         before = fingerprint(self.state)
-        a = h.Process([h.AGENT, "--state", self.state, "--listen", "unix:" + sock], "serving")
+        a = h.Process([h.AGENT, "--state", self.state, "--listen", "unix:" + sock], "serving VELMAR-DAEMON-MIB")
         try:
             self.assertTrue(os.path.exists(sock), a.output())
         finally:
@@ -84,9 +84,9 @@ class DefaultListenTest(unittest.TestCase):
         try:
             path = tmp.file("state.json")
             h.write_state(path, STATE)
-            a = h.Process([h.AGENT, "--state", path], "serving")
+            a = h.Process([h.AGENT, "--state", path], "serving VELMAR-DAEMON-MIB")
             try:
-                self.assertIn("on udp:127.0.0.1:1161,udp6:[::1]:1161", a.stdout_lines[0])
+                self.assertIn("on udp:127.0.0.1:1161,udp6:[::1]:1161", a.wait_stderr("serving VELMAR-DAEMON-MIB") or a.stderr())
                 oid = h.expected_rows(STATE)["enabled"][0][0]
                 for target in ("udp:127.0.0.1:1161", "udp6:[::1]:1161"):
                     rc, out, err = h.run_tool("snmpget", ["-v2c", "-c", "public", "-On", "-r", "1", "-t", "3", target,

@@ -193,7 +193,7 @@ class MasterKilledTest(unittest.TestCase):
             master = h.Snmpd(tmp.path, sock, port=port)
             processes.append(master)
             agent = h.Process([h.AGENT, "--agentx", sock, "--agentx-ping", str(self.PING), "--state", state_file],
-                              "serving")
+                              "serving VELMAR-DAEMON-MIB")
             processes.append(agent)
 
             def served():

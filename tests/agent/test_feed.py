@@ -4,6 +4,7 @@ walk; refused files leave what is served byte for byte as it was."""
 import copy
 import json
 import os
+import subprocess
 import time
 import unittest
 
@@ -173,11 +174,16 @@ class LifecycleTest(unittest.TestCase):
             h.write_state(path, BASE)
             a = h.Agent(path)
             try:
-                rows = sum(len(r) for r in h.expected_rows(BASE).values())
-                self.assertEqual(a.stdout_lines[0],
-                                 "velmar-snmp-agent: serving VELMAR-DAEMON-MIB (enterprises.%d.3.17) from %s on "
-                                 "udp:127.0.0.1:%d: %d daemons, %d rows" % (h.ENTERPRISE, path, a.port,
-                                                                          len(BASE["daemons"]), rows))
+                version = subprocess.run([h.AGENT, "--version"], capture_output=True, text=True,
+                                         timeout=10).stdout.split()[-1]
+                lines = [l for l in a.stderr_lines if "serving VELMAR-DAEMON-MIB" in l]
+                self.assertEqual(len(lines), 1, a.stderr())
+                # The version, the source, the address and the counts (BASE: 2 daemons).
+                self.assertIn(" notice velmar-snmp-agent: velmar-snmp-agent %s serving VELMAR-DAEMON-MIB (enterprises.%d.3.17) "
+                              "from state file %s on udp:127.0.0.1:%d: %d daemons, "
+                              % (version, h.ENTERPRISE, path, a.port, len(BASE["daemons"])), lines[0])
+                self.assertRegex(lines[0], r" daemons, \d+ rows \(enabled \d+, option \d+, running \d+, data \d+\)$")
+                self.assertEqual(a.stdout_lines, [])
             finally:
                 a.stop()
         finally:

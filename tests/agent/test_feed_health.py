@@ -63,7 +63,7 @@ class FeedHealthTest(unittest.TestCase):
         return {t: h.walk(self.agent.port, sub, max_rep=25) for t, (sub, _, _) in h.TABLES.items()}
 
     def feed_lines(self, mark):
-        return [l[len(self.prefix):] for l in self.agent.stderr_lines[mark:] if l.startswith(self.prefix)]
+        return [l.split(self.prefix, 1)[1] for l in self.agent.stderr_lines[mark:] if self.prefix in l]
 
     def test_fresh_refused_gone_and_recovered_read_over_snmp(self):
         # Fresh: the first load, read at once.

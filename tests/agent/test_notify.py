@@ -407,7 +407,7 @@ class SnmpdNotifyTest(NotifyTestBase):
         sock = self.tmp.file("agentx.sock")
         self.keep(h.Snmpd(self.tmp.path, sock, extra_conf=["trap2sink udp:127.0.0.1:%d public" % trapd.port]))
         agent = self.keep(h.Process([h.AGENT, "--agentx", sock, "--agentx-ping", "1", "--state", self.state_file],
-                                    "serving"))
+                                    "serving VELMAR-DAEMON-MIB"))
         # Served through the master: the subagent is registered.
         self.assertTrue(wait_until(lambda: h.walk(self.processes[1].port, h.TABLES["running"][0]), 10.0))
         self.change(lambda d: d["sshd"]["status"].update(running=False))

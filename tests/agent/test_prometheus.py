@@ -376,7 +376,7 @@ class StockSnmpdScrapeMixin:
         self.addCleanup(self.snmpd.stop)
         if self.mode == "agentx":
             self.agent = h.Process([os.path.join(self.prefix, "bin", "velmar-snmp-agent"), "--agentx", socket_path,
-                                    "--agentx-ping", "1", "--state", self.path], "serving")
+                                    "--agentx-ping", "1", "--state", self.path], "serving VELMAR-DAEMON-MIB")
             self.addCleanup(self.agent.stop)
         self.exporter = Exporter(self.tmp.path)
         self.addCleanup(self.exporter.stop)

@@ -94,7 +94,7 @@ class StockTestCase(unittest.TestCase):
     def start_agent(self):
         agent_bin = os.path.join(self.prefix, "bin", "velmar-snmp-agent")
         self.agent = h.Process([agent_bin, "--agentx", self.socket, "--agentx-ping", "1", "--state", self.state_file],
-                               "serving")
+                               "serving VELMAR-DAEMON-MIB")
         # Stopped before snmpd (cleanups run last first).
         self.addCleanup(self.agent.stop)
         self.assertTrue(self.agent.alive(), self.agent.stderr())

@@ -122,7 +122,7 @@ class Process:
                                      env=env, cwd=cwd, text=True, errors="replace")
         self._ready = threading.Event()
         self._threads = [threading.Thread(target=self._pump, args=(self.proc.stdout, self.stdout_lines, ready_text), daemon=True),
-                         threading.Thread(target=self._pump, args=(self.proc.stderr, self.stderr_lines, None), daemon=True)]
+                         threading.Thread(target=self._pump, args=(self.proc.stderr, self.stderr_lines, ready_text), daemon=True)]
         for t in self._threads:
             t.start()
         if ready_text is None and ready is not None:
@@ -204,7 +204,7 @@ class Agent(Process):
         for l in self.listen:
             argv += ["--listen", l]
         argv += list(extra)
-        super().__init__(argv, "serving", env=env, cwd=cwd)
+        super().__init__(argv, "serving VELMAR-DAEMON-MIB", env=env, cwd=cwd)
 
 
 SNMPD = os.environ.get("VELMAR_SNMPD", "/usr/sbin/snmpd")

@@ -279,6 +279,9 @@ class DebianPackageTest(unittest.TestCase):
         self.assertIn("--agentx", argv)
         self.assertIn("--state", argv)
         self.assertIn("Restart=on-failure", unit.splitlines())
+        # Ready only once registered (sd_notify), kept alive by the agent's loop.
+        self.assertIn("Type=notify", unit.splitlines())
+        self.assertTrue(any(l.startswith("WatchdogSec=") for l in unit.splitlines()), unit)
         for hardening in ("NoNewPrivileges=yes", "ProtectSystem=strict", "ProtectHome=yes", "PrivateTmp=yes",
                           "CapabilityBoundingSet="):
             self.assertIn(hardening, unit.splitlines())

@@ -87,9 +87,15 @@ def start_agent(bus, extra=()):
     port = h.free_port()
     argv = [h.AGENT, "--systemd", "--units", UNITS, "--refresh", "1", "--system-bus", bus,
             "--listen", "udp:127.0.0.1:%d" % port] + list(extra)
-    agent = h.Process(argv, "serving")
+    agent = h.Process(argv, "serving VELMAR-DAEMON-MIB")
     agent.port = port
     return agent
+
+
+def start_line(agent):
+    """The agent's start line (in its log, standard error by default)."""
+    lines = [l for l in agent.stderr_lines if "serving VELMAR-DAEMON-MIB" in l]
+    return lines[0] if lines else ""
 
 
 class SandboxTest(unittest.TestCase):
@@ -121,7 +127,7 @@ class AgentOnSandboxTest(SandboxTest):
         return flag_oid("enabled", name)
 
     def test_start_line_names_systemd_and_counts_what_is_served(self):
-        line = self.agent.stdout_lines[0]
+        line = start_line(self.agent)
         self.assertIn("from systemd (system bus %s, units %s) on udp:127.0.0.1:%d: " % (SANDBOX.bus, UNITS, self.agent.port),
                       line)
         expected = len([n for n in sandbox_services() if len(n.encode()) <= 32])
@@ -220,7 +226,9 @@ class UnreachableBusTest(SandboxTest):
         path = tmp.file("bus.sock")
         agent = start_agent("unix:path=" + path)
         self.addCleanup(agent.stop)
-        self.assertIn("0 daemons, 0 rows; not connected to systemd yet, trying again", agent.stdout_lines[0])
+        line = start_line(agent)
+        self.assertIn(": 0 daemons, 0 rows (", line)
+        self.assertIn("; not connected to systemd yet, trying again", line)
         self.assertEqual(h.walk(agent.port, h.ROOT), [])
         time.sleep(1.5)                 # several retries
         self.assertTrue(agent.alive())
@@ -298,7 +306,9 @@ class CommandLineTest(unittest.TestCase):
         agent = start_agent("unix:path=" + path)
         self.addCleanup(agent.stop)
         self.assertIn("from systemd (system bus unix:path=%s, units %s)" % (path, UNITS), agent.stdout_lines[0])
-        self.assertIn(": 0 daemons, 0 rows; not connected to systemd yet, trying again", agent.stdout_lines[0])
+        line = start_line(agent)
+        self.assertIn(": 0 daemons, 0 rows (", line)
+        self.assertIn("; not connected to systemd yet, trying again", line)
         time.sleep(1.0)                 # several attempts
         self.assertTrue(agent.alive())
         self.assertEqual(h.walk(agent.port, h.ROOT), [])
