@@ -26,6 +26,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -136,6 +137,11 @@ std::string systemDescription() {
 }
 
 // The line that says the agent serves, and what.
+// Net-SNMP's access directives, which only a master agent reads.
+constexpr const char* accessTokens[] = {"rocommunity", "rwcommunity", "rocommunity6", "rwcommunity6", "rouser",
+                                        "rwuser", "com2sec", "com2sec6", "group", "view", "access", "authcommunity",
+                                        "authuser", "authgroup", "authaccess", "setaccess", "createUser"};
+
 std::string servingText(const Agent::AgentOptions& opts, const Agent::Host& host) {
     const bool subagent = !opts.agentx.empty();
     return std::string(appName) + " " + appVersion + " serving VELMAR-DAEMON-MIB (" + Agent::subtreeText() + ") from " +
@@ -270,7 +276,17 @@ int main(int argc, char** argv) {
         // that answers nobody the way its operator meant.
         const auto problems = complaints->aboutFile(opts.configFile);
         if (!problems.empty()) {
-            for (const auto& p : problems) logLine(Level::error, "--config refused: " + p);
+            for (const auto& p : problems) {
+                // A subagent reads no access directives: the master applies access control.
+                const bool access = subagent && p.find("Unknown token: ") != std::string::npos &&
+                                    std::any_of(std::begin(accessTokens), std::end(accessTokens), [&](const char* t) {
+                                        return p.find(std::string("Unknown token: ") + t + ".") != std::string::npos;
+                                    });
+                logLine(Level::error, "--config refused: " + p +
+                                          (access ? " (an AgentX subagent takes no access control: the master's "
+                                                    "configuration says who may read)"
+                                                  : ""));
+            }
             Agent::shutdownSystemGroup();
             snmp_shutdown(appName);
             return 2;

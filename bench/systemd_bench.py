@@ -25,31 +25,13 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
 sys.path.insert(0, os.path.join(ROOT, "tests", "systemd"))
+sys.path.insert(0, os.path.join(ROOT, "tests", "agent"))
 import velmar_sandbox  # noqa: E402
+from velmar_harness import _ber as ber, _ber_oid as ber_oid  # noqa: E402
 
 ENTERPRISE = int(os.environ.get("VELMAR_ENTERPRISE_NUMBER", "32473"))
 RUNNING = (1, 3, 6, 1, 4, 1, ENTERPRISE, 3, 17, 2, 1, 1, 2)
 TICK = os.sysconf("SC_CLK_TCK")
-
-
-def ber(tag, payload):
-    n = len(payload)
-    if n < 0x80:
-        return bytes([tag, n]) + payload
-    b = n.to_bytes((n.bit_length() + 7) // 8, "big")
-    return bytes([tag, 0x80 | len(b)]) + b + payload
-
-
-def ber_oid(oid):
-    out = bytearray([oid[0] * 40 + oid[1]])
-    for x in oid[2:]:
-        chunk = [x & 0x7F]
-        x >>= 7
-        while x:
-            chunk.append(0x80 | (x & 0x7F))
-            x >>= 7
-        out += bytes(reversed(chunk))
-    return ber(0x06, bytes(out))
 
 
 class Getter:

@@ -184,24 +184,14 @@ def message(version, community, pdu_tag, varbinds, request_id=0x5EED):
     return h._ber(0x30, h._ber_int(version) + h._ber(0x04, community.encode()) + pdu)
 
 
-def _tlv(data, at):
-    tag, n = data[at], data[at + 1]
-    at += 2
-    if n & 0x80:
-        k = n & 0x7F
-        n = int.from_bytes(data[at:at + k], "big")
-        at += k
-    return tag, data[at:at + n], at + n
-
-
 def error_status(answer):
     """The error status of a v1/v2c response message."""
-    _, msg, _ = _tlv(answer, 0)
-    _, _, at = _tlv(msg, 0)          # version
-    _, _, at = _tlv(msg, at)         # community
-    _, pdu, _ = _tlv(msg, at)
-    _, _, at = _tlv(pdu, 0)          # request id
-    _, status, _ = _tlv(pdu, at)
+    _, msg, _ = h._ber_read(answer, 0)
+    _, _, at = h._ber_read(msg, 0)          # version
+    _, _, at = h._ber_read(msg, at)         # community
+    _, pdu, _ = h._ber_read(msg, at)
+    _, _, at = h._ber_read(pdu, 0)          # request id
+    _, status, _ = h._ber_read(pdu, at)
     return int.from_bytes(status, "big", signed=True)
 
 

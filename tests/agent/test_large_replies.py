@@ -53,29 +53,19 @@ def get_message(oids, community="public", request_id=0x5EED):
     return h._ber(0x30, h._ber_int(1) + h._ber(0x04, community.encode()) + pdu)
 
 
-def _tlv(data, at):
-    tag, n = data[at], data[at + 1]
-    at += 2
-    if n & 0x80:
-        k = n & 0x7F
-        n = int.from_bytes(data[at:at + k], "big")
-        at += k
-    return tag, data[at:at + n], at + n
-
-
 def parse_response(answer):
     """(error status, number of varbinds) of a v2c response message."""
-    _, msg, _ = _tlv(answer, 0)
-    _, _, at = _tlv(msg, 0)          # version
-    _, _, at = _tlv(msg, at)         # community
-    _, pdu, _ = _tlv(msg, at)
-    _, _, at = _tlv(pdu, 0)          # request id
-    _, status, at = _tlv(pdu, at)
-    _, _, at = _tlv(pdu, at)         # error index
-    _, varbinds, _ = _tlv(pdu, at)
+    _, msg, _ = h._ber_read(answer, 0)
+    _, _, at = h._ber_read(msg, 0)          # version
+    _, _, at = h._ber_read(msg, at)         # community
+    _, pdu, _ = h._ber_read(msg, at)
+    _, _, at = h._ber_read(pdu, 0)          # request id
+    _, status, at = h._ber_read(pdu, at)
+    _, _, at = h._ber_read(pdu, at)         # error index
+    _, varbinds, _ = h._ber_read(pdu, at)
     count, at = 0, 0
     while at < len(varbinds):
-        _, _, at = _tlv(varbinds, at)
+        _, _, at = h._ber_read(varbinds, at)
         count += 1
     return int.from_bytes(status, "big", signed=True), count
 

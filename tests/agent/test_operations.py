@@ -278,6 +278,13 @@ class RefusalTest(Fixture):
         self.assert_refused(["--listen", "udp:127.0.0.1:%d" % h.free_port(), "--config", conf], 2,
                             ["--config refused: %s: line 2: Error:" % conf, "rocommunity"])
 
+    def test_access_directives_for_a_subagent_are_refused_saying_why(self):
+        conf = self.config("rocommunity public 127.0.0.1\n")
+        sock = os.path.join(os.path.dirname(conf), "no-master.sock")
+        self.assert_refused(["--agentx", sock, "--config", conf], 2,
+                            ["--config refused: %s: line 1:" % conf, "Unknown token: rocommunity",
+                             "an AgentX subagent takes no access control"])
+
     def test_address_in_use(self):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
             s.bind(("127.0.0.1", 0))
