@@ -39,6 +39,12 @@ class SignalTest(unittest.TestCase):
         # A writer that keeps the file open never closes its write, so nothing announces the
         # change; SIGHUP makes the agent read it anyway.
         changed = {"daemons": {"bgpd": {"config": {"enabled": True, "options": {"asn": "65002"}}}}}
+        # The file source reads the file once more when it starts watching (for a change
+        # made while it started); the write below must come after that read.
+        deadline = time.time() + 5
+        while time.time() < deadline and h.feed_health(self.agent.port)["reloads"] < 2:
+            time.sleep(0.05)
+        self.assertGreaterEqual(h.feed_health(self.agent.port)["reloads"], 2)
         with open(self.path, "r+") as f:
             f.seek(0)
             f.truncate()
