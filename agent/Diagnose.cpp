@@ -39,12 +39,15 @@ std::vector<std::string> NetSnmpComplaints::aboutFile(const std::string& path) c
 }
 
 std::optional<std::string> NetSnmpComplaints::failedEndpoint() const {
-    const std::string marker = "Error opening specified endpoint \"";
+    // Net-SNMP's line: Error opening ... endpoint "ADDRESS"
+    const std::string opening = "Error opening ", endpoint = " endpoint \"";
     std::optional<std::string> found;
     for (const auto& l : lines_) {
-        auto at = l.find(marker);
+        auto at = l.find(opening);
         if (at == std::string::npos) continue;
-        auto start = at + marker.size();
+        at = l.find(endpoint, at + opening.size());
+        if (at == std::string::npos) continue;
+        auto start = at + endpoint.size();
         auto end = l.find('"', start);
         if (end != std::string::npos) found = l.substr(start, end - start);
     }

@@ -28,7 +28,7 @@ public:
     // The complaints about lines of the configuration file path: "PATH: line N: Error: ..."
     // or "PATH: line N: Warning: Unknown token: ...".
     std::vector<std::string> aboutFile(const std::string& path) const;
-    // The address of the last "Error opening specified endpoint" line, if any.
+    // The address named by Net-SNMP's last "Error opening ... endpoint" line, if any.
     std::optional<std::string> failedEndpoint() const;
 
 private:
