@@ -1,5 +1,7 @@
 #include "Served.h"
 
+#include "GenericAgent/GenericAgentSnmp.h"
+
 namespace Agent {
 
 std::string Served::text() const {
@@ -11,17 +13,14 @@ std::string Served::text() const {
            std::to_string(runningRows) + ", data " + std::to_string(dataRows) + ")";
 }
 
-Served servedOf(const Feed::LauncherState& state) {
+Served servedOf(const Feed::StateFeed& feed) {
+    const GenericAgent::DaemonMib& mib = *feed.applier().mib();
     Served s;
-    for (const auto& [name, d] : state) {
-        ++s.daemons;
-        ++s.enabledRows;
-        ++s.runningRows;
-        for (const auto& [key, value] : d.options)
-            if (!value.empty()) ++s.optionRows;
-        for (const auto& [key, value] : d.data)
-            if (!value.empty()) ++s.dataRows;
-    }
+    s.daemons = feed.daemons();
+    s.enabledRows = mib.enabledTable().size();
+    s.optionRows = mib.optionTable().size();
+    s.runningRows = mib.runningTable().size();
+    s.dataRows = mib.dataTable().size();
     return s;
 }
 

@@ -1,11 +1,11 @@
-// What a launcher state amounts to once served: daemons and rows per table, for the
+// What a feed serves: daemons and rows per table, for the
 // start line, the readiness status and --check.
 //
-//   Agent::Served s = Agent::servedOf(host.feed()->applied());
+//   Agent::Served s = Agent::servedOf(*host.feed());
 //   log(s.text());    // "3 daemons, 12 rows (enabled 3, option 4, running 3, data 2)"
 #pragma once
 
-#include "feed/core/LauncherState.h"
+#include "feed/core/StateFeed.h"
 
 #include <cstddef>
 #include <string>
@@ -22,8 +22,7 @@ struct Served {
     std::string text() const;
 };
 
-// Every daemon has an enabled and a running row; every option or data item with a
-// non-empty value has a row (an empty value has none).
-Served servedOf(const Feed::LauncherState& state);
+// Counted from the rows the feed's DaemonMib holds (the sum is StateFeed::rows()).
+Served servedOf(const Feed::StateFeed& feed);
 
 } // namespace Agent

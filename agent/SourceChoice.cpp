@@ -84,7 +84,7 @@ std::string sourceText(const AgentOptions& o) {
 }
 
 std::string servedText(const Feed::StateFeed& feed) {
-    std::string text = servedOf(feed.applied()).text();
+    std::string text = servedOf(feed).text();
     if (const auto* systemd = dynamic_cast<const Feed::SystemdSource*>(&feed.source())) {
         if (std::size_t skipped = systemd->skippedUnits())
             text += "; " + std::to_string(skipped) + (skipped == 1 ? " unit" : " units") + " skipped (name over " +

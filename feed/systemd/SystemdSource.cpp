@@ -253,6 +253,8 @@ private:
 
     bool subscribe();
     void resync();
+    // Drops every call sent or queued and the resync under way (no answer will come).
+    void forgetRequests();
     void handleList(sd_bus_message* m, bool oneUnit);
     Unit& track(const std::string& path, const std::string& id);
     void fetchAll(const std::string& path, Unit& unit);
@@ -331,19 +333,23 @@ bool SystemdSource::Worker::connect(bool firstAttempt) {
     return true;
 }
 
-void SystemdSource::Worker::disconnect() {
-    if (!bus_) return;
-    // Floating slots (replies, matches) go with the bus; their requests are forgotten here.
-    sd_bus_flush_close_unref(bus_);
-    bus_ = nullptr;
+void SystemdSource::Worker::forgetRequests() {
     outstanding_.clear();
     queued_.clear();
     listing_ = false;
     resyncAgain_ = false;
     resyncing_ = false;
     reloading_ = false;
-    systemdPresent_ = false;
     for (auto& [path, unit] : units_) unit.pending = 0;
+}
+
+void SystemdSource::Worker::disconnect() {
+    if (!bus_) return;
+    // Floating slots (replies, matches) go with the bus; their requests are forgotten here.
+    sd_bus_flush_close_unref(bus_);
+    bus_ = nullptr;
+    forgetRequests();
+    systemdPresent_ = false;
 }
 
 bool SystemdSource::Worker::subscribe() {
@@ -634,13 +640,7 @@ void SystemdSource::Worker::systemdGone() {
     if (!systemdPresent_) return;
     systemdPresent_ = false;
     // What was asked of the old manager will not be answered usefully; ask the new one.
-    outstanding_.clear();
-    queued_.clear();
-    listing_ = false;
-    resyncAgain_ = false;
-    resyncing_ = false;
-    reloading_ = false;
-    for (auto& [path, unit] : units_) unit.pending = 0;
+    forgetRequests();
     source_.connected_ = false;
     {
         std::lock_guard<std::mutex> lock(source_.mutex_);

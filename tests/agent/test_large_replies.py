@@ -53,23 +53,6 @@ def get_message(oids, community="public", request_id=0x5EED):
     return h._ber(0x30, h._ber_int(1) + h._ber(0x04, community.encode()) + pdu)
 
 
-def parse_response(answer):
-    """(error status, number of varbinds) of a v2c response message."""
-    _, msg, _ = h._ber_read(answer, 0)
-    _, _, at = h._ber_read(msg, 0)          # version
-    _, _, at = h._ber_read(msg, at)         # community
-    _, pdu, _ = h._ber_read(msg, at)
-    _, _, at = h._ber_read(pdu, 0)          # request id
-    _, status, at = h._ber_read(pdu, at)
-    _, _, at = h._ber_read(pdu, at)         # error index
-    _, varbinds, _ = h._ber_read(pdu, at)
-    count, at = 0, 0
-    while at < len(varbinds):
-        _, _, at = h._ber_read(varbinds, at)
-        count += 1
-    return int.from_bytes(status, "big", signed=True), count
-
-
 def ask(data, port, timeout=3.0):
     """Sends one datagram to 127.0.0.1:port; returns the answer, or None when none comes."""
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
@@ -101,7 +84,7 @@ class LargeRepliesChecks:
         answer = ask(getbulk_message(h.TABLES["option"][0], 50), self.port)
         self.assertIsNotNone(answer, "no reply to GETBULK max-repetitions 50\n" + self.log()[-3000:])
         self.assertLessEqual(len(answer), MAX_UDP)
-        status, count = parse_response(answer)
+        status, count = h.response_status(answer)
         self.assertEqual(status, 0)
         # Six 10,000-byte values fit in 65,507 bytes, seven do not: the reply keeps as many
         # leading varbinds as fit.
@@ -112,7 +95,7 @@ class LargeRepliesChecks:
         answer = ask(get_message(oids), self.port)
         self.assertIsNotNone(answer, "no reply to a GET of 70,000 bytes\n" + self.log()[-3000:])
         self.assertLessEqual(len(answer), MAX_UDP)
-        self.assertEqual(parse_response(answer)[0], TOO_BIG)
+        self.assertEqual(h.response_status(answer)[0], TOO_BIG)
 
 
 class StandaloneTest(LargeRepliesChecks, unittest.TestCase):

@@ -295,6 +295,23 @@ def _ber_read(data, pos):
     return tag, data[pos:pos + n], pos + n
 
 
+def response_status(answer):
+    """(error status, number of varbinds) of a v1/v2c response message."""
+    _, msg, _ = _ber_read(answer, 0)
+    _, _, at = _ber_read(msg, 0)          # version
+    _, _, at = _ber_read(msg, at)         # community
+    _, pdu, _ = _ber_read(msg, at)
+    _, _, at = _ber_read(pdu, 0)          # request id
+    _, status, at = _ber_read(pdu, at)
+    _, _, at = _ber_read(pdu, at)         # error index
+    _, varbinds, _ = _ber_read(pdu, at)
+    count, at = 0, 0
+    while at < len(varbinds):
+        _, _, at = _ber_read(varbinds, at)
+        count += 1
+    return int.from_bytes(status, "big", signed=True), count
+
+
 def v3_discover(port, timeout=2.0):
     """(engine ID, engine boots, engine time) that the agent on 127.0.0.1:port reports to an
     SNMPv3 discovery request (RFC 3414 4: an unauthenticated, reportable request with an
