@@ -49,6 +49,15 @@ public:
             ::_exit(127);
         }
         for (int i = 0; i < 100 && systemdPid <= 0; ++i) {
+            // The script runs helpers of its own before it becomes unshare: only unshare's
+            // child is the sandbox.
+            std::ifstream comm("/proc/" + std::to_string(unsharePid) + "/comm");
+            std::string name;
+            comm >> name;
+            if (name != "unshare") {
+                std::this_thread::sleep_for(100ms);
+                continue;
+            }
             std::ifstream children("/proc/" + std::to_string(unsharePid) + "/task/" + std::to_string(unsharePid) + "/children");
             children >> systemdPid;
             if (systemdPid <= 0) std::this_thread::sleep_for(100ms);
@@ -68,6 +77,8 @@ public:
     void TearDown() override {
         if (systemdPid > 0) ::kill(systemdPid, SIGKILL);
         if (unsharePid > 0) {
+            // Also when systemd was never found: unshare (--kill-child) takes its child along.
+            ::kill(unsharePid, SIGKILL);
             ::waitpid(unsharePid, nullptr, 0);
             std::string cleanup = std::string(VELMAR_SOURCE_DIR) + "/tests/systemd/sandbox --cleanup " + std::to_string(unsharePid);
             EXPECT_EQ(std::system(cleanup.c_str()), 0);
