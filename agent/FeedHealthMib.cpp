@@ -139,6 +139,7 @@ long FeedHealthMib::stateValue(Feed::SourceState state) {
     case Feed::SourceState::gone: return 3;
     case Feed::SourceState::busLost: return 4;
     case Feed::SourceState::notLoaded: return 5;
+    case Feed::SourceState::unresponsive: return 6;
     }
     return 5;
 }

@@ -7,7 +7,7 @@
 //
 // Objects (each .0; see the MIB for what an operator does with them):
 //    1 velmarFeedSource         text       what the feed reads ("state file /run/launcher/state.json")
-//    2 velmarFeedState          INTEGER    ok(1) refused(2) gone(3) busLost(4) notLoaded(5)
+//    2 velmarFeedState          INTEGER    ok(1) refused(2) gone(3) busLost(4) notLoaded(5) unresponsive(6)
 //    3 velmarFeedChangeAge      Gauge32    seconds since the served state last changed
 //    4 velmarFeedReadAge        Gauge32    seconds since the source was last read successfully
 //    5 velmarFeedLastChange     DateAndTime (UTC) of 3

@@ -4,8 +4,6 @@
 #include "feed/file/FileSource.h"
 #include "feed/systemd/SystemdSource.h"
 
-#include "GenericAgent/GenericAgentSnmp.h"
-
 #include <CLI/CLI.hpp>
 
 #include <chrono>
@@ -85,12 +83,11 @@ std::string sourceText(const AgentOptions& o) {
 
 std::string servedText(const Feed::StateFeed& feed) {
     std::string text = servedOf(feed).text();
-    if (const auto* systemd = dynamic_cast<const Feed::SystemdSource*>(&feed.source())) {
-        if (std::size_t skipped = systemd->skippedUnits())
-            text += "; " + std::to_string(skipped) + (skipped == 1 ? " unit" : " units") + " skipped (name over " +
-                    std::to_string(GenericAgent::maxDaemonNameBytes) + " bytes)";
-        if (!systemd->connected()) text += "; not connected to systemd yet, trying again";
-    }
+    const Feed::SourceHealth h = feed.source().health();
+    if (!h.skippedNote.empty()) text += "; " + h.skippedNote;
+    if (!h.connected)
+        text += "; not connected to " + (h.launcher.empty() ? std::string("its launcher") : h.launcher) +
+                " yet, trying again";
     return text;
 }
 

@@ -381,9 +381,8 @@ void startServing() {
     for (const auto& c : s.contexts) contexts += (contexts.empty() ? "" : ", ") + c;
     std::string from = s.stateFile;
     if (systemd) {
-        const auto* source = dynamic_cast<const Feed::SystemdSource*>(&host.feed()->source());
-        from = "systemd (system bus " + (source ? source->busAddress() : std::string("?")) + ", units " + *s.systemdUnits + ")";
-        if (source && !source->connected()) from += ", not connected yet, trying again";
+        from = "systemd (system bus " + Feed::SystemdSource::busAddressFor({}) + ", units " + *s.systemdUnits + ")";
+        if (!host.feed()->source().health().connected) from += ", not connected yet, trying again";
     }
     const std::size_t daemons = host.feed()->applied().size();
     logLine(LOG_INFO, "serving VELMAR-DAEMON-MIB (" + Agent::subtreeText() + ") from " + from + " with " + modulePath +

@@ -101,6 +101,7 @@ const char* stateText(SourceState state) {
     case SourceState::refused: return "refused";
     case SourceState::gone: return "gone";
     case SourceState::busLost: return "bus lost";
+    case SourceState::unresponsive: return "not answering";
     }
     return "?";
 }

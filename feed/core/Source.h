@@ -47,9 +47,10 @@ enum class SourceState {
     refused,     // the last read was refused; the last good state is served
     gone,        // the state file (or its directory) is gone; the last state is served
     busLost,     // the launcher's bus is unreachable; the last state is served
+    unresponsive,   // the launcher is reachable but does not answer; the last state is served
 };
 
-// "not loaded", "ok", "refused", "gone", "bus lost".
+// "not loaded", "ok", "refused", "gone", "bus lost", "not answering".
 const char* stateText(SourceState state);
 
 // A source's health, for logs and for monitoring the feed itself.
@@ -57,11 +58,21 @@ struct SourceHealth {
     SourceState state = SourceState::notLoaded;
     std::uint64_t reloads = 0;                          // reads accepted (changed or not), partial ones too
     std::uint64_t refused = 0;                          // reads refused
-    std::chrono::system_clock::time_point lastRead{};   // of the last accepted read; epoch: none
+    // When the source last proved its launcher alive: an accepted read, or for a launcher
+    // that is followed (a bus), an answer to a call or probe. Epoch: never.
+    std::chrono::system_clock::time_point lastRead{};
     std::string lastRefusal;                            // the last refusal's line; empty: none
     std::uint64_t skipped = 0;                          // daemon entries left out of accepted reads
     std::uint64_t skippedNow = 0;                       // of them, in the last accepted read
     std::string lastSkip;                               // the last skipped entry's line; empty: none
+    // The entries skipped in the last read in a few words, for a start line ("1 unit
+    // skipped (name over 32 bytes)"); empty when none are.
+    std::string skippedNote;
+    // In touch with the launcher. False for a source that reaches its launcher over a
+    // connection (a bus, a socket) while it has none yet or lost it; it keeps trying.
+    bool connected = true;
+    // What the source follows, in a word for such lines ("systemd"); empty: "its launcher".
+    std::string launcher;
 };
 
 class Source {

@@ -28,7 +28,7 @@ std::string errnoText(int e) { return std::error_code(e, std::generic_category()
 
 } // namespace
 
-FileSource::FileSource(std::string path) : path_(std::move(path)) {
+FileSource::FileSource(std::string path) : path_(std::move(path)), skeleton_("state file " + path_) {
     std::filesystem::path p = std::filesystem::absolute(std::filesystem::path(path_));
     name_ = p.filename().string();
     dir_ = p.parent_path().string();
@@ -38,30 +38,22 @@ FileSource::FileSource(std::string path) : path_(std::move(path)) {
 
 FileSource::~FileSource() { stop(); }
 
-void FileSource::say(Severity severity, const std::string& text) {
-    post({std::nullopt, severity, "state file " + path_ + ": " + text});
-}
-
-void FileSource::post(SourceEvent event) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        queue_.push_back(std::move(event));
-    }
-    wake_.signal();
-}
-
 void FileSource::accepted(const SkippedDaemons& skipped) {
-    SourceState was;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        was = health_.state;
-        ++health_.reloads;
-        health_.state = SourceState::ok;
-        health_.lastRead = std::chrono::system_clock::now();
-        health_.skippedNow = skipped.size();
-        health_.skipped += skipped.size();
-        if (!skipped.empty()) health_.lastSkip = skipLine(skipped.back());
-    }
+    const std::string last = skipped.empty() ? std::string() : skipLine(skipped.back());
+    const SourceState was = skeleton_.updateHealth([&](SourceHealth& h) {
+        const SourceState before = h.state;
+        ++h.reloads;
+        h.state = SourceState::ok;
+        h.lastRead = std::chrono::system_clock::now();
+        h.skippedNow = skipped.size();
+        h.skipped += skipped.size();
+        h.skippedNote = skipped.empty() ? std::string()
+                                        : std::to_string(skipped.size()) +
+                                              (skipped.size() == 1 ? " daemon entry" : " daemon entries") +
+                                              " skipped (see the log)";
+        if (!skipped.empty()) h.lastSkip = last;
+        return before;
+    });
     // After the changes (queued by the caller): "recovered" follows "applied".
     if (was == SourceState::refused || was == SourceState::gone)
         recoveredFrom_ = was;
@@ -75,47 +67,30 @@ void FileSource::saySkipped(const SkippedDaemons& skipped) {
     std::size_t n = 0;
     for (const SkippedDaemon& d : skipped) {
         if (++n > maxSkipLines) {
-            say(Severity::warning, std::to_string(skipped.size() - maxSkipLines) + " more daemon entries skipped");
+            skeleton_.say(Severity::warning, std::to_string(skipped.size() - maxSkipLines) + " more daemon entries skipped");
             break;
         }
-        post({std::nullopt, Severity::warning, skipLine(d)});
+        skeleton_.postLine(Severity::warning, skipLine(d));
     }
 }
 
 void FileSource::sayRecovered() {
     if (recoveredFrom_ == SourceState::notLoaded) return;
-    say(Severity::notice, std::string("recovered; it was ") + stateText(recoveredFrom_));
+    skeleton_.say(Severity::notice, std::string("recovered; it was ") + stateText(recoveredFrom_));
     recoveredFrom_ = SourceState::notLoaded;
 }
 
 void FileSource::refusedWith(const std::string& line) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++health_.refused;
-    health_.state = SourceState::refused;
-    health_.lastRefusal = line;
+    skeleton_.updateHealth([&](SourceHealth& h) {
+        ++h.refused;
+        h.state = SourceState::refused;
+        h.lastRefusal = line;
+    });
 }
 
 void FileSource::lost(const std::string& line) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        health_.state = SourceState::gone;
-    }
-    post({std::nullopt, Severity::warning, line});
-}
-
-std::vector<SourceEvent> FileSource::take() {
-    wake_.drain();
-    std::deque<SourceEvent> taken;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        taken.swap(queue_);
-    }
-    return {std::make_move_iterator(taken.begin()), std::make_move_iterator(taken.end())};
-}
-
-SourceHealth FileSource::health() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return health_;
+    skeleton_.updateHealth([](SourceHealth& h) { h.state = SourceState::gone; });
+    skeleton_.postLine(Severity::warning, line);
 }
 
 void FileSource::loadInitial() {
@@ -138,7 +113,7 @@ void FileSource::loadInitial() {
         all.emplace_back(std::move(node.key()), std::move(node.mapped()));
     }
     loadedInitial_ = true;
-    post({std::move(all), Severity::info, std::string()});
+    skeleton_.post(std::move(all));
     sayRecovered();
 }
 
@@ -179,7 +154,7 @@ void FileSource::reload(IfMissing ifMissing) {
     } catch (const StateError& e) {
         digests_.abandon();
         refusedWith(e.what());
-        post({std::nullopt, Severity::warning, e.what()});
+        skeleton_.postLine(Severity::warning, e.what());
         return;
     }
     // Said while the digests still tell which skipped daemons are served.
@@ -194,7 +169,7 @@ void FileSource::reload(IfMissing ifMissing) {
     // What the parse took is free again once the worker is idle (see run()).
     next = LauncherState();
     releasePending_ = true;
-    if (!changed.empty()) post({std::move(changed), Severity::info, std::string()});
+    if (!changed.empty()) skeleton_.post(std::move(changed));
     sayRecovered();
 }
 
@@ -205,7 +180,7 @@ void FileSource::run() {
         try {
             if (!watcher_->watching()) {
                 if (int err = watcher_->watch(); err == 0) {
-                    if (lostDir) say(Severity::notice, "watching directory " + dir_ + " again");
+                    if (lostDir) skeleton_.say(Severity::notice, "watching directory " + dir_ + " again");
                     if (first) reload(loadedInitial_ ? IfMissing::sayRemoved : IfMissing::refuse);
                     else if (lostDir) reload(IfMissing::ignore);
                     lostDir = false;
@@ -243,7 +218,7 @@ void FileSource::run() {
             if (events.written) reload(IfMissing::refuse);
             else if (events.removed) lost("state file " + path_ + ": removed; serving the last state until it is written again");
         } catch (const std::exception& e) {
-            say(Severity::error, std::string("reload failed: ") + e.what());
+            skeleton_.say(Severity::error, std::string("reload failed: ") + e.what());
             // Do not spin on a persistent failure.
             pollfd stop = {stop_.fd(), POLLIN, 0};
             if (::poll(&stop, 1, rearmMillis) > 0) return;

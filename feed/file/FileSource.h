@@ -39,10 +39,9 @@
 
 #include "feed/core/EventFd.h"
 #include "feed/core/Source.h"
+#include "feed/core/SourceSkeleton.h"
 
-#include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -56,13 +55,13 @@ public:
     // Stops the worker.
     ~FileSource() override;
 
-    std::string description() const override { return "state file " + path_; }
+    std::string description() const override { return skeleton_.name(); }
     void loadInitial() override;
     void start() override;
     void stop() override;
-    int eventFd() const noexcept override { return wake_.fd(); }
-    std::vector<SourceEvent> take() override;
-    SourceHealth health() const override;
+    int eventFd() const noexcept override { return skeleton_.eventFd(); }
+    std::vector<SourceEvent> take() override { return skeleton_.take(); }
+    SourceHealth health() const override { return skeleton_.health(); }
     // Reads the file again (a missing file is said, as when it is removed).
     void reread() override { reread_.signal(); }
 
@@ -73,8 +72,6 @@ private:
     enum class IfMissing { refuse, ignore, sayRemoved };
     void run();
     void reload(IfMissing ifMissing);
-    void post(SourceEvent event);
-    void say(Severity severity, const std::string& text);
     void accepted(const SkippedDaemons& skipped);
     std::string skipLine(const SkippedDaemon& daemon) const;
     void saySkipped(const SkippedDaemons& skipped);
@@ -85,7 +82,7 @@ private:
     std::string path_;
     std::string dir_;                   // absolute directory of the file
     std::string name_;                  // file name inside it
-    EventFd wake_;                      // worker -> loop
+    SourceSkeleton skeleton_;           // worker -> loop: events, wake-up, health
     EventFd stop_;                      // stop() -> worker
     EventFd reread_;                    // reread() -> worker
     std::thread worker_;
@@ -96,10 +93,6 @@ private:
     DaemonDigests digests_;
     bool releasePending_ = false;       // the worker has memory to hand back once idle
     SourceState recoveredFrom_ = SourceState::notLoaded;   // a recovery to say, from this state
-
-    mutable std::mutex mutex_;          // guards queue_ and health_
-    std::deque<SourceEvent> queue_;
-    SourceHealth health_;
 };
 
 } // namespace Feed

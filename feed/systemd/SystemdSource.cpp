@@ -322,10 +322,7 @@ bool SystemdSource::Worker::connect(bool firstAttempt) {
         if (!bus_) return false;
         say(Severity::warning, "systemd is not on the bus; waiting for it");
         source_.connected_ = false;
-        {
-            std::lock_guard<std::mutex> lock(source_.mutex_);
-            source_.health_.state = SourceState::busLost;
-        }
+        source_.skeleton_.updateHealth([](SourceHealth& h) { h.state = SourceState::busLost; });
         return true;
     }
     systemdPresent_ = true;
@@ -642,10 +639,7 @@ void SystemdSource::Worker::systemdGone() {
     // What was asked of the old manager will not be answered usefully; ask the new one.
     forgetRequests();
     source_.connected_ = false;
-    {
-        std::lock_guard<std::mutex> lock(source_.mutex_);
-        source_.health_.state = SourceState::busLost;
-    }
+    source_.skeleton_.updateHealth([](SourceHealth& h) { h.state = SourceState::busLost; });
     say(Severity::warning, "systemd left the bus; serving the last state until it is back");
 }
 
@@ -666,10 +660,7 @@ void SystemdSource::Worker::systemdBack() {
 void SystemdSource::Worker::lose(const std::string& why) {
     say(Severity::warning, "lost the bus: " + why + "; serving the last state, reconnecting");
     source_.connected_ = false;
-    {
-        std::lock_guard<std::mutex> lock(source_.mutex_);
-        source_.health_.state = SourceState::busLost;
-    }
+    source_.skeleton_.updateHealth([](SourceHealth& h) { h.state = SourceState::busLost; });
     disconnect();
 }
 
@@ -773,11 +764,11 @@ void SystemdSource::Worker::flush() {
     std::sort(changed.begin(), changed.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     SourceEvent event;
     event.changed = std::move(changed);
-    {
-        std::lock_guard<std::mutex> lock(source_.mutex_);
-        ++source_.health_.reloads;
-        source_.health_.lastRead = std::chrono::system_clock::now();
-    }
+    source_.skeleton_.updateHealth([](SourceHealth& h) {
+        ++h.reloads;
+        h.lastRead = std::chrono::system_clock::now();
+    });
+    source_.posted_ = true;
     source_.post(std::move(event));
 }
 
@@ -790,7 +781,8 @@ std::string SystemdSource::busAddressFor(const Options& options) {
     return defaultSystemBus;
 }
 
-SystemdSource::SystemdSource(Options options) : options_(std::move(options)), address_(busAddressFor(options_)) {
+SystemdSource::SystemdSource(Options options)
+    : options_(std::move(options)), address_(busAddressFor(options_)), skeleton_("systemd on " + address_) {
     if (options_.patterns.empty()) throw std::invalid_argument("systemd source: no unit patterns");
     if (options_.refresh.count() < 0) throw std::invalid_argument("systemd source: the refresh interval is negative");
     bus_ = std::make_unique<Worker>(*this);
@@ -803,27 +795,15 @@ SystemdSource::~SystemdSource() {
 
 std::string SystemdSource::description() const { return "systemd on " + address_; }
 
-void SystemdSource::say(Severity severity, const std::string& text) {
-    SourceEvent event;
-    event.severity = severity;
-    event.line = description() + ": " + text;
-    post(std::move(event));
-}
+void SystemdSource::say(Severity severity, const std::string& text) { skeleton_.say(severity, text); }
 
-void SystemdSource::post(SourceEvent event) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        queue_.push_back(std::move(event));
-    }
-    wake_.signal();
-}
+void SystemdSource::post(SourceEvent event) { skeleton_.post(std::move(*event.changed), event.severity, std::move(event.line)); }
 
 void SystemdSource::loadInitial() {
     if (loadedInitial_ || worker_.joinable()) throw std::logic_error("systemd source: loadInitial after a load or start");
     loadedInitial_ = true;
     if (!bus_->connect(true)) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        health_.state = SourceState::busLost;
+        skeleton_.updateHealth([](SourceHealth& h) { h.state = SourceState::busLost; });
         return;
     }
     if (!connected_ && !bus_->hasBus()) return;
@@ -837,21 +817,17 @@ void SystemdSource::loadInitial() {
         ::poll(&fd, 1, wait < 0 ? 1000 : std::min(wait, 1000));
     }
     if (bus_->hasBus()) bus_->step();
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (bus_->hasBus() && health_.state != SourceState::busLost) {
-        health_.state = SourceState::ok;
-        ++health_.reloads;
-        health_.lastRead = std::chrono::system_clock::now();
-        connected_ = true;
-    }
-    if (queue_.empty() || !std::any_of(queue_.begin(), queue_.end(), [](const SourceEvent& e) { return e.changed.has_value(); })) {
-        if (health_.state == SourceState::ok) {
-            SourceEvent none;
-            none.changed = ChangedDaemons{};
-            queue_.push_back(std::move(none));
-            wake_.signal();
+    const bool ok = skeleton_.updateHealth([&](SourceHealth& h) {
+        if (bus_->hasBus() && h.state != SourceState::busLost) {
+            h.state = SourceState::ok;
+            ++h.reloads;
+            h.lastRead = std::chrono::system_clock::now();
+            connected_ = true;
         }
-    }
+        return h.state == SourceState::ok;
+    });
+    // The loop learns that the state was read even when no unit matched.
+    if (ok && !posted_) skeleton_.post(ChangedDaemons{});
 }
 
 void SystemdSource::start() {
@@ -881,10 +857,7 @@ void SystemdSource::run() {
                 bool withSystemd = bus_->busy();
                 if (withSystemd) {
                     connected_ = true;
-                    {
-                        std::lock_guard<std::mutex> lock(mutex_);
-                        health_.state = SourceState::ok;
-                    }
+                    skeleton_.updateHealth([](SourceHealth& h) { h.state = SourceState::ok; });
                     say(Severity::notice, saidDown ? "connected; reading every unit" : "back on the bus; reading every unit again");
                 }
                 saidDown = false;
@@ -900,8 +873,7 @@ void SystemdSource::run() {
                 saidDown = true;
             } else if (!connected_ && bus_->busy()) {
                 connected_ = true;      // systemd came back (NameOwnerChanged) and is being read
-                std::lock_guard<std::mutex> lock(mutex_);
-                health_.state = SourceState::ok;
+                skeleton_.updateHealth([](SourceHealth& h) { h.state = SourceState::ok; });
             }
         }
         now = Clock::now();
@@ -935,17 +907,17 @@ void SystemdSource::run() {
     }
 }
 
-std::vector<SourceEvent> SystemdSource::take() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    wake_.drain();
-    std::vector<SourceEvent> out(std::make_move_iterator(queue_.begin()), std::make_move_iterator(queue_.end()));
-    queue_.clear();
-    return out;
-}
+std::vector<SourceEvent> SystemdSource::take() { return skeleton_.take(); }
 
 SourceHealth SystemdSource::health() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return health_;
+    SourceHealth h = skeleton_.health();
+    h.connected = connected_.load();
+    h.launcher = "systemd";
+    h.skippedNow = skipped_.load();
+    if (h.skippedNow)
+        h.skippedNote = std::to_string(h.skippedNow) + (h.skippedNow == 1 ? " unit" : " units") + " skipped (name over " +
+                        std::to_string(GenericAgent::maxDaemonNameBytes) + " bytes)";
+    return h;
 }
 
 } // namespace Feed

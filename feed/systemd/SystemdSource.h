@@ -53,6 +53,7 @@
 
 #include "feed/core/EventFd.h"
 #include "feed/core/Source.h"
+#include "feed/core/SourceSkeleton.h"
 
 #include <atomic>
 #include <chrono>
@@ -87,7 +88,7 @@ public:
     void loadInitial() override;
     void start() override;
     void stop() override;
-    int eventFd() const noexcept override { return wake_.fd(); }
+    int eventFd() const noexcept override { return skeleton_.eventFd(); }
     std::vector<SourceEvent> take() override;
     SourceHealth health() const override;
     // Reads every unit again, or tries the bus again at once while it is unreachable.
@@ -111,16 +112,14 @@ private:
 
     Options options_;
     std::string address_;
-    EventFd wake_;                      // worker -> loop
+    SourceSkeleton skeleton_;           // worker -> loop: events, wake-up, health
     EventFd stop_;                      // stop() -> worker
     EventFd reread_;                    // reread() -> worker
     std::thread worker_;
     bool loadedInitial_ = false;
+    bool posted_ = false;               // a batch of daemons has been queued
     std::unique_ptr<Worker> bus_;       // the connection and what is known of the units
 
-    mutable std::mutex mutex_;          // guards queue_ and health_
-    std::deque<SourceEvent> queue_;
-    SourceHealth health_;
     std::atomic<std::size_t> daemons_{0};
     std::atomic<std::size_t> skipped_{0};
     std::atomic<bool> connected_{false};
