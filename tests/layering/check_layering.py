@@ -26,6 +26,7 @@ ALLOWED = {
     "feed": ["GenericAgent", "launcher", "orbel"],
     "feedfile": ["feed", "rapidjson", "xxhash"],
     "feedsystemd": ["feed", "libsystemd"],
+    "feedsupervisor": ["feed", "libcurl", "expat"],
     "notify": ["GenericAgent", "launcher", "orbel", "feed", "netsnmp"],
     "agent": ["feed", "feedfile", "feedsystemd", "notify", "snmpplugin", "statebase", "GenericAgent", "netsnmp", "cli11"],
 }
@@ -37,6 +38,8 @@ THIRD_PARTY = {
     "xxhash.h": "xxhash",
     "systemd": "libsystemd",
     "CLI": "cli11",
+    "curl": "libcurl",
+    "expat.h": "expat",
 }
 # Include prefixes of the product's own include roots, and where they point.
 ROOTS = {
@@ -62,7 +65,7 @@ def component_of(rel):
             return "snmpplugin" if stem in SNMP_PLUGIN_FILES else "snmpstring"
         return parts[1]
     if parts[0] == "feed":
-        return {"core": "feed", "file": "feedfile", "systemd": "feedsystemd"}.get(parts[1], "feed:" + parts[1])
+        return {"core": "feed", "file": "feedfile", "systemd": "feedsystemd", "supervisor": "feedsupervisor"}.get(parts[1], "feed:" + parts[1])
     if parts[0] == "agent" and len(parts) > 2 and parts[1] == "notify":
         return "notify"
     if parts[0] in ("agent", "mib", "GenericAgent"):
