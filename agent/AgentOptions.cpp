@@ -67,7 +67,8 @@ void build(CLI::App& app, AgentOptions& o) {
         "Serves the launcher's daemon state as the four read-only tables of VELMAR-DAEMON-MIB (" + subtreeText() +
         "): enabled, option, running and data. Runs as a master agent on its own addresses, or as an AgentX "
         "subagent of a running snmpd. The launcher is a state file, watched so that every valid change is served at "
-        "once, or systemd, whose service units are followed over the system bus.");
+        "once, or systemd, whose service units are followed over the system bus, or supervisord, read over its "
+        "XML-RPC interface and woken by its event listener velmar-supervisor-events.");
     app.add_option("--listen", o.listen,
                    "Master mode: a transport address to listen on (repeatable, one per --listen): udp, udp6, tcp or "
                    "tcp6 with an address or port, e.g. udp:127.0.0.1:1161, udp6:[::1]:1161, tcp:127.0.0.1:1161; "
@@ -81,7 +82,7 @@ void build(CLI::App& app, AgentOptions& o) {
                    "Seconds between pings of the AgentX master; a lost master is reconnected on the next ping")
         ->check(CLI::Range(1, 3600))
         ->default_val(5);
-    app.add_option("--state", o.stateFile, "The launcher state file (JSON), watched for changes (this or --systemd)");
+    app.add_option("--state", o.stateFile, "The launcher state file (JSON), watched for changes (this, --systemd or --supervisor)");
     addSourceOptions(app, o);
     app.add_option("--config", o.configFile,
                    "Access configuration in Net-SNMP snmpd.conf syntax (rocommunity, createUser, rouser, view, "

@@ -1,5 +1,6 @@
 #include "SourceChoice.h"
 #include "Served.h"
+#include "SupervisorChoice.h"
 
 #include "feed/file/FileSource.h"
 #include "feed/systemd/SystemdSource.h"
@@ -17,25 +18,42 @@ void addSourceOptions(CLI::App& app, AgentOptions& o) {
                  "each loaded unit NAME.service is daemon NAME (see the man page for the mapping)");
     app.add_option("--units", o.units,
                    "With --systemd: the units to serve, comma-separated shell globs on the unit name, e.g. "
-                   "'ssh.service,getty@*'; only service units count")
+                   "'ssh.service,getty@*'; only service units count. With --supervisor: the processes, globs on "
+                   "NAME or GROUP:NAME (default *)")
         ->default_str(std::string(Feed::defaultUnitPatterns));
     app.add_option("--refresh", o.refresh,
                    "With --systemd: seconds between readings of what systemd announces no change of (MemoryCurrent, "
-                   "CPUUsageNSec, TasksCurrent); 0: read them only when a unit starts or stops")
+                   "CPUUsageNSec, TasksCurrent); 0: read them only when a unit starts or stops. With --supervisor: "
+                   "seconds between readings of every process while no event listener is heard; 0: once a minute")
         ->check(CLI::Range(0, 86400))
         ->default_val(10);
     app.add_option("--system-bus", o.systemBus,
                    "With --systemd: the D-Bus address of the system bus, e.g. unix:path=/run/dbus/system_bus_socket")
         ->default_str("$DBUS_SYSTEM_BUS_ADDRESS, else unix:path=/run/dbus/system_bus_socket");
+    addSupervisorOptions(app, o);
 }
 
 std::string sourceProblem(const CLI::App& app, AgentOptions& o) {
     const bool state = app.get_option("--state")->count() > 0;
-    if (state && o.systemd) return "--state and --systemd exclude each other: give one launcher source (see --help)";
-    if (!state && !o.systemd) return "no launcher source: give --state FILE or --systemd (see --help)";
-    for (const char* name : {"--units", "--refresh", "--system-bus"}) {
+    o.supervisorOn = app.get_option("--supervisor")->count() > 0;
+    if (int(state) + int(o.systemd) + int(o.supervisorOn) > 1)
+        return "--state, --systemd and --supervisor exclude each other: give one launcher source (see --help)";
+    if (!state && !o.systemd && !o.supervisorOn)
+        return "no launcher source: give --state FILE, --systemd or --supervisor (see --help)";
+    for (const char* name : {"--units", "--refresh"}) {
         if (app.get_option(name)->count() == 0) continue;
-        if (!o.systemd) return std::string(name) + " applies to --systemd only (see --help)";
+        if (!o.systemd && !o.supervisorOn) return std::string(name) + " applies to --systemd and --supervisor only (see --help)";
+    }
+    if (app.get_option("--system-bus")->count() > 0 && !o.systemd)
+        return "--system-bus applies to --systemd only (see --help)";
+    if (std::string why = supervisorProblem(app, o); !why.empty()) return why;
+    if (o.supervisorOn) {
+        try {
+            if (!o.units.empty()) Feed::parseProcessPatterns(o.units);
+        } catch (const std::invalid_argument& e) {
+            return "--units " + o.units + ": " + e.what();
+        }
+        return {};
     }
     for (const char* name : {"--units", "--system-bus"}) {
         const CLI::Option* opt = app.get_option(name);
@@ -66,6 +84,7 @@ Feed::SystemdSource::Options systemdOptions(const AgentOptions& o) {
 } // namespace
 
 std::unique_ptr<Feed::Source> makeSource(const AgentOptions& o) {
+    if (o.supervisorOn) return std::make_unique<Feed::SupervisorSource>(supervisorOptions(o));
     if (!o.systemd) return std::make_unique<Feed::FileSource>(o.stateFile);
     try {
         return std::make_unique<Feed::SystemdSource>(systemdOptions(o));
@@ -75,6 +94,7 @@ std::unique_ptr<Feed::Source> makeSource(const AgentOptions& o) {
 }
 
 std::string sourceText(const AgentOptions& o) {
+    if (o.supervisorOn) return supervisorText(o);
     if (!o.systemd) return "state file " + o.stateFile;
     const Feed::SystemdSource::Options s = systemdOptions(o);
     return "systemd (system bus " + Feed::SystemdSource::busAddressFor(s) + ", units " +

@@ -28,7 +28,7 @@ ALLOWED = {
     "feedsystemd": ["feed", "libsystemd"],
     "feedsupervisor": ["feed", "libcurl", "expat"],
     "notify": ["GenericAgent", "launcher", "orbel", "feed", "netsnmp"],
-    "agent": ["feed", "feedfile", "feedsystemd", "notify", "snmpplugin", "statebase", "GenericAgent", "netsnmp", "cli11"],
+    "agent": ["feed", "feedfile", "feedsystemd", "feedsupervisor", "notify", "snmpplugin", "statebase", "GenericAgent", "netsnmp", "cli11"],
 }
 
 # Third-party headers by the first part of their include path.
