@@ -8,6 +8,7 @@ std::string encodeNote(const EventNote& n) {
     case EventNote::Kind::group: return "group\n" + n.group;
     case EventNote::Kind::tick: return "tick";
     case EventNote::Kind::hello: return "hello";
+    case EventNote::Kind::bye: return "bye";
     }
     return {};
 }
@@ -20,6 +21,10 @@ std::optional<EventNote> decodeNote(std::string_view d) {
     }
     if (d == "hello") {
         n.kind = EventNote::Kind::hello;
+        return n;
+    }
+    if (d == "bye") {
+        n.kind = EventNote::Kind::bye;
         return n;
     }
     std::size_t nl = d.find('\n');

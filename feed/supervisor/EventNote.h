@@ -12,6 +12,7 @@
 //   "group\n<group>"             a group was added or removed (`supervisorctl update`)
 //   "tick"                       supervisord's TICK event: the listener is alive
 //   "hello"                      the listener has just started
+//   "bye"                        the listener is stopping (supervisord stops or restarts)
 #pragma once
 
 #include <map>
@@ -22,7 +23,7 @@
 namespace Feed {
 
 struct EventNote {
-    enum class Kind { process, group, tick, hello };
+    enum class Kind { process, group, tick, hello, bye };
     Kind kind = Kind::hello;
     std::string group;   // process, group
     std::string name;    // process

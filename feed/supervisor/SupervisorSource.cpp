@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <set>
@@ -97,7 +98,7 @@ void SupervisorSource::Worker::answered() {
 
 void SupervisorSource::Worker::lost(SourceState state, const std::string& why, bool initial) {
     retryAt_ = Clock::now() + backoff_;
-    backoff_ = std::min(backoff_ * 2, lastRetry);
+    backoff_ = std::min({backoff_ * 2, lastRetry, s_.options_.refresh});
     bool wasUp = link_ == Link::up;
     bool wasState = s_.skeleton_.updateHealth([&](SourceHealth& h) {
         bool same = h.state == state;
@@ -148,7 +149,7 @@ void SupervisorSource::Worker::failed(std::exception_ptr error, bool initial) {
             });
             s_.skeleton_.say(Severity::warning, line);
             retryAt_ = Clock::now() + backoff_;
-            backoff_ = std::min(backoff_ * 2, lastRetry);
+            backoff_ = std::min({backoff_ * 2, lastRetry, s_.options_.refresh});
             if (link_ == Link::up) link_ = Link::down;
             return;
         }
@@ -336,7 +337,8 @@ void SupervisorSource::run() {
                 switch (note->kind) {
                 case EventNote::Kind::process: processes.emplace(note->group, note->name); break;
                 case EventNote::Kind::group:
-                case EventNote::Kind::hello: full = true; break;
+                case EventNote::Kind::hello:
+                case EventNote::Kind::bye: full = true; break;   // bye: is supervisord going?
                 case EventNote::Kind::tick: break;
                 }
             }

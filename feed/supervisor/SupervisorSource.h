@@ -15,8 +15,8 @@
 //     path is replaced) and runs a worker thread that makes every call from then on. The
 //     listener sends one datagram per supervisord event (EventNote.h): for a process that
 //     changed state the worker reads that process again (getProcessInfo); for a group
-//     added or removed (`supervisorctl update`), or a listener that has just started,
-//     every process. Datagrams that arrive together are handled as one round, each
+//     added or removed (`supervisorctl update`), or a listener that has just started or is
+//     stopping (supervisord stops or restarts: the read finds out which), every process. Datagrams that arrive together are handled as one round, each
 //     process read once.
 //   - while no datagram has come for `listenerQuiet` (the listener also forwards
 //     supervisord's TICK_5), the worker reads every process every `refresh` instead.
@@ -24,7 +24,8 @@
 //   - a call that cannot connect, or a supervisord shutting down or restarting, leaves the
 //     last state served; the health is "bus lost" and one line says so. A call that
 //     connects but gets no answer in time leaves the health "not answering". The worker
-//     tries again after 100 ms, doubling up to 5 s; once supervisord answers every process
+//     tries again after 100 ms, doubling up to 5 s (or refresh, when shorter), and at once
+//     when the listener is heard; once supervisord answers every process
 //     is read again (a restarted supervisord is a reconnect: nothing goes that is still
 //     there) and one line says so.
 //   - the loop is handed only the daemons that differ from what the source handed it last

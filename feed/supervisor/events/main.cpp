@@ -16,6 +16,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -51,6 +52,18 @@ struct Sender {
     }
 };
 
+Sender sender;
+const std::string byeNote = Feed::encodeNote(Feed::EventNote{Feed::EventNote::Kind::bye, {}, {}});
+
+// supervisord stops its listeners with a signal when it stops or restarts: say so, so that
+// the agent looks at once instead of at its next full read.
+extern "C" void onStopSignal(int sig) {
+    ::sendto(sender.fd, byeNote.data(), byeNote.size(), MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&sender.to),
+             sizeof sender.to);
+    ::signal(sig, SIG_DFL);
+    ::raise(sig);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -62,7 +75,7 @@ int main(int argc, char** argv) {
         usage(std::cerr);
         return 2;
     }
-    Sender s;
+    Sender& s = sender;
     std::size_t len = std::strlen(argv[1]);
     if (len >= sizeof s.to.sun_path) {
         std::cerr << "velmar-supervisor-events: socket path \"" << argv[1] << "\" is " << len
@@ -78,12 +91,17 @@ int main(int argc, char** argv) {
     }
     std::ios::sync_with_stdio(false);
     s.send(Feed::EventNote{Feed::EventNote::Kind::hello, {}, {}});
+    for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) ::signal(sig, onStopSignal);
+    auto bye = [&] {
+        s.send(Feed::EventNote{Feed::EventNote::Kind::bye, {}, {}});
+        return 0;
+    };
 
     std::string header;
     std::string payload;
     for (;;) {
         std::cout << "READY\n" << std::flush;
-        if (!std::getline(std::cin, header)) return 0;   // supervisord closed our stdin
+        if (!std::getline(std::cin, header)) return bye();   // supervisord closed our stdin
         auto tokens = Feed::eventTokens(header);
         std::size_t n = 0;
         auto len_ = tokens.find("len");
@@ -95,7 +113,7 @@ int main(int argc, char** argv) {
             return 1;
         }
         payload.assign(n, '\0');
-        if (!std::cin.read(payload.data(), static_cast<std::streamsize>(n))) return 0;
+        if (!std::cin.read(payload.data(), static_cast<std::streamsize>(n))) return bye();
         auto name = tokens.find("eventname");
         if (name != tokens.end())
             if (auto note = Feed::noteForEvent(name->second, payload)) s.send(*note);

@@ -333,7 +333,7 @@ TEST(ProcessTracker, LongNamesAreSkippedSaidOnceAndCounted) {
 
 TEST(EventNote, RoundTrips) {
     using K = Feed::EventNote::Kind;
-    Feed::EventNote notes[] = {{K::process, "pool", "w_00"}, {K::group, "web", ""}, {K::tick, "", ""}, {K::hello, "", ""}};
+    Feed::EventNote notes[] = {{K::process, "pool", "w_00"}, {K::group, "web", ""}, {K::tick, "", ""}, {K::hello, "", ""}, {K::bye, "", ""}};
     for (const auto& n : notes) {
         SCOPED_TRACE(Feed::encodeNote(n));
         EXPECT_EQ(Feed::decodeNote(Feed::encodeNote(n)), n);
