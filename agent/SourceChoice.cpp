@@ -1,8 +1,6 @@
 #include "SourceChoice.h"
-#include "Served.h"
 #include "SupervisorChoice.h"
 
-#include "feed/file/FileSource.h"
 #include "feed/systemd/SystemdSource.h"
 
 #include <CLI/CLI.hpp>
@@ -42,19 +40,12 @@ std::string sourceProblem(const CLI::App& app, AgentOptions& o) {
         return "no launcher source: give --state FILE, --systemd or --supervisor (see --help)";
     for (const char* name : {"--units", "--refresh"}) {
         if (app.get_option(name)->count() == 0) continue;
-        if (!o.systemd && !o.supervisorOn) return std::string(name) + " applies to --systemd and --supervisor only (see --help)";
+        if (!o.systemd && !o.supervisorOn)
+            return std::string(name) + " applies to --systemd and --supervisor only (see --help)";
     }
     if (app.get_option("--system-bus")->count() > 0 && !o.systemd)
         return "--system-bus applies to --systemd only (see --help)";
     if (std::string why = supervisorProblem(app, o); !why.empty()) return why;
-    if (o.supervisorOn) {
-        try {
-            if (!o.units.empty()) Feed::parseProcessPatterns(o.units);
-        } catch (const std::invalid_argument& e) {
-            return "--units " + o.units + ": " + e.what();
-        }
-        return {};
-    }
     for (const char* name : {"--units", "--system-bus"}) {
         const CLI::Option* opt = app.get_option(name);
         if (opt->count() > 0 && opt->as<std::string>().empty())
@@ -71,44 +62,29 @@ std::string sourceProblem(const CLI::App& app, AgentOptions& o) {
     return {};
 }
 
-namespace {
-
-Feed::SystemdSource::Options systemdOptions(const AgentOptions& o) {
-    Feed::SystemdSource::Options s;
-    s.patterns = Feed::parseUnitPatterns(o.units.empty() ? Feed::defaultUnitPatterns : o.units);
+SourceSettings sourceSettings(const AgentOptions& o) {
+    SourceSettings s;
+    s.stateFile = o.stateFile;
+    s.systemd = o.systemd;
+    s.units = o.units;
     s.refresh = std::chrono::seconds(o.refresh);
-    s.busAddress = o.systemBus;
+    s.systemBus = o.systemBus;
+    s.supervisor = o.supervisorOn;
+    s.supervisorAddress = o.supervisor;
+    s.supervisorEvents = o.supervisorEvents;
+    s.supervisorAuth = o.supervisorAuth;
+    s.serveCommandLines = o.serveCommandLines;
     return s;
 }
 
-} // namespace
-
 std::unique_ptr<Feed::Source> makeSource(const AgentOptions& o) {
-    if (o.supervisorOn) return std::make_unique<Feed::SupervisorSource>(supervisorOptions(o));
-    if (!o.systemd) return std::make_unique<Feed::FileSource>(o.stateFile);
     try {
-        return std::make_unique<Feed::SystemdSource>(systemdOptions(o));
+        return makeSource(sourceSettings(o));
     } catch (const std::invalid_argument& e) {
-        throw std::invalid_argument(std::string("--units ") + o.units + ": " + e.what());
+        throw std::invalid_argument(std::string("--") + e.what());
     }
 }
 
-std::string sourceText(const AgentOptions& o) {
-    if (o.supervisorOn) return supervisorText(o);
-    if (!o.systemd) return "state file " + o.stateFile;
-    const Feed::SystemdSource::Options s = systemdOptions(o);
-    return "systemd (system bus " + Feed::SystemdSource::busAddressFor(s) + ", units " +
-           (o.units.empty() ? std::string(Feed::defaultUnitPatterns) : o.units) + ")";
-}
-
-std::string servedText(const Feed::StateFeed& feed) {
-    std::string text = servedOf(feed).text();
-    const Feed::SourceHealth h = feed.source().health();
-    if (!h.skippedNote.empty()) text += "; " + h.skippedNote;
-    if (!h.connected)
-        text += "; not connected to " + (h.launcher.empty() ? std::string("its launcher") : h.launcher) +
-                " yet, trying again";
-    return text;
-}
+std::string sourceText(const AgentOptions& o) { return sourceText(sourceSettings(o)); }
 
 } // namespace Agent

@@ -1,9 +1,11 @@
 #include "SupervisorChoice.h"
 
+#include "feed/supervisor/SupervisorSource.h"
+
 #include <CLI/CLI.hpp>
 
-#include <fstream>
 #include <stdexcept>
+#include <sys/un.h>
 
 namespace Agent {
 
@@ -37,51 +39,17 @@ std::string supervisorProblem(const CLI::App& app, const AgentOptions& o) {
     } catch (const std::invalid_argument& e) {
         return "--supervisor: " + std::string(e.what());
     }
-    if (o.supervisorEvents.size() >= 108)
-        return "--supervisor-events " + o.supervisorEvents + ": the path is longer than a Unix socket allows (107 bytes)";
+    if (o.supervisorEvents.size() >= sizeof(sockaddr_un{}.sun_path))
+        return "--supervisor-events " + o.supervisorEvents + ": the path is longer than a Unix socket allows (" +
+               std::to_string(sizeof(sockaddr_un{}.sun_path) - 1) + " bytes)";
+    if (app.get_option("--units")->count() > 0) {
+        try {
+            Feed::parseProcessPatterns(o.units);
+        } catch (const std::invalid_argument& e) {
+            return "--units " + o.units + ": " + e.what();
+        }
+    }
     return {};
-}
-
-std::pair<std::string, std::string> readSupervisorAuth(const std::string& path) {
-    std::ifstream in(path);
-    if (!in) throw std::runtime_error("--supervisor-auth " + path + ": cannot read it");
-    std::string line;
-    std::getline(in, line);
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    std::size_t colon = line.find(':');
-    if (colon == std::string::npos || colon == 0)
-        throw std::runtime_error("--supervisor-auth " + path + ": line 1 is not USER:PASSWORD");
-    return {line.substr(0, colon), line.substr(colon + 1)};
-}
-
-Feed::SupervisorSource::Options supervisorOptions(const AgentOptions& o) {
-    Feed::SupervisorSource::Options s;
-    s.endpoint = Feed::SupervisorEndpoint::parse(o.supervisor.empty() ? Feed::SupervisorSource::defaultSocket
-                                                                       : o.supervisor);
-    try {
-        s.patterns = Feed::parseProcessPatterns(o.units.empty() ? "*" : o.units);
-    } catch (const std::invalid_argument& e) {
-        throw std::invalid_argument("--units " + o.units + ": " + e.what());
-    }
-    s.eventsSocket = o.supervisorEvents;
-    s.refresh = o.refresh > 0 ? std::chrono::seconds(o.refresh) : s.fullRead;   // 0: the full reads only
-    s.command = o.serveCommandLines ? Feed::CommandShown::whole : Feed::CommandShown::executable;
-    if (!o.supervisorAuth.empty()) std::tie(s.username, s.password) = readSupervisorAuth(o.supervisorAuth);
-    return s;
-}
-
-std::string supervisorText(const AgentOptions& o) {
-    std::string addr = o.supervisor.empty() ? Feed::SupervisorSource::defaultSocket : o.supervisor;
-    std::string text = "supervisord (";
-    try {
-        text += Feed::SupervisorEndpoint::parse(addr).text();
-    } catch (const std::invalid_argument&) {
-        text += addr;
-    }
-    text += ", processes " + (o.units.empty() ? std::string("*") : o.units);
-    text += o.supervisorEvents.empty() ? ", polled every " + std::to_string(o.refresh > 0 ? o.refresh : 60) + " s"
-                                       : ", events " + o.supervisorEvents;
-    return text + ")";
 }
 
 } // namespace Agent

@@ -1,18 +1,25 @@
 // velmar_daemon_mib: serves the daemon MIB from a stock snmpd, which loads this library
 // through its dlmod directive. It brings no agent of its own: it takes its settings from
 // snmpd.conf, and once snmpd has read its configuration it does inside snmpd what
-// velmar-snmp-agent does in its own process (Agent::Host): the DaemonMib in the state tree,
-// the launcher state feed on snmpd's select loop, and the module VelmarDaemonMIB loaded
-// through the plugin layer.
+// velmar-snmp-agent does in its own process (Agent::Serving): the DaemonMib in the state
+// tree, the launcher state feed on snmpd's select loop, the module VelmarDaemonMIB loaded
+// through the plugin layer, and the notifier. This file is the adapter: snmpd's directives
+// and callbacks on one side, Agent::Serving on the other.
 //
 //   dlmod velmar_daemon_mib /usr/lib/velmar/dlmod/velmar_daemon_mib.so
 //   velmarStateFile /run/launcher/state.json      # the launcher's state file, or
 //   velmarSystemd *.service                       # systemd's service units matching the patterns
 //                                                 # (comma-separated, e.g. ssh.service,getty@*)
 //                                                 # over $DBUS_SYSTEM_BUS_ADDRESS or the system
-//                                                 # bus; exactly one of the two. snmpd refuses
-//                                                 # a directive without a word, so the patterns
-//                                                 # are always given
+//                                                 # bus. snmpd refuses a directive without a
+//                                                 # word, so the patterns are always given
+//   velmarSupervisor /var/run/supervisor.sock     # or a supervisord's processes (a socket path,
+//                                                 # unix://PATH or http://HOST:PORT); exactly
+//                                                 # one of the three sources
+//   velmarSupervisorEvents /run/snmpd/supervisor-events.sock
+//                                                 # the socket velmar-supervisor-events sends to
+//                                                 # (none: every process is read each 10 s)
+//   velmarSupervisorAuth /etc/snmp/supervisor.auth  # USER:PASSWORD, when supervisord asks
 //   velmarModule /usr/lib/velmar/modules/VelmarDaemonMIB.so
 //                                                 # default: ../modules/VelmarDaemonMIB.so
 //                                                 # beside this library (build tree or install)
@@ -38,9 +45,8 @@
 //                               does whatever the shutdown callback has not done
 // SIGHUP makes snmpd unload every dlmod library and read its configuration again, which
 // loads this one afresh: the settings are read again and the state file loaded anew.
-#include "agent/Host.h"
-#include "agent/notify/Notifier.h"
-#include "feed/file/FileSource.h"
+#include "agent/Serving.h"
+#include "feed/supervisor/SupervisorClient.h"
 #include "feed/systemd/SystemdSource.h"
 
 #include "orbel/Exception.h"
@@ -79,6 +85,9 @@ constexpr const char* bridgeName = "velmar_daemon_mib";
 struct Settings {
     std::string stateFile;
     std::optional<std::string> systemdUnits;  // velmarSystemd's patterns
+    std::optional<std::string> supervisor;    // velmarSupervisor's address
+    std::string supervisorEvents;
+    std::string supervisorAuth;
     std::string modulePath;
     std::vector<std::string> contexts;
     Agent::NotifyScheduler::Settings notify;
@@ -87,9 +96,7 @@ struct Settings {
 // Everything the bridge holds while it is loaded.
 struct Bridge {
     Settings settings;
-    std::unique_ptr<Agent::Host> host;
-    std::unique_ptr<Agent::Notifier> notifier;   // through snmpd's sinks
-    std::string modulePath;                   // the module the host loaded
+    std::unique_ptr<Agent::Serving> serving;  // while serving; notifications through snmpd's sinks
     std::optional<std::string> traceBefore;   // the trace configuration velmarTrace replaced
     bool withdrawn = false;                   // directives and callbacks are unregistered
 };
@@ -100,6 +107,9 @@ Bridge* bridge = nullptr;
 
 constexpr const char* stateFileToken = "velmarStateFile";
 constexpr const char* systemdToken = "velmarSystemd";
+constexpr const char* supervisorToken = "velmarSupervisor";
+constexpr const char* supervisorEventsToken = "velmarSupervisorEvents";
+constexpr const char* supervisorAuthToken = "velmarSupervisorAuth";
 constexpr const char* moduleToken = "velmarModule";
 constexpr const char* contextToken = "velmarContext";
 constexpr const char* traceToken = "velmarTrace";
@@ -142,14 +152,14 @@ void guarded(const char* token, F parse) noexcept {
 // The two launcher sources exclude each other; the second one named is reported with its
 // file and line (and nothing is served, see startServing).
 void reportSecondSource(const char* token) {
-    config_perror((std::string(token) + ": " + stateFileToken + " and " + systemdToken +
+    config_perror((std::string(token) + ": " + stateFileToken + ", " + systemdToken + " and " + supervisorToken +
                    " exclude each other; give one launcher source").c_str());
 }
 
 void parseStateFile(const char* token, char* line) {
     guarded(token, [&] {
         if (auto w = oneWord(token, line, "the path of the launcher's state file"); w && bridge) {
-            if (bridge->settings.systemdUnits) reportSecondSource(token);
+            if (bridge->settings.systemdUnits || bridge->settings.supervisor) reportSecondSource(token);
             bridge->settings.stateFile = *w;
         }
     });
@@ -166,8 +176,38 @@ void parseSystemd(const char* token, char* line) {
             return;
         }
         if (!bridge) return;
-        if (!bridge->settings.stateFile.empty()) reportSecondSource(token);
+        if (!bridge->settings.stateFile.empty() || bridge->settings.supervisor) reportSecondSource(token);
         bridge->settings.systemdUnits = *w;
+    });
+}
+
+void parseSupervisor(const char* token, char* line) {
+    guarded(token, [&] {
+        auto w = oneWord(token, line, "supervisord's socket path, unix://PATH or http://HOST:PORT");
+        if (!w) return;
+        try {
+            Feed::SupervisorEndpoint::parse(*w);
+        } catch (const std::invalid_argument& e) {
+            config_perror((std::string(token) + ": " + e.what()).c_str());
+            return;
+        }
+        if (!bridge) return;
+        if (!bridge->settings.stateFile.empty() || bridge->settings.systemdUnits) reportSecondSource(token);
+        bridge->settings.supervisor = *w;
+    });
+}
+
+void parseSupervisorEvents(const char* token, char* line) {
+    guarded(token, [&] {
+        if (auto w = oneWord(token, line, "the Unix socket velmar-supervisor-events sends to"); w && bridge)
+            bridge->settings.supervisorEvents = *w;
+    });
+}
+
+void parseSupervisorAuth(const char* token, char* line) {
+    guarded(token, [&] {
+        if (auto w = oneWord(token, line, "a file whose first line is USER:PASSWORD"); w && bridge)
+            bridge->settings.supervisorAuth = *w;
     });
 }
 
@@ -243,118 +283,69 @@ std::string defaultModulePath() {
 
 void logLine(int priority, const std::string& line) { snmp_log(priority, "%s: %s\n", bridgeName, line.c_str()); }
 
-// The registrations in snmpd's registry, in every context, with a handler whose code lives
-// in the library file at `library`.
-std::vector<netsnmp_handler_registration*> registrationsInto(const std::string& library) {
-    std::vector<netsnmp_handler_registration*> found;
-    std::vector<std::pair<std::string, bool>> files;   // file name -> is the library
-    auto inLibrary = [&](Netsnmp_Node_Handler* fn) {
-        Dl_info info{};
-        if (!fn || !::dladdr(reinterpret_cast<void*>(fn), &info) || !info.dli_fname) return false;
-        for (const auto& [file, same] : files)
-            if (file == info.dli_fname) return same;
-        std::error_code ec;
-        const bool same = std::filesystem::equivalent(info.dli_fname, library, ec) && !ec;
-        files.emplace_back(info.dli_fname, same);
-        return same;
-    };
-    for (subtree_context_cache* c = get_top_context_cache(); c; c = c->next)
-        for (netsnmp_subtree* s = c->first_subtree; s; s = s->next)
-            for (netsnmp_subtree* t = s; t; t = t->children) {
-                netsnmp_handler_registration* reg = t->reginfo;
-                if (!reg || std::find(found.begin(), found.end(), reg) != found.end()) continue;
-                for (netsnmp_mib_handler* h = reg->handler; h; h = h->next)
-                    if (inLibrary(h->access_method)) {
-                        found.push_back(reg);
-                        break;
-                    }
-            }
-    return found;
-}
-
-// Stops the feed, withdraws the module from snmpd, unloads it and clears the state tree.
-// The module leaves its default-context tables registered when it leaves that context (an
-// agent that owns its process frees them in snmp_shutdown); snmpd runs on after the bridge
-// unloads the module (SIGHUP, the dlmod table), so every registration that still leads into
-// the module's code is removed here, before the code goes.
+// Stops serving: the notifier, the feed and the module withdrawn from snmpd, including
+// what it left registered (Host.h says who frees what), the module unloaded and the state
+// tree cleared, all before the module's code goes (snmpd runs on after SIGHUP).
 void stopServing(bool announce = true) {
-    if (!bridge || !bridge->host) return;
-    bridge->notifier.reset();
-    bridge->host->stopServing();
-    if (!bridge->modulePath.empty()) {
-        const auto left = registrationsInto(bridge->modulePath);
-        for (netsnmp_handler_registration* reg : left) {
-            // The module hands its default-context iterator, table and column information
-            // (calloc'd) to the agent library without the iterator's ownership flag: an
-            // agent that exits keeps them to the end. Unregistered here they would be lost,
-            // so the iterator's handler frees them with itself.
-            for (netsnmp_mib_handler* h = reg->handler; h; h = h->next)
-                if (h->handler_name && std::strcmp(h->handler_name, TABLE_ITERATOR_NAME) == 0 && h->myvoid && !h->data_free)
-                    h->data_free = [](void* p) {
-                        auto* iinfo = static_cast<netsnmp_iterator_info*>(p);
-                        if (iinfo->table_reginfo) {
-                            for (netsnmp_column_info* c = iinfo->table_reginfo->valid_columns; c;) {
-                                netsnmp_column_info* next = c->next;
-                                free(c);
-                                c = next;
-                            }
-                            iinfo->table_reginfo->valid_columns = nullptr;
-                        }
-                        netsnmp_iterator_delete_table(iinfo);
-                    };
-            netsnmp_unregister_handler(reg);
-        }
-        DEBUGMSGTL((bridgeName, "removed %u registrations the module left\n", static_cast<unsigned>(left.size())));
-    }
-    bridge->host->release();
-    bridge->host.reset();
-    bridge->modulePath.clear();
+    if (!bridge || !bridge->serving) return;
+    bridge->serving->release();
+    bridge->serving.reset();
     if (announce) logLine(LOG_INFO, "stopped serving");
 }
 
 // Starts serving with the settings read; on a bad one logs why and serves nothing.
 void startServing() {
-    if (!bridge || bridge->host) return;
+    if (!bridge || bridge->serving) return;
     const Settings& s = bridge->settings;
-    if (s.stateFile.empty() && !s.systemdUnits) {
-        logLine(LOG_ERR, std::string("no ") + stateFileToken + " line and no usable " + systemdToken +
-                             " line after the dlmod line (" + stateFileToken + " PATH names the launcher's state file, " +
-                             systemdToken + " PATTERNS serves systemd's service units, *.service for all); serving nothing");
+    if (s.stateFile.empty() && !s.systemdUnits && !s.supervisor) {
+        logLine(LOG_ERR, std::string("no ") + stateFileToken + " line and no usable " + systemdToken + " or " +
+                             supervisorToken + " line after the dlmod line (" + stateFileToken +
+                             " PATH names the launcher's state file, " + systemdToken +
+                             " PATTERNS serves systemd's service units, *.service for all, " + supervisorToken +
+                             " SOCKET|URL a supervisord's processes); serving nothing");
         return;
     }
-    if (!s.stateFile.empty() && s.systemdUnits) {
-        logLine(LOG_ERR, std::string(stateFileToken) + " " + s.stateFile + " and " + systemdToken + " " + *s.systemdUnits +
+    if (int(!s.stateFile.empty()) + int(s.systemdUnits.has_value()) + int(s.supervisor.has_value()) > 1) {
+        logLine(LOG_ERR, std::string(stateFileToken) + ", " + systemdToken + " and " + supervisorToken +
                              " exclude each other (snmpd named the file and line above); serving nothing");
         return;
     }
     const bool systemd = s.systemdUnits.has_value();
-    const char* sourceToken = systemd ? systemdToken : stateFileToken;
+    const bool supervisor = s.supervisor.has_value();
+    const char* sourceToken = supervisor ? supervisorToken : systemd ? systemdToken : stateFileToken;
+    const std::string sourceWord = supervisor ? *s.supervisor : systemd ? *s.systemdUnits : s.stateFile;
     const bool defaultModule = s.modulePath.empty();
-    const std::string modulePath = defaultModule ? defaultModulePath() : s.modulePath;
 
-    bridge->host = std::make_unique<Agent::Host>([](Feed::Severity severity, const std::string& line) {
-        logLine(severity == Feed::Severity::error     ? LOG_ERR
-                : severity == Feed::Severity::warning ? LOG_WARNING
-                                                      : LOG_NOTICE,
-                line);
-    });
-    Agent::Host& host = *bridge->host;
+    Agent::Serving::Settings settings;
+    settings.source.stateFile = s.stateFile;
+    settings.source.systemd = systemd;
+    settings.source.units = s.systemdUnits.value_or("");
+    settings.source.supervisor = supervisor;
+    settings.source.supervisorAddress = s.supervisor.value_or("");
+    settings.source.supervisorEvents = s.supervisorEvents;
+    settings.source.supervisorAuth = s.supervisorAuth;
+    settings.modulePath = defaultModule ? defaultModulePath() : s.modulePath;
+    settings.contexts = s.contexts;
+    settings.notify = s.notify;
+    bridge->serving = std::make_unique<Agent::Serving>(
+        std::move(settings),
+        [](Feed::Severity severity, const std::string& line) {
+            logLine(severity == Feed::Severity::error     ? LOG_ERR
+                    : severity == Feed::Severity::warning ? LOG_WARNING
+                                                          : LOG_NOTICE,
+                    line);
+        },
+        [](const std::string& line) { logLine(LOG_NOTICE, line); });
+    Agent::Serving& serving = *bridge->serving;
     try {
-        if (systemd) {
-            Feed::SystemdSource::Options o;
-            o.patterns = Feed::parseUnitPatterns(*s.systemdUnits);
-            host.loadState(std::make_unique<Feed::SystemdSource>(o));
-        } else {
-            host.loadState(std::make_unique<Feed::FileSource>(s.stateFile));
-        }
+        serving.loadState();
     } catch (const std::exception& e) {
         logLine(LOG_ERR, std::string(sourceToken) + ": " + e.what() + "; serving nothing");   // names the file or bus
         stopServing(false);
         return;
     }
-    bridge->modulePath = modulePath;   // from here on, what the module registers is withdrawn with it
     try {
-        host.loadModule(modulePath, s.contexts);
+        serving.loadModule();
     } catch (const std::exception& e) {
         // The message names the file.
         logLine(LOG_ERR, std::string(moduleToken) + (defaultModule ? " (not given; the default beside this library)" : "") +
@@ -363,31 +354,14 @@ void startServing() {
         return;
     }
     try {
-        host.startFeed();
-        host.runActivitiesFromSelectLoop();
+        serving.start(true);
     } catch (const std::exception& e) {
-        logLine(LOG_ERR, std::string(sourceToken) + " " + (systemd ? *s.systemdUnits : s.stateFile) + ": cannot watch it: " +
+        logLine(LOG_ERR, std::string(sourceToken) + " " + sourceWord + ": cannot watch it: " +
                              e.what() + "; serving nothing");
         stopServing(false);
         return;
     }
-
-    // After the initial load: the state as loaded is what receivers are taken to know.
-    bridge->notifier = std::make_unique<Agent::Notifier>(host.mib(), s.notify,
-                                                         [](const std::string& line) { logLine(LOG_NOTICE, line); });
-    bridge->notifier->start();
-
-    std::string contexts;
-    for (const auto& c : s.contexts) contexts += (contexts.empty() ? "" : ", ") + c;
-    std::string from = s.stateFile;
-    if (systemd) {
-        from = "systemd (system bus " + Feed::SystemdSource::busAddressFor({}) + ", units " + *s.systemdUnits + ")";
-        if (!host.feed()->source().health().connected) from += ", not connected yet, trying again";
-    }
-    const std::size_t daemons = host.feed()->applied().size();
-    logLine(LOG_INFO, "serving VELMAR-DAEMON-MIB (" + Agent::subtreeText() + ") from " + from + " with " + modulePath +
-                          (contexts.empty() ? "" : " (also initialised in contexts " + contexts + ")") + ": " +
-                          std::to_string(daemons) + (daemons == 1 ? " daemon" : " daemons"));
+    logLine(LOG_INFO, serving.guestServingLine());
 }
 
 int onConfigRead(int, int, void*, void*) {
@@ -420,7 +394,7 @@ int onShutdown(int, int, void*, void*);
 void withdraw(bool inShutdownCallback) {
     if (!bridge || bridge->withdrawn) return;
     bridge->withdrawn = true;
-    for (const char* token : {stateFileToken, systemdToken, moduleToken, contextToken, traceToken, holddownToken, rateToken})
+    for (const char* token : {stateFileToken, systemdToken, supervisorToken, supervisorEventsToken, supervisorAuthToken, moduleToken, contextToken, traceToken, holddownToken, rateToken})
         snmpd_unregister_config_handler(token);
     snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr, 1);
     if (!inShutdownCallback) snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_SHUTDOWN, onShutdown, nullptr, 1);
@@ -445,6 +419,10 @@ void init_velmar_daemon_mib(void) {
         bridge = new Bridge;
         snmpd_register_config_handler(stateFileToken, parseStateFile, nullptr, "PATH (the launcher's state file)");
         snmpd_register_config_handler(systemdToken, parseSystemd, nullptr, "PATTERNS (systemd's service units, *.service for all)");
+        snmpd_register_config_handler(supervisorToken, parseSupervisor, nullptr, "SOCKET|URL (a supervisord's processes)");
+        snmpd_register_config_handler(supervisorEventsToken, parseSupervisorEvents, nullptr,
+                                      "SOCKET (where velmar-supervisor-events sends)");
+        snmpd_register_config_handler(supervisorAuthToken, parseSupervisorAuth, nullptr, "FILE (USER:PASSWORD)");
         snmpd_register_config_handler(moduleToken, parseModule, nullptr, "PATH (VelmarDaemonMIB.so)");
         snmpd_register_config_handler(contextToken, parseContext, nullptr, "NAME (an extra SNMP context)");
         snmpd_register_config_handler(traceToken, parseTrace, nullptr, "LEVELS (e.g. Snmp/0-2,8)");
