@@ -216,7 +216,10 @@ DaemonState daemonStateOf(const ProcessConfig* c, const ProcessInfo* i, CommandS
         put(d.data, "pid", i->pid > 0 ? std::to_string(i->pid) : std::string());
         put(d.data, "start", isoSeconds(i->start));
         put(d.data, "stop", isoSeconds(i->stop));
-        put(d.data, "exitstatus", i->stop > 0 ? std::to_string(i->exitstatus) : std::string());
+        // supervisord keeps an exit status only while the process is EXITED or STOPPED; in
+        // other states it reports 0 for "none", which must not read as a clean exit.
+        bool exited = i->stop > 0 && (i->state == processExited || i->state == processStopped);
+        put(d.data, "exitstatus", exited ? std::to_string(i->exitstatus) : std::string());
         put(d.data, "spawnerr", i->spawnerr);
         // While RUNNING, supervisord's description is "pid N, uptime H:MM:SS": the pid and
         // start are served already, and the uptime is stale the moment it is read.

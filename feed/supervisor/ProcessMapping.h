@@ -21,7 +21,8 @@
 //     (its name: TERM), priority, group;
 //   - status: running while the state is RUNNING; data statename, pid (while there is
 //     one), start and stop (ISO 8601 UTC; none before the first start or stop), exitstatus
-//     (once the process has stopped), spawnerr, description (not while RUNNING, where
+//     (while EXITED or STOPPED after a run: supervisord forgets it at the next start),
+//     spawnerr, description (not while RUNNING, where
 //     supervisord's "pid N, uptime T" repeats pid and start and is stale once read);
 //   - an unset value has no row: an empty string, supervisord's "none", pid 0, time 0.
 #pragma once
@@ -73,8 +74,10 @@ struct ProcessInfo {
     friend bool operator==(const ProcessInfo&, const ProcessInfo&) = default;
 };
 
-// supervisord's code for RUNNING.
+// supervisord's state codes that the mapping looks at.
+inline constexpr std::int64_t processStopped = 0;
 inline constexpr std::int64_t processRunning = 20;
+inline constexpr std::int64_t processExited = 100;
 
 // Which part of a program's command line is served.
 enum class CommandShown { executable, whole };

@@ -26,8 +26,11 @@ ISO = re.compile(rb"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
 
 PROGRAMS = {
     "program:longrun": ["command=/bin/sleep 100000", "startsecs=1", "stopwaitsecs=2"],
-    "program:crasher": ['command=/bin/sh -c "sleep 1.2; exit 3"', "startsecs=1", "autorestart=true",
-                        "startretries=1000"],
+    # Runs long enough to count as started, then fails; supervisord keeps the exit status
+    # only while it is EXITED, so this one is not restarted by itself.
+    "program:crasher": ['command=/bin/sh -c "sleep 1.2; exit 3"', "startsecs=1", "autorestart=false"],
+    # Fails at once, again and again: supervisord restarts it after a back-off each time.
+    "program:flapper": ['command=/bin/sh -c "exit 4"', "startsecs=1", "autorestart=true", "startretries=1000"],
     "program:broken": ["command=/nonexistent/velmar-no-such-program", "startretries=0"],
     "program:idle": ["command=/bin/sleep 100000", "autostart=false"],
     "program:pool": ["command=/bin/sleep 100000", "process_name=%(program_name)s_%(process_num)02d",
@@ -133,7 +136,7 @@ class WithListenerTest(SupervisorCase):
 
     def test_each_process_is_a_daemon_enabled_by_autostart(self):
         status = self.sup.status()
-        for name in ("longrun", "crasher", "broken", "idle", "pool:pool_00", "pool:pool_01", "velmar-events"):
+        for name in ("longrun", "crasher", "flapper", "broken", "idle", "pool:pool_00", "pool:pool_01", "velmar-events"):
             self.assertIn(name, status)
             wanted = h.FALSE if name == "idle" else h.TRUE
             self.assertEqual(get_one(self.port, flag_oid("enabled", name)), wanted, name)
@@ -155,11 +158,25 @@ class WithListenerTest(SupervisorCase):
         self.assertRegex(self.data("longrun", "start"), ISO)
         self.assertIsNone(self.data("pool:pool_00", "exitstatus"))   # never stopped
         self.assertEqual(self.data("idle", "statename"), b"STOPPED")
-        self.assertEqual(self.data("idle", "description"), b"Not started")
+        self.assertTrue(self.data("idle", "description"))   # "Not started", or when it stopped
 
-    def test_a_program_that_exits_non_zero_serves_its_exit_status(self):
+    def test_a_program_that_exits_non_zero_serves_its_exit_status_until_started_again(self):
         self.seen(value_oid("data", "crasher", "exitstatus"), b"3", "crasher's exit status 3", limit=8)
+        self.assertEqual(self.data("crasher", "statename"), b"EXITED")
         self.assertRegex(self.data("crasher", "stop"), ISO)
+        self.sup.ctl("start", "crasher")
+        self.seen(flag_oid("running", "crasher"), h.TRUE, "crasher started again")
+        self.assertIsNone(self.data("crasher", "exitstatus"))
+
+    def test_a_program_that_fails_at_once_is_restarted_and_serves_its_spawn_error(self):
+        self.seen(value_oid("data", "flapper", "spawnerr"), lambda v: v is not None and b"too quickly" in v,
+                  "flapper's spawn error", limit=8)
+        seen = set()
+        deadline = time.monotonic() + 8
+        while time.monotonic() < deadline and not {b"BACKOFF", b"STARTING"} <= seen:
+            seen.add(self.data("flapper", "statename"))
+            time.sleep(0.05)
+        self.assertLessEqual({b"BACKOFF", b"STARTING"}, seen, "flapper was not seen restarted")
 
     def test_a_program_that_cannot_start_serves_its_spawn_error(self):
         self.seen(value_oid("data", "broken", "statename"), b"FATAL", "broken FATAL", limit=8)
@@ -327,6 +344,40 @@ class InetWithCredentialsTest(unittest.TestCase):
             self.assertIsNone(get_one(agent.port, flag_oid("enabled", "longrun")))
         finally:
             agent.stop()
+
+
+class CommandLineTest(unittest.TestCase):
+    """Bad --supervisor command lines are refused with one line naming what is wrong."""
+
+    def refused(self, args):
+        import subprocess
+        p = subprocess.run([h.AGENT] + args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=30)
+        self.assertEqual(p.returncode, 2, p.stderr)
+        self.assertEqual(len(p.stderr.splitlines()), 1, p.stderr)
+        return p.stderr
+
+    def test_supervisor_excludes_the_other_sources(self):
+        self.assertIn("--state, --systemd and --supervisor exclude each other",
+                      self.refused(["--supervisor", "/x.sock", "--systemd"]))
+
+    def test_a_bad_address_is_named(self):
+        self.assertIn("--supervisor: supervisord address \"https://h:1\"", self.refused(["--supervisor", "https://h:1"]))
+
+    def test_events_and_auth_need_supervisor(self):
+        demo = os.path.join(h.SOURCE_DIR, "examples", "demo-state.json")
+        for opt in ("--supervisor-events", "--supervisor-auth"):
+            self.assertIn("%s applies to --supervisor only" % opt, self.refused(["--state", demo, opt, "/x"]))
+
+    def test_bad_patterns_are_named(self):
+        self.assertIn("--units a,,b", self.refused(["--supervisor", "/x.sock", "--units", "a,,b"]))
+
+    def test_check_fails_while_supervisord_cannot_be_reached(self):
+        import subprocess
+        with tempfile.TemporaryDirectory() as d:
+            p = subprocess.run([h.AGENT, "--supervisor", os.path.join(d, "none.sock"), "--check"],
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=30)
+        self.assertEqual(p.returncode, 2, p.stdout + p.stderr)
+        self.assertIn("cannot connect: ", p.stderr)
 
 
 if __name__ == "__main__":

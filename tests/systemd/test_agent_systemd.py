@@ -369,16 +369,17 @@ class CommandLineTest(unittest.TestCase):
 
     def test_no_source_names_both(self):
         err = self.refused(["--listen", "udp:127.0.0.1:%d" % h.free_port()])
-        self.assertIn("no launcher source: give --state FILE or --systemd", err)
+        self.assertIn("no launcher source: give --state FILE, --systemd or --supervisor", err)
 
     def test_state_and_systemd_exclude_each_other(self):
         demo = os.path.join(h.SOURCE_DIR, "examples", "demo-state.json")
-        self.assertIn("--state and --systemd exclude each other", self.refused(["--state", demo, "--systemd"]))
+        self.assertIn("--state, --systemd and --supervisor exclude each other", self.refused(["--state", demo, "--systemd"]))
 
     def test_systemd_options_need_systemd(self):
         demo = os.path.join(h.SOURCE_DIR, "examples", "demo-state.json")
-        for opt, value in (("--units", "ssh.service"), ("--refresh", "5"), ("--system-bus", "unix:path=/x")):
-            self.assertIn("%s applies to --systemd only" % opt, self.refused(["--state", demo, opt, value]))
+        for opt, value in (("--units", "ssh.service"), ("--refresh", "5")):
+            self.assertIn("%s applies to --systemd and --supervisor only" % opt, self.refused(["--state", demo, opt, value]))
+        self.assertIn("--system-bus applies to --systemd only", self.refused(["--state", demo, "--system-bus", "unix:path=/x"]))
 
     def test_bad_patterns_are_named(self):
         err = self.refused(["--systemd", "--units", "ssh.service,,cron.service"])

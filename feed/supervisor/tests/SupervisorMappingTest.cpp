@@ -198,26 +198,40 @@ TEST(ProcessMapping, ConfigAndStatusOfARunningProcess) {
     EXPECT_EQ(whole.options.at("command"), "/usr/bin/web --password hunter2");
 }
 
-TEST(ProcessMapping, AnExitedProcessHasExitStatusStopAndSpawnError) {
+TEST(ProcessMapping, AnExitedProcessHasExitStatusAndStop) {
     Feed::ProcessConfig c = config("crash", "crash");
     c.autostart = false;
     c.autorestart = "unexpected";
-    Feed::ProcessInfo i = info("crash", "crash", 200);
-    i.statename = "FATAL";
+    Feed::ProcessInfo i = info("crash", "crash", Feed::processExited);
+    i.statename = "EXITED";
     i.stop = 1700000060;
     i.exitstatus = 3;
-    i.spawnerr = "Exited too quickly (process log may have details)";
-    i.description = "Exited too quickly (process log may have details)";
+    i.description = "Nov 14 10:14 PM";
     Feed::DaemonState d = Feed::daemonStateOf(&c, &i, Feed::CommandShown::executable);
     EXPECT_FALSE(d.enabled);
     EXPECT_FALSE(d.running);
     EXPECT_EQ(d.options.at("autorestart"), "unexpected");
-    EXPECT_EQ(d.data.at("statename"), "FATAL");
+    EXPECT_EQ(d.data.at("statename"), "EXITED");
     EXPECT_EQ(d.data.at("exitstatus"), "3");
     EXPECT_EQ(d.data.at("stop"), "2023-11-14T22:14:20Z");
-    EXPECT_EQ(d.data.at("spawnerr"), i.spawnerr);
     EXPECT_EQ(d.data.at("description"), i.description);
     EXPECT_EQ(d.data.count("pid"), 0u);
+}
+
+TEST(ProcessMapping, BackoffHasSpawnErrorAndNoExitStatus) {
+    Feed::ProcessInfo i = info("flap", "flap", 30);
+    i.statename = "BACKOFF";
+    i.stop = 1700000060;
+    i.exitstatus = 0;   // supervisord's "none"
+    i.spawnerr = "Exited too quickly (process log may have details)";
+    i.description = i.spawnerr;
+    Feed::DaemonState d = Feed::daemonStateOf(nullptr, &i, Feed::CommandShown::executable);
+    EXPECT_EQ(d.data.at("spawnerr"), i.spawnerr);
+    EXPECT_EQ(d.data.count("exitstatus"), 0u);
+    i.state = Feed::processRunning;   // started again after a stop: no exit status
+    i.statename = "RUNNING";
+    i.pid = 77;
+    EXPECT_EQ(Feed::daemonStateOf(nullptr, &i, Feed::CommandShown::executable).data.count("exitstatus"), 0u);
 }
 
 TEST(ProcessMapping, ANeverStartedProcessHasNoTimesNorExitStatus) {
