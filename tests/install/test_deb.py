@@ -45,6 +45,9 @@ EXPECTED_FILES = {
     "./usr/share/velmar-daemon-mib/snmpd-agentx.conf": None,
     "./usr/share/velmar-daemon-mib/snmpd-dlmod.conf": None,
     "./usr/share/velmar-daemon-mib/velmar-snmp-agent-systemd.conf": None,
+    "./usr/share/velmar-daemon-mib/velmar-snmp-agent-supervisor.conf": None,
+    "./usr/share/doc/velmar-daemon-mib/supervisord-velmar-events.conf": None,
+    "./usr/bin/velmar-supervisor-events": None,   # links no library of the project
     "./usr/share/doc/velmar-daemon-mib/copyright": None,
     "./usr/share/doc/velmar-daemon-mib/changelog.Debian.gz": None,
     "./lib/systemd/system/velmar-snmp-agent.service": None,
