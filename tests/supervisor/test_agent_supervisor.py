@@ -346,6 +346,33 @@ class InetWithCredentialsTest(unittest.TestCase):
             agent.stop()
 
 
+DLMOD = os.environ.get("VELMAR_DLMOD", "")
+
+
+@unittest.skipUnless(os.access("/usr/sbin/snmpd", os.X_OK), "Debian's snmpd is not installed")
+class DlmodTest(unittest.TestCase):
+    """snmpd with the dlmod bridge's velmarSupervisor and velmarSupervisorEvents lines."""
+
+    def test_serves_supervisord_and_follows_a_stop(self):
+        import test_dlmod
+        self.assertTrue(DLMOD and os.path.exists(DLMOD), "VELMAR_DLMOD does not name the built bridge: %r" % DLMOD)
+        sup = vs.Supervisord({"program:longrun": PROGRAMS["program:longrun"]}, listener=LISTENER)
+        self.addCleanup(sup.cleanup)
+        sup.wait_state("longrun", "RUNNING")
+        snmpd = test_dlmod.Snmpd(sup.dir, ["dlmod velmar_daemon_mib %s" % DLMOD, "velmarSupervisor %s" % sup.socket,
+                                           "velmarSupervisorEvents %s" % sup.events])
+        self.addCleanup(snmpd.stop)
+        line = snmpd.wait_log("serving VELMAR-DAEMON-MIB", timeout=10)
+        self.assertIsNotNone(line, snmpd.log())
+        self.assertIn("from supervisord (unix://%s, processes *, events %s)" % (sup.socket, sup.events), line)
+        running = flag_oid("running", "longrun")
+        self.assertIsNotNone(within(snmpd.port, running, h.TRUE, limit=5), snmpd.log())
+        self.assertIsNotNone(snmpd.wait_log("listener heard", timeout=10), snmpd.log())
+        sup.ctl("stop", "longrun")
+        self.assertIsNotNone(within(snmpd.port, running, h.FALSE, limit=1.0), snmpd.log())
+        self.assertEqual(snmpd.trouble(), [], snmpd.log())
+
+
 class CommandLineTest(unittest.TestCase):
     """Bad --supervisor command lines are refused with one line naming what is wrong."""
 
