@@ -54,23 +54,11 @@ def run_agent(args, timeout=30, env=None):
     return p.returncode, p.stdout, p.stderr
 
 
-class Fixture(unittest.TestCase):
-    def setUp(self):
-        self.tmp = h.TempDir()
-        self.addCleanup(self.tmp.cleanup)
-        self.state = self.tmp.file("state.json")
-        h.write_state(self.state, STATE)
-
-    def config(self, text, name="access.conf"):
-        path = self.tmp.file(name)
-        with open(path, "w", encoding="utf-8") as f:
-            f.write(text)
-        return path
+class Fixture(h.AgentCase):
+    STATE = STATE
 
     def start(self, extra=(), env=None):
-        agent = h.Agent(self.state, extra=extra, env=env)
-        self.addCleanup(agent.stop)
-        return agent
+        return self.start_agent(extra, env)
 
 
 class SystemGroupTest(Fixture):
