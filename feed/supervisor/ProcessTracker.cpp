@@ -100,6 +100,18 @@ ProcessTracker::Result ProcessTracker::update(const ProcessInfo& info) {
     return r;
 }
 
+std::vector<ProcessTracker::Pid> ProcessTracker::pids() const {
+    std::vector<Pid> out;
+    for (const auto& [daemon, e] : known_)
+        if (e.info && e.info->pid > 0) out.push_back({e.info->pid, e.info->group, e.info->name});
+    return out;
+}
+
+const ProcessInfo* ProcessTracker::info(const std::string& group, const std::string& name) const {
+    auto it = known_.find(processDaemonName(group, name));
+    return it == known_.end() || !it->second.info ? nullptr : &*it->second.info;
+}
+
 ProcessTracker::Result ProcessTracker::remove(const std::string& group, const std::string& name) {
     Result r;
     std::string daemon = processDaemonName(group, name);

@@ -46,6 +46,17 @@ public:
     // skipped in the last full read because their names do not fit an SNMP index.
     std::size_t daemons() const noexcept { return known_.size(); }
     std::size_t skippedNow() const noexcept { return skippedNow_; }
+    // A process that has a pid now, as the last read said.
+    struct Pid {
+        std::int64_t pid;
+        std::string group;
+        std::string name;
+    };
+    // Every known process with a pid, in name order.
+    std::vector<Pid> pids() const;
+    // The info last read of a known process; null: none.
+    const ProcessInfo* info(const std::string& group, const std::string& name) const;
+
     // The last skip line; empty: none.
     const std::string& lastSkip() const noexcept { return lastSkip_; }
 

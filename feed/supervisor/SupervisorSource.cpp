@@ -3,6 +3,7 @@
 #include "EventNote.h"
 
 #include <poll.h>
+#include <sys/syscall.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -11,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <set>
 #include <stdexcept>
 #include <system_error>
@@ -27,6 +29,12 @@ constexpr milliseconds lastRetry{5000};
 constexpr std::int64_t faultBadName = 10;        // supervisord: no such process
 constexpr std::int64_t faultShutdownState = 6;   // supervisord: shutting down or restarting
 constexpr std::size_t maxNotesPerRound = 4096;
+// Processes whose exit is watched with a pidfd at most (descriptors are not unlimited).
+constexpr std::size_t maxWatched = 512;
+// After a watched process exits, how often and how many times it is read until supervisord
+// has noticed (supervisord reaps its children once per turn of its loop, up to 1 s apart).
+constexpr milliseconds recheckEvery{20};
+constexpr int maxRechecks = 75;
 
 std::string secondsText(milliseconds ms) {
     return ms.count() % 1000 == 0 ? std::to_string(ms.count() / 1000) + " s" : std::to_string(ms.count()) + " ms";
@@ -61,6 +69,12 @@ public:
     bool fullRead(bool initial);
     // Reads one process again.
     void readProcess(const std::string& group, const std::string& name);
+
+    // The process as the last read said; null: not known.
+    const ProcessInfo* known(const std::string& group, const std::string& name) const {
+        return tracker_.info(group, name);
+    }
+    std::vector<ProcessTracker::Pid> pids() const { return tracker_.pids(); }
 
     Link link() const noexcept { return link_; }
     Clock::time_point retryAt() const noexcept { return retryAt_; }
@@ -301,23 +315,80 @@ void SupervisorSource::run() {
     bool listening = false;
     if (w.link() != Worker::Link::up) w.fullRead(false);
 
+    // A supervisord on a Unix socket runs here: the exit of each of its processes is watched
+    // with a pidfd, and the process read at once, since supervisord itself may take up to a
+    // second to notice (it reaps its children once per turn of its loop) and our request
+    // wakes it. Off for a remote supervisord, whose pids are not ours to see.
+    struct Watch {
+        int fd = -1;
+        std::string group, name;
+    };
+    struct Recheck {
+        std::string group, name;
+        std::int64_t pid = 0;
+        int left = maxRechecks;
+        Clock::time_point due{};
+    };
+    const bool watchPids = !o.endpoint.socketPath.empty();
+    std::map<std::int64_t, Watch> watched;
+    std::vector<Recheck> rechecks;
+    auto closeWatches = [&] {
+        for (auto& [pid, wt] : watched) ::close(wt.fd);
+        watched.clear();
+    };
+    auto syncWatches = [&] {
+        if (!watchPids || w.link() != Worker::Link::up) return;
+        std::map<std::int64_t, Watch> next;
+        for (ProcessTracker::Pid& p : w.pids()) {
+            if (auto it = watched.find(p.pid); it != watched.end()) {
+                next.emplace(p.pid, std::move(it->second));
+                watched.erase(it);
+            } else if (next.size() < maxWatched) {
+                int fd = static_cast<int>(::syscall(SYS_pidfd_open, static_cast<pid_t>(p.pid), 0u));
+                if (fd >= 0) next.emplace(p.pid, Watch{fd, std::move(p.group), std::move(p.name)});
+                else if (errno == ESRCH) rechecks.push_back({p.group, p.name, p.pid, maxRechecks, Clock::now()});
+            }
+        }
+        closeWatches();
+        watched = std::move(next);
+    };
+    syncWatches();
+
     for (;;) {
         now = Clock::now();
         Clock::time_point due = nextFull;
         if (w.link() != Worker::Link::up) due = std::min(due, w.retryAt());
         else if (!listening) due = std::min(due, nextPoll);
         if (listening) due = std::min(due, lastHeard + o.listenerQuiet);
+        for (const Recheck& r : rechecks) due = std::min(due, r.due);
         auto wait = std::chrono::duration_cast<milliseconds>(due - now).count();
         int timeout = wait <= 0 ? 0 : static_cast<int>(std::min<long long>(wait + 1, 60'000));
 
-        pollfd fds[3] = {{stop_.fd(), POLLIN, 0}, {reread_.fd(), POLLIN, 0}, {events_, POLLIN, 0}};
-        int n = ::poll(fds, events_ >= 0 ? 3 : 2, timeout);
+        std::vector<pollfd> fds{{stop_.fd(), POLLIN, 0}, {reread_.fd(), POLLIN, 0}, {events_, POLLIN, 0}};
+        for (const auto& [pid, wt] : watched) fds.push_back({wt.fd, POLLIN, 0});
+        int n = ::poll(fds.data(), fds.size(), timeout);
         if (n < 0 && errno != EINTR) {
             skeleton_.say(Severity::error, std::string("poll: ") + std::strerror(errno) + "; stopped following");
+            closeWatches();
             return;
         }
-        if (n > 0 && fds[0].revents) return;
+        if (n > 0 && fds[0].revents) {
+            closeWatches();
+            return;
+        }
         now = Clock::now();
+        if (n > 0) {
+            std::size_t k = 3;
+            for (auto it = watched.begin(); it != watched.end(); ++k) {
+                if (fds[k].revents) {
+                    rechecks.push_back({it->second.group, it->second.name, it->first, maxRechecks, now});
+                    ::close(it->second.fd);
+                    it = watched.erase(it);
+                } else {
+                    ++it;
+                }
+            }
+        }
 
         bool full = false;
         if (n > 0 && fds[1].revents) {
@@ -369,12 +440,31 @@ void SupervisorSource::run() {
                 nextFull = now + o.fullRead;
                 nextPoll = now + o.refresh;
             }
+            syncWatches();
             continue;
         }
+        // Exited processes that supervisord still reports with their old pid are read again
+        // shortly; each read also wakes supervisord to notice.
+        std::vector<Recheck> again;
+        for (Recheck& r : rechecks) {
+            if (r.due > now) {
+                again.push_back(std::move(r));
+                continue;
+            }
+            processes.erase({r.group, r.name});
+            w.readProcess(r.group, r.name);
+            const ProcessInfo* info = w.known(r.group, r.name);
+            if (info && info->pid == r.pid && --r.left > 0 && w.link() == Worker::Link::up) {
+                r.due = now + recheckEvery;
+                again.push_back(std::move(r));
+            }
+        }
+        rechecks = std::move(again);
         for (const auto& [group, name] : processes) {
             w.readProcess(group, name);
             if (w.link() != Worker::Link::up) break;
         }
+        syncWatches();
     }
 }
 

@@ -18,6 +18,10 @@
 //     added or removed (`supervisorctl update`), or a listener that has just started or is
 //     stopping (supervisord stops or restarts: the read finds out which), every process. Datagrams that arrive together are handled as one round, each
 //     process read once.
+//   - for a supervisord on a Unix socket (on this machine), the exit of each process is
+//     watched with a pidfd (up to 512 processes): the process is read at once, and every
+//     20 ms until supervisord reports it exited (supervisord reaps its children once per
+//     turn of its loop, up to a second apart, and each read wakes it to do so).
 //   - while no datagram has come for `listenerQuiet` (the listener also forwards
 //     supervisord's TICK_5), the worker reads every process every `refresh` instead.
 //   - on top of either, every process is read again every `fullRead`.

@@ -377,3 +377,19 @@ TEST(EventNote, EventsOfSupervisord) {
 }
 
 } // namespace
+
+namespace {
+
+TEST(ProcessTracker, PidsAreThoseOfKnownProcessesThatHaveOne) {
+    Feed::ProcessTracker t({"*"}, Feed::CommandShown::executable);
+    t.replaceAll({config("a", "a"), config("b", "b")}, {info("a", "a"), info("b", "b", 0)});
+    auto pids = t.pids();
+    ASSERT_EQ(pids.size(), 1u);
+    EXPECT_EQ(pids[0].pid, 4242);
+    EXPECT_EQ(pids[0].name, "a");
+    ASSERT_NE(t.info("b", "b"), nullptr);
+    EXPECT_EQ(t.info("b", "b")->statename, "STOPPED");
+    EXPECT_EQ(t.info("zz", "zz"), nullptr);
+}
+
+} // namespace
