@@ -215,8 +215,10 @@ class Page:
         os.makedirs(os.path.join(self.home, "mibs"))
         deps = os.path.join(SOURCE_DIR, ".deps", "node_modules")
         os.symlink(deps, os.path.join(self.home, "mibs", "node_modules"))
+        # Net-SNMP's persistent directory, as on a machine where its tools have run before
+        # (a first run says "Created directory: .../cert_indexes").
         self.persistent = os.path.join(self.tmp, "persistent")
-        os.mkdir(self.persistent)
+        os.makedirs(os.path.join(self.persistent, "cert_indexes"))
         self.counter = 0
 
     def cleanup(self):
@@ -306,8 +308,8 @@ class Page:
             if r.returncode != 0:
                 return "%s: `%s` failed (exit status %d):\n%s" % (block.where(), command, r.returncode, r.stdout)
             if not output_matches(want, got):
-                return "%s: `%s` printed other than shown (%s)\n--- printed:\n%s" % (
-                    block.where(), command, first_difference(want, got), r.stdout)
+                return "%s: `%s` printed other than shown (%s)\n--- printed (first 30 lines):\n%s" % (
+                    block.where(), command, first_difference(want, got), "\n".join(r.stdout.split("\n")[:30]))
         return None
 
     def shell(self, script):
