@@ -284,7 +284,7 @@ class Page:
             return "%s: did not finish in %d s" % (block.where(), BLOCK_TIMEOUT)
         if r.returncode != 0:
             return "%s: the block failed (exit status %d):\n%s\n--- output:\n%s" % (
-                block.where(), r.returncode, text, r.stdout)
+                block.where(), r.returncode, text, head(r.stdout))
         return None
 
     def run_console(self, block, text):
@@ -306,10 +306,10 @@ class Page:
             while want and want[-1] == "":
                 want.pop()
             if r.returncode != 0:
-                return "%s: `%s` failed (exit status %d):\n%s" % (block.where(), command, r.returncode, r.stdout)
+                return "%s: `%s` failed (exit status %d):\n%s" % (block.where(), command, r.returncode, head(r.stdout))
             if not output_matches(want, got):
-                return "%s: `%s` printed other than shown (%s)\n--- printed (first 30 lines):\n%s" % (
-                    block.where(), command, first_difference(want, got), "\n".join(r.stdout.split("\n")[:30]))
+                return "%s: `%s` printed other than shown (%s)\n--- printed:\n%s" % (
+                    block.where(), command, first_difference(want, got), head(r.stdout))
         return None
 
     def shell(self, script):
@@ -329,6 +329,12 @@ class Page:
             return None
         with open(out_path, errors="replace") as f:
             return subprocess.CompletedProcess(p.args, p.returncode, f.read())
+
+
+def head(text, lines=30):
+    """The first lines of a command's output, for a failure message."""
+    parts = text.split("\n")
+    return "\n".join(parts[:lines]) + ("\n... (%d more lines)" % (len(parts) - lines) if len(parts) > lines else "")
 
 
 def shq(s):
