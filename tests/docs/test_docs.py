@@ -403,6 +403,60 @@ class DocumentedCommandsTest(unittest.TestCase):
         self.assertFalse(failures, "\n\n".join(failures))
 
 
+class RunDemoTest(unittest.TestCase):
+    """The README's first command: scripts/run-demo builds, serves the demo state and prints a
+    walk, which prints what docs/walks.md shows."""
+
+    def test_run_demo_serves_and_its_printed_walk_works(self):
+        own = os.path.join(SOURCE_DIR, "build", "default")
+        if not BUILD_DIR or os.path.realpath(BUILD_DIR) != os.path.realpath(own):
+            self.skipTest("scripts/run-demo builds build/default of the clone; this build is %s" % BUILD_DIR)
+        walk_block = next(b for b in read_blocks(os.path.join(SOURCE_DIR, "docs", "walks.md"))[0]
+                          if b.lang == "console" and "snmpwalk" in b.text and "velmarDaemonMIB\n" in b.text)
+        expected = [mask(l) for l in walk_block.text.rstrip("\n").split("\n")[1:]]
+        run = Page(self, [])
+        self.addCleanup(run.cleanup)
+        port = h.free_port()
+        log_path = os.path.join(run.tmp, "run-demo.log")
+        with open(log_path, "w") as log:
+            demo = subprocess.Popen(["bash", "scripts/run-demo", "--listen", "udp:127.0.0.1:%d" % port],
+                                    cwd=SOURCE_DIR, stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT,
+                                    env=run.env(), start_new_session=True)
+        children = []
+
+        def stop():
+            if demo.poll() is None:
+                with open("/proc/%d/task/%d/children" % (demo.pid, demo.pid)) as f:
+                    children.extend(int(c) for c in f.read().split())
+                demo.send_signal(signal.SIGTERM)   # run-demo stops its agent on TERM
+                try:
+                    demo.wait(20)
+                except subprocess.TimeoutExpired:
+                    demo.kill()
+                    demo.wait(5)
+            for pid in children:
+                stop_pid(pid)
+        self.addCleanup(stop)
+
+        deadline, printed = time.time() + 600, ""
+        while time.time() < deadline and demo.poll() is None:
+            with open(log_path, errors="replace") as f:
+                printed = f.read()
+            if "Ctrl-C stops the agent" in printed:
+                break
+            time.sleep(0.5)
+        self.assertIn("Walk it from another shell:", printed, "run-demo did not say it serves:\n" + head(printed))
+        shown = printed.split("Walk it from another shell:", 1)[1].split("Ctrl-C stops the agent", 1)[0]
+        commands = "\n".join(l.strip() for l in shown.strip().split("\n"))
+        self.assertIn("snmpwalk", commands)
+        r = run.shell("set -e\n" + commands + "\n")
+        self.assertIsNotNone(r, "the printed walk did not finish")
+        got = [mask(l) for l in r.stdout.rstrip("\n").split("\n")]
+        self.assertEqual(r.returncode, 0, head(r.stdout))
+        self.assertTrue(output_matches(expected, got), "the printed walk (%s) printed other than docs/walks.md shows "
+                        "(%s):\n%s" % (commands, first_difference(expected, got), head(r.stdout)))
+
+
 class ReadingTest(unittest.TestCase):
     """The reader and the comparison themselves, on made-up pages."""
 
