@@ -389,6 +389,11 @@ class DocumentedCommandsTest(unittest.TestCase):
                         if not block.reason:
                             failures.append("%s: the illustrative marker gives no reason" % block.where())
                         illustrative += 1
+                        if block.lang in ("sh", "bash"):
+                            syntax = subprocess.run(["bash", "-n"], input=block.text, text=True,
+                                                    stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=30)
+                            if syntax.returncode != 0:
+                                failures.append("%s: not even valid shell:\n%s" % (block.where(), syntax.stdout))
                         continue
                     ran += 1
                     problem = run.run_block(block)
