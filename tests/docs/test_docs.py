@@ -23,6 +23,7 @@ import os
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -245,7 +246,7 @@ class Page:
         return "cd %s\n%s\n" % (shq(SOURCE_DIR), "\n".join(self.exports))
 
     def run_block(self, block):
-        ports = {role: h.free_port() for role in PORTS}
+        ports = {role: h.free_port(socket.SOCK_STREAM if role == "exporter" else socket.SOCK_DGRAM) for role in PORTS}
         text = self.rewrite(block.text, ports)
         self.counter += 1
         pids_file = os.path.join(self.tmp, "pids-%d" % self.counter)
