@@ -18,6 +18,7 @@ Run as `python3 test_docs.py --wait PORT KIND PID`, this file is the readiness w
 the generated scripts call for each server they start.
 """
 
+import contextlib
 import glob
 import os
 import re
@@ -211,7 +212,8 @@ class Page:
     def __init__(self, test, exports):
         self.test = test
         self.exports = list(exports)
-        self.tmp = tempfile.mkdtemp(prefix="velmar-docs-")
+        self.dir = h.TempDir()
+        self.tmp = self.dir.path
         self.home = os.path.join(self.tmp, "home")
         os.makedirs(os.path.join(self.home, "mibs"))
         deps = os.path.join(SOURCE_DIR, ".deps", "node_modules")
@@ -223,7 +225,14 @@ class Page:
         self.counter = 0
 
     def cleanup(self):
-        shutil.rmtree(self.tmp, ignore_errors=True)
+        self.dir.cleanup()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.cleanup()
+        return False
 
     def env(self):
         env = {k: v for k, v in os.environ.items()
@@ -251,20 +260,18 @@ class Page:
         self.counter += 1
         pids_file = os.path.join(self.tmp, "pids-%d" % self.counter)
         open(pids_file, "w").close()
-        fixture = None
         starts_agent = any(l.rstrip().endswith("&") and "velmar-snmp-agent" in l for l in logical_lines(text))
-        if str(ports["agent"]) in text and not starts_agent:
-            fixture = h.Agent("examples/demo-state.json", port=ports["agent"], cwd=SOURCE_DIR, env=self.env())
-        try:
-            if block.lang == "console":
-                return self.run_console(block, text)
-            return self.run_script(block, text, ports, pids_file)
-        finally:
-            with open(pids_file) as f:
-                for pid in [int(x) for x in f.read().split()]:
-                    stop_pid(pid)
-            if fixture:
-                fixture.stop()
+        needs_agent = str(ports["agent"]) in text and not starts_agent
+        with (h.Agent("examples/demo-state.json", port=ports["agent"], cwd=SOURCE_DIR, env=self.env())
+              if needs_agent else contextlib.nullcontext()):
+            try:
+                if block.lang == "console":
+                    return self.run_console(block, text)
+                return self.run_script(block, text, ports, pids_file)
+            finally:
+                with open(pids_file) as f:
+                    for pid in [int(x) for x in f.read().split()]:
+                        stop_pid(pid)
 
     def run_script(self, block, text, ports, pids_file):
         script = ["set -e -o pipefail", self.prologue()]
@@ -381,8 +388,7 @@ class DocumentedCommandsTest(unittest.TestCase):
             blocks, problems = read_blocks(page)
             failures += problems
             is_readme = os.path.relpath(page, SOURCE_DIR) == "README.md"
-            run = Page(self, [] if is_readme else readme_exports)
-            try:
+            with Page(self, [] if is_readme else readme_exports) as run:
                 for block in blocks:
                     if block.lang not in RUNNABLE:
                         continue
@@ -402,8 +408,6 @@ class DocumentedCommandsTest(unittest.TestCase):
                         failures.append(problem)
                 if is_readme:
                     readme_exports = list(run.exports)
-            finally:
-                run.cleanup()
         print("docs test: %d blocks run, %d illustrative" % (ran, illustrative), file=sys.stderr)
         self.assertGreater(ran, 0, "no block was run")
         self.assertFalse(failures, "\n\n".join(failures))
@@ -468,8 +472,7 @@ class RunDemoTest(unittest.TestCase):
         walk_block = next(b for b in read_blocks(os.path.join(SOURCE_DIR, "docs", "walks.md"))[0]
                           if b.lang == "console" and "snmpwalk" in b.text and "velmarDaemonMIB\n" in b.text)
         expected = [mask(l) for l in walk_block.text.rstrip("\n").split("\n")[1:]]
-        run = Page(self, [])
-        self.addCleanup(run.cleanup)
+        run = self.enterContext(Page(self, []))
         port = h.free_port()
         log_path = os.path.join(run.tmp, "run-demo.log")
         with open(log_path, "w") as log:
