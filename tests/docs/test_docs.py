@@ -332,7 +332,9 @@ class Page:
         try:
             p.wait(timeout=BLOCK_TIMEOUT)
         except subprocess.TimeoutExpired:
-            os.kill(p.pid, signal.SIGKILL)
+            # The script and whatever it runs in the foreground: its own process group (the
+            # session started for it); the servers it recorded are stopped by the caller.
+            os.killpg(p.pid, signal.SIGKILL)
             p.wait(10)
             return None
         with open(out_path, errors="replace") as f:
