@@ -108,6 +108,7 @@ std::vector<std::pair<std::string, DaemonFlags>> ModelWatch::start() {
         d.told = flagsNow(name, d);
         now.emplace_back(name, d.told);
     }
+    if (listener_) listener_->baselineIs(now);
     return now;
 }
 
@@ -149,6 +150,7 @@ void ModelWatch::flush() {
         const bool first = !d.told.present && now.present;
         if (now != d.told || first) {
             d.told = now;
+            if (listener_) listener_->changed(name, now);
             if (changed_) changed_(name, now);
         }
         if (!now.present && !mib_->runningTable(Snmp::String(name))) {

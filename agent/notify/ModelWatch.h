@@ -30,6 +30,20 @@
 
 namespace Agent {
 
+// Something else that hears what a ModelWatch tells (the daemon history): the state at
+// start, then each change, always before the watch's own callback, so that what the
+// callback does (a notification) can rely on the listener being up to date.
+class ModelListener {
+public:
+    // The state as it was when the watch started, in name order: nothing changed.
+    virtual void baselineIs(const std::vector<std::pair<std::string, DaemonFlags>>& daemons) = 0;
+    // One daemon's flags differ from what was told before (or it appeared, or went).
+    virtual void changed(const std::string& daemon, const DaemonFlags& flags) = 0;
+
+protected:
+    ~ModelListener() = default;
+};
+
 class ModelWatch {
 public:
     using Changed = std::function<void(const std::string& daemon, const DaemonFlags& flags)>;
@@ -47,6 +61,10 @@ public:
     // Stops listening: the observers leave the model, and what was collected is dropped.
     void stop();
     bool started() const noexcept { return started_; }
+
+    // Also tells listener (not owned; null: none) the baseline at start() and every change
+    // before the callback. Set it before start(); it must outlive the watch or be reset.
+    void listenerIs(ModelListener* listener) noexcept { listener_ = listener; }
 
     // Tells what was collected now (the activity loop does it otherwise).
     void flush();
@@ -73,6 +91,7 @@ private:
 
     Orbel::Ptr<GenericAgent::DaemonMib> mib_;
     Changed changed_;
+    ModelListener* listener_ = nullptr;
     Orbel::Ptr<MibWatch> mibWatch_;
     Orbel::Ptr<Flush> flush_;
     std::map<std::string, Daemon> daemons_;
