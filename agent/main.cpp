@@ -371,6 +371,8 @@ int main(int argc, char** argv) {
     // After the initial load: the state as loaded is what receivers are taken to know.
     Agent::Notifier notifier(host.mib(), {std::chrono::milliseconds(opts.notifyHolddownMs), unsigned(opts.notifyRate)},
                              [](const std::string& line) { logLine(Level::notice, line); });
+    notifier.historyIs(host.history());   // counts from here on, before each notification
+    notifier.dataKeysIs(opts.notifyData);
     notifier.start();
 
     // A subagent serves only once its master has its registrations: until then (and
