@@ -54,7 +54,7 @@ DaemonHistory::Record* DaemonHistory::lookup(const Snmp::String& name) {
     return at(added_, name);
 }
 
-void DaemonHistory::changed(const std::string& daemon, const DaemonFlags& flags) {
+void DaemonHistory::changed(const std::string& daemon, const DaemonFlags& flags, const FlagChanges& seen) {
     const Snmp::String key(daemon);
     Record* r = lookup(key);
     if (!flags.present) {
@@ -85,12 +85,13 @@ void DaemonHistory::changed(const std::string& daemon, const DaemonFlags& flags)
         return;
     }
     if (row && !r->name.str().sharesBodyWith(row->agentName().str())) r->name = row->agentName();
-    const bool running = flags.running != r->running();
-    const bool enabled = flags.enabled != r->enabled();
+    // A flag that differs with no change seen: its object was replaced; one change.
+    const std::uint32_t running = std::max<std::uint32_t>(seen.running, flags.running != r->running());
+    const std::uint32_t enabled = std::max<std::uint32_t>(seen.enabled, flags.enabled != r->enabled());
     if (!running && !enabled) return;
     const Stamp now = now_ ? now_() : Stamp{};
     if (running) {
-        ++r->runningChanges;
+        r->runningChanges += running;
         r->lastRunningChange = now.ticks;
         const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.wall.time_since_epoch()).count();
         const long long secs = ms >= 0 ? ms / 1000 : 0;
@@ -99,7 +100,7 @@ void DaemonHistory::changed(const std::string& daemon, const DaemonFlags& flags)
         r->bits |= Record::hasRunningTimeBit;
     }
     if (enabled) {
-        ++r->enabledChanges;
+        r->enabledChanges += enabled;
         r->lastEnabledChange = now.ticks;
     }
     r->bits = static_cast<std::uint8_t>((r->bits & ~(Record::enabledBit | Record::runningBit)) | flagBits(flags));

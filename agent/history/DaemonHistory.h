@@ -14,8 +14,9 @@
 //   - A row lives exactly while its daemon is served (has a row in the enabled table): it
 //     appears with the daemon, with every count at 0, and goes with it. A daemon removed
 //     and added again starts at 0.
-//   - The state at start counts nothing; a change that leaves a flag as it was (a reload
-//     that rewrites the same value) counts nothing for that flag.
+//   - The state at start counts nothing; a write that leaves a flag as it was (a reload
+//     that rewrites the same value) counts nothing for that flag. A flag set to a new value
+//     and back before the writer is done (a restart seen in one read) counts both changes.
 //   - Counts are 32 bits and wrap, as SNMP counters do.
 //
 // Memory: one 32-byte record per daemon in a sorted array (no node, no hash slot). The
@@ -83,8 +84,9 @@ public:
 
     // ModelListener: rows at 0 for the daemons served now (replacing any there were).
     void baselineIs(const std::vector<std::pair<std::string, DaemonFlags>>& daemons) override;
-    // Counts what changed; adds the row of a daemon that appeared, drops that of one gone.
-    void changed(const std::string& daemon, const DaemonFlags& flags) override;
+    // Counts what changed (each change seen, also those undone before the writer was done);
+    // adds the row of a daemon that appeared, drops that of one gone.
+    void changed(const std::string& daemon, const DaemonFlags& flags, const FlagChanges& seen) override;
 
     // The daemon's row, or null. The pointer is good until the next change.
     const Record* find(const Snmp::String& name) const;

@@ -137,7 +137,7 @@ def trapd_named(kind, name, enabled, running, changes=None, data=()):
     extra = []
     if _running_change_count(kind, changes):
         extra = [('VELMAR-DAEMON-MIB::velmarDaemonRunningChanges."%s"' % name, "Counter32: %d" % changes)]
-        extra += [('VELMAR-DAEMON-MIB::velmarDaemonDataValue."%s"."%s"' % (name, k), 'STRING: "%s"' % v)
+        extra += [('VELMAR-DAEMON-MIB::velmarDaemonDataValue."%s"."%s"' % (name, k), 'STRING: %s' % v)
                   for k, v in data]
     return [("SNMPv2-MIB::snmpTrapOID.0", "OID: VELMAR-DAEMON-MIB::" + NAMES[kind])] + flags + extra
 

@@ -344,8 +344,8 @@ class HistoryOnSandboxTest(SandboxTest):
             time.sleep(0.05)
         self.assertIsNotNone(down, "no running change to false at snmptrapd:\n%s" % self.trapd.output())
         self.assertEqual(down['VELMAR-DAEMON-MIB::velmarDaemonRunningChanges.%s' % name], "Counter32: %d" % (before + 1))
-        self.assertEqual(down['VELMAR-DAEMON-MIB::velmarDaemonDataValue.%s."Result"' % name], 'STRING: "signal"')
-        self.assertEqual(down['VELMAR-DAEMON-MIB::velmarDaemonDataValue.%s."ExecMainStatus"' % name], 'STRING: "9"')
+        self.assertEqual(down['VELMAR-DAEMON-MIB::velmarDaemonDataValue.%s."Result"' % name], 'STRING: signal')
+        self.assertEqual(down['VELMAR-DAEMON-MIB::velmarDaemonDataValue.%s."ExecMainStatus"' % name], 'STRING: 9')
         if self.recv:
             count_oid = history_oid("velmar-always")
             result_oid = value_oid("data", "velmar-always", "Result")

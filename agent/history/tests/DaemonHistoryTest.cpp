@@ -124,14 +124,18 @@ TEST(DaemonHistory, EnabledChangesAreCountedApart) {
     EXPECT_FALSE(f.row("bgpd").hasRunningTime());
 }
 
-TEST(DaemonHistory, AFlipUndoneBeforeTheWriterIsDoneCountsNothing) {
+TEST(DaemonHistory, AFlipUndoneBeforeTheWriterIsDoneCountsBothChanges) {
     Fixture f;
     f.add("bgpd");
     f.watch.start();
-    f.status("bgpd").runningIs(false);
+    f.clock.advance(3s);
+    f.status("bgpd").runningIs(false);   // a restart seen in one read of the launcher
     f.status("bgpd").runningIs(true);
     f.run();
-    EXPECT_EQ(f.row("bgpd").runningChanges, 0u);
+    EXPECT_EQ(f.row("bgpd").runningChanges, 2u);
+    EXPECT_EQ(f.row("bgpd").lastRunningChange, f.clock.ticks);
+    EXPECT_TRUE(f.row("bgpd").running());
+    EXPECT_EQ(f.row("bgpd").enabledChanges, 0u);
 }
 
 TEST(DaemonHistory, RewritingTheSameValueCountsNothing) {

@@ -133,7 +133,9 @@ struct Recorder final : Agent::ModelListener {
     void baselineIs(const std::vector<std::pair<std::string, DaemonFlags>>& d) override {
         log->push_back("baseline " + std::to_string(d.size()));
     }
-    void changed(const std::string& daemon, const DaemonFlags&) override { log->push_back("listener " + daemon); }
+    void changed(const std::string& daemon, const DaemonFlags&, const Agent::FlagChanges& seen) override {
+        log->push_back("listener " + daemon + " " + std::to_string(seen.running) + "/" + std::to_string(seen.enabled));
+    }
 };
 
 } // namespace
@@ -152,5 +154,14 @@ TEST(ModelWatch, AListenerHearsTheBaselineAndEachChangeBeforeTheCallback) {
     watch.start();
     s->runningIs(true);
     Orbel::ActivityLoop::instance().runPending();
-    EXPECT_EQ(log, (std::vector<std::string>{"baseline 1", "listener bgpd", "callback bgpd"}));
+    EXPECT_EQ(log, (std::vector<std::string>{"baseline 1", "listener bgpd 1/0", "callback bgpd"}));
+    // Stopped and started again before the writer is done: the callback hears nothing, the
+    // listener hears two changes of the running flag.
+    log.clear();
+    s->runningIs(false);
+    s->runningIs(true);
+    c->enabledIs(true);
+    c->enabledIs(false);
+    Orbel::ActivityLoop::instance().runPending();
+    EXPECT_EQ(log, (std::vector<std::string>{"listener bgpd 2/2"}));
 }
