@@ -155,7 +155,7 @@ const DaemonHistory::Record* DaemonHistory::first() const {
     return nullptr;
 }
 
-const DaemonHistory::Record* DaemonHistory::next(const Snmp::String& name) const {
+const DaemonHistory::Record* DaemonHistory::next(Snmp::String name) const {
     settle();
     auto it = std::upper_bound(rows_.begin(), rows_.end(), name,
                                [](const Snmp::String& n, const Record& r) { return compare(n, r.name) < 0; });

@@ -88,13 +88,14 @@ public:
     // adds the row of a daemon that appeared, drops that of one gone.
     void changed(const std::string& daemon, const DaemonFlags& flags, const FlagChanges& seen) override;
 
-    // The daemon's row, or null. The pointer is good until the next change.
+    // The daemon's row, or null. Pointers returned by find(), first() and next() are good
+    // until the next change or the next call of first() or next().
     const Record* find(const Snmp::String& name) const;
     // The first row in SNMP index order (shorter names first, then bytes), or null.
     const Record* first() const;
-    // The first row whose name comes after name in that order, or null. The pointer is good
-    // until the next change.
-    const Record* next(const Snmp::String& name) const;
+    // The first row whose name comes after name in that order, or null. Takes name by value:
+    // it may be a row's own, and rows may move here (what came since is merged in).
+    const Record* next(Snmp::String name) const;
 
     // Rows served.
     std::size_t size() const noexcept { return live_; }

@@ -102,8 +102,7 @@ Notifier::Extras Notifier::extras(const Notification& n) const {
     Extras e;
     if (n.kind != NotificationKind::runningChange) return e;
     const Snmp::String name(n.daemon);
-    if (history_)
-        if (const auto* r = history_->find(name)) e.runningChanges = r->runningChanges;
+    if (runningChanges_) e.runningChanges = runningChanges_(n.daemon);
     for (const std::string& key : dataKeys_) {
         // Keys the SNMP index cannot carry have no row to name.
         if (key.empty() || key.size() > GenericAgent::maxIndexKeyBytes) continue;
@@ -115,9 +114,9 @@ Notifier::Extras Notifier::extras(const Notification& n) const {
     return e;
 }
 
-void Notifier::historyIs(DaemonHistory* history) noexcept {
-    history_ = history;
+void Notifier::historyIs(ModelListener* history, RunningChanges runningChanges) {
     watch_.listenerIs(history);
+    runningChanges_ = std::move(runningChanges);
 }
 
 Notifier::Notifier(Orbel::Ptr<GenericAgent::DaemonMib> mib, NotifyScheduler::Settings settings, Log log)

@@ -20,8 +20,6 @@
 #include "ModelWatch.h"
 #include "NotifyScheduler.h"
 
-#include "agent/history/DaemonHistory.h"
-
 #include <net-snmp/net-snmp-config.h>
 #include <net-snmp/net-snmp-includes.h>
 
@@ -51,11 +49,13 @@ public:
     void stop();
     bool started() const noexcept { return scheduler_.has_value(); }
 
-    // The history to keep up to date and to read from (not owned; null: none). It hears the
-    // state at start and every change before a notification is decided, and a running change
-    // carries the daemon's velmarDaemonRunningChanges. Set before start(); it must outlive
-    // the notifier's listening (stop()).
-    void historyIs(DaemonHistory* history) noexcept;
+    // A daemon's count of running changes (velmarDaemonRunningChanges); empty: it has none.
+    using RunningChanges = std::function<std::optional<std::uint32_t>(const std::string& daemon)>;
+    // The history to keep up to date and to read from: history (not owned; null: none) hears
+    // the state at start and every change before a notification is decided, and a running
+    // change carries what runningChanges says of the daemon. Set before start(); history
+    // must outlive the notifier's listening (stop()).
+    void historyIs(ModelListener* history, RunningChanges runningChanges);
     // Data keys whose values a running change carries (velmarDaemonDataValue instances), for
     // each key the daemon has a value of, in the order given: why it stopped, told at once.
     void dataKeysIs(std::vector<std::string> keys) { dataKeys_ = std::move(keys); }
@@ -94,7 +94,7 @@ private:
     NotifyScheduler::Settings settings_;
     Log log_;
     ModelWatch watch_;
-    DaemonHistory* history_ = nullptr;
+    RunningChanges runningChanges_;
     std::vector<std::string> dataKeys_;
     std::optional<NotifyScheduler> scheduler_;
     unsigned int tickAlarm_ = 0;   // the next tick of the scheduler (0: none)

@@ -207,6 +207,20 @@ TEST(DaemonHistory, WalksInIndexOrderShorterNamesFirst) {
     EXPECT_EQ(f.history.next(Snmp::String("zebra")), nullptr);
 }
 
+TEST(DaemonHistory, NextFromARowThatMovesWhileMergingFindsTheFollowingRow) {
+    Fixture f;
+    f.add("a");
+    f.watch.start();
+    f.add("bb");   // in the side array until a walk merges it
+    f.add("ccc");
+    f.run();
+    const auto* bb = f.history.find(Snmp::String("bb"));
+    ASSERT_NE(bb, nullptr);
+    const auto* after = f.history.next(bb->name);   // merges: bb's record moves
+    ASSERT_NE(after, nullptr);
+    EXPECT_EQ(after->name, Snmp::String("ccc"));
+}
+
 TEST(DaemonHistory, KeysByTheModelsOwnName) {
     Fixture f;
     f.add("bgpd");

@@ -113,29 +113,27 @@ TEST(Notifier, OnlyARunningChangeCarriesExtras) {
     EXPECT_EQ(decoded({"bgpd", NotificationKind::gone, true, false}, e).size(), 3u);
 }
 
-TEST(Notifier, ExtrasComeFromTheHistoryAndTheDataTheDaemonHas) {
+TEST(Notifier, ExtrasComeFromTheCountAndTheDataTheDaemonHas) {
     auto mib = GenericAgent::daemonMibFactory("daemonMIB");
     Orbel::ActivityLoop::instance().runPending();
     auto c = GenericAgent::Config::configFactory("bgpd");
     auto s = GenericAgent::Status::statusFactory("bgpd");
-    s->runningIs(true);
     s->dataIs(GenericAgent::AgentKey("Result"), GenericAgent::AgentVal(Orbel::String("exit-code")));
     mib->enabledTableIs(Snmp::String("bgpd"), c);
     mib->runningTableIs(Snmp::String("bgpd"), s);
     mib->dataTableIs(GenericAgent::DataTableIndex("bgpd", "Result"), s);
-    Agent::DaemonHistory history(mib, [] { return Agent::DaemonHistory::Stamp{5, {}}; });
     Agent::Notifier notifier(mib, {std::chrono::milliseconds(1000), 100}, nullptr);
-    notifier.historyIs(&history);
+    std::vector<std::string> asked;
+    notifier.historyIs(nullptr, [&asked](const std::string& d) -> std::optional<std::uint32_t> {
+        asked.push_back(d);
+        return d == "bgpd" ? std::optional<std::uint32_t>(3) : std::nullopt;
+    });
     notifier.dataKeysIs({"ExecMainStatus", "Result"});
-    Agent::ModelWatch watch(mib, nullptr);   // the notifier's own watch needs Net-SNMP's alarms
-    watch.listenerIs(&history);
-    watch.start();
-    s->runningIs(false);
-    Orbel::ActivityLoop::instance().runPending();
     const auto e = notifier.extras({"bgpd", NotificationKind::runningChange, false, false});
-    EXPECT_EQ(e.runningChanges, std::optional<std::uint32_t>(1));
+    EXPECT_EQ(e.runningChanges, std::optional<std::uint32_t>(3));
     ASSERT_EQ(e.data.size(), 1u);   // no ExecMainStatus: nothing for it
     EXPECT_EQ(e.data[0], (std::pair<std::string, std::string>{"Result", "exit-code"}));
+    EXPECT_FALSE(notifier.extras({"ntpd", NotificationKind::runningChange, false, false}).runningChanges);
     EXPECT_FALSE(notifier.extras({"bgpd", NotificationKind::gone, false, false}).runningChanges);
-    watch.stop();
+    EXPECT_EQ(asked, (std::vector<std::string>{"bgpd", "ntpd"}));
 }
