@@ -16,7 +16,8 @@
 //   serving.release();            // module unloaded, state tree cleared (the destructor too)
 //
 // Where things join:
-//   - a piece that serves beside the tables (the notifier today) is one member here,
+//   - a piece that serves beside the tables (the notifier, which keeps the host's daemon history up to date
+//     before each notification) is one member here,
 //     started in start() after the initial load and stopped in stop() before the feed;
 //   - a launcher source is a field of SourceSettings and a case in makeSource() and
 //     sourceText();
@@ -74,6 +75,7 @@ public:
         std::string modulePath;              // the module library
         std::vector<std::string> contexts;   // initialised besides the default context
         NotifyScheduler::Settings notify;
+        std::vector<std::string> notifyData;  // data keys a running change carries (NotifyData.h)
     };
 
     // feedLog receives the feed's lines, notifyLog the notifier's (on the loop thread).
