@@ -28,7 +28,8 @@ ALLOWED = {
     "feedsystemd": ["feed", "libsystemd"],
     "feedsupervisor": ["feed", "libcurl", "expat"],
     "notify": ["GenericAgent", "launcher", "orbel", "feed", "netsnmp"],
-    "agent": ["feed", "feedfile", "feedsystemd", "feedsupervisor", "notify", "snmpplugin", "statebase", "GenericAgent", "netsnmp", "cli11"],
+    "history": ["notify", "GenericAgent", "snmpstring", "launcher", "orbel"],
+    "agent": ["feed", "feedfile", "feedsystemd", "feedsupervisor", "notify", "history", "snmpplugin", "statebase", "GenericAgent", "netsnmp", "cli11"],
 }
 
 # Third-party headers by the first part of their include path.
@@ -66,8 +67,8 @@ def component_of(rel):
         return parts[1]
     if parts[0] == "feed":
         return {"core": "feed", "file": "feedfile", "systemd": "feedsystemd", "supervisor": "feedsupervisor"}.get(parts[1], "feed:" + parts[1])
-    if parts[0] == "agent" and len(parts) > 2 and parts[1] == "notify":
-        return "notify"
+    if parts[0] == "agent" and len(parts) > 2 and parts[1] in ("notify", "history"):
+        return parts[1]
     if parts[0] in ("agent", "mib", "GenericAgent"):
         return parts[0]
     return None
