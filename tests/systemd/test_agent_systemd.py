@@ -539,7 +539,7 @@ class DlmodOnSandboxTest(SandboxTest):
         self.addCleanup(tmp.cleanup)
         demo = os.path.join(h.SOURCE_DIR, "examples", "demo-state.json")
         snmpd = test_dlmod.Snmpd(tmp.path, ["dlmod velmar_daemon_mib %s" % test_dlmod.BRIDGE, "velmarSystemd " + UNITS,
-                                            "velmarStateFile " + demo])
+                                            'velmarStateFile "%s"' % demo])   # quoted: a clone's path may have a blank
         self.addCleanup(snmpd.stop)
         line = snmpd.wait_log("exclude each other (snmpd named the file and line above); serving nothing")
         self.assertIsNotNone(line, snmpd.log())
