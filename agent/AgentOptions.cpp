@@ -1,11 +1,13 @@
 #include "AgentOptions.h"
 #include "Host.h"
+#include "OptionHints.h"
 #include "SourceChoice.h"
 
 #include <CLI/CLI.hpp>
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <iostream>
@@ -145,6 +147,21 @@ int parseOptions(int argc, char** argv, AgentOptions& opts) {
     } catch (const CLI::CallForVersion& e) {
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
+        // A mistyped option: name the one that was probably meant.
+        std::vector<std::string> known;
+        for (const CLI::Option* opt : app.get_options())
+            for (const auto& n : opt->get_lnames()) known.push_back(n);
+        for (int i = 1; i < argc; ++i) {
+            const std::string arg = argv[i];
+            if (arg == "--") break;
+            if (arg.rfind("--", 0) != 0 || arg.size() < 3) continue;
+            const std::string name = arg.substr(2, arg.find('=') == std::string::npos ? std::string::npos : arg.find('=') - 2);
+            if (std::find(known.begin(), known.end(), name) != known.end()) continue;
+            const std::string hint = closestOption(arg, known);
+            std::cerr << "velmar-snmp-agent: unknown option --" << name
+                      << (hint.empty() ? std::string() : ": did you mean " + hint + "?") << " (see --help)\n";
+            return 2;
+        }
         std::cerr << "velmar-snmp-agent: " << e.what() << " (see --help)\n";
         return 2;
     }
@@ -165,6 +182,13 @@ int parseOptions(int argc, char** argv, AgentOptions& opts) {
             return 2;
         }
     }
+    for (std::size_t i = 0; i < opts.listen.size(); ++i)
+        for (std::size_t j = 0; j < i; ++j)
+            if (opts.listen[i] == opts.listen[j]) {
+                std::cerr << "velmar-snmp-agent: --listen " << opts.listen[i]
+                          << " is given twice (each address once)\n";
+                return 2;
+            }
     if (std::string problem = sourceProblem(app, opts); !problem.empty()) {
         std::cerr << "velmar-snmp-agent: " << problem << "\n";
         return 2;

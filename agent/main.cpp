@@ -4,6 +4,7 @@
 //
 // One thread touches the model: Net-SNMP's select loop serves requests, applies state
 // changes handed over by the feed's worker thread, and runs the framework's activity loop.
+#include "AccessConfig.h"
 #include "AgentOptions.h"
 #include "Diagnose.h"
 #include "Host.h"
@@ -170,6 +171,14 @@ int main(int argc, char** argv) {
             logLine(Level::error, "cannot read " + err);
             return 2;
         }
+    }
+    if (!opts.configFile.empty()) {
+        bool refused = false;
+        for (const auto& f : Agent::checkAccessConfig(opts.configFile)) {
+            logLine(f.refused ? Level::error : Level::warning, (f.refused ? "--config refused: " : "--config: ") + f.text);
+            refused = refused || f.refused;
+        }
+        if (refused) return 2;
     }
     if (!opts.trace.empty()) {
         try {
