@@ -26,6 +26,13 @@ constexpr std::size_t maxSkipLines = 20;
 
 std::string errnoText(int e) { return std::error_code(e, std::generic_category()).message(); }
 
+// Why a directory cannot be watched, with what to raise when it is a limit of the kernel's.
+std::string watchErrorText(int e) {
+    if (e == ENOSPC) return "the inotify watches are exhausted (ENOSPC): raise fs.inotify.max_user_watches";
+    if (e == EMFILE) return "the inotify instances are exhausted (EMFILE): raise fs.inotify.max_user_instances";
+    return errnoText(e);
+}
+
 } // namespace
 
 FileSource::FileSource(std::string path) : path_(std::move(path)) {
@@ -55,7 +62,8 @@ void FileSource::accepted(const SkippedDaemons& skipped) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         was = health_.state;
-        ++health_.reloads;
+        ++reads_;
+        if (!catchUp_) ++health_.reloads;
         health_.state = SourceState::ok;
         health_.lastRead = std::chrono::system_clock::now();
         health_.skippedNow = skipped.size();
@@ -113,6 +121,11 @@ std::vector<SourceEvent> FileSource::take() {
     return {std::make_move_iterator(taken.begin()), std::make_move_iterator(taken.end())};
 }
 
+std::uint64_t FileSource::reads() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return reads_;
+}
+
 SourceHealth FileSource::health() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return health_;
@@ -144,7 +157,12 @@ void FileSource::loadInitial() {
 
 void FileSource::start() {
     if (worker_.joinable()) throw std::logic_error("FileSource::start: already started");
-    watcher_ = std::make_unique<DirectoryWatcher>(dir_, name_);
+    try {
+        watcher_ = std::make_unique<DirectoryWatcher>(dir_, name_);
+    } catch (const std::system_error& e) {
+        throw std::system_error(e.code(), "state file " + path_ + ": cannot watch directory " + dir_ + ": " +
+                                              watchErrorText(e.code().value()));
+    }
     stop_.drain();
     worker_ = std::thread([this] { run(); });
 }
@@ -191,6 +209,10 @@ void FileSource::reload(IfMissing ifMissing) {
     std::sort(kept.begin(), kept.end());
     kept.erase(std::unique(kept.begin(), kept.end()), kept.end());
     ChangedDaemons changed = digests_.commit(next, kept);
+    if (catchUp_ && !changed.empty()) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++health_.reloads;   // the file changed before the watch was armed: a reload after all
+    }
     // What the parse took is free again once the worker is idle (see run()).
     next = LauncherState();
     releasePending_ = true;
@@ -200,17 +222,28 @@ void FileSource::reload(IfMissing ifMissing) {
 
 void FileSource::run() {
     bool lostDir = false;   // the directory could not be watched, and that was said
+    bool rewatch = false;   // the watch ended while the directory stayed: arm it and read again
     bool first = true;
     for (;;) {
         try {
             if (!watcher_->watching()) {
                 if (int err = watcher_->watch(); err == 0) {
                     if (lostDir) say(Severity::notice, "watching directory " + dir_ + " again");
-                    if (first) reload(loadedInitial_ ? IfMissing::sayRemoved : IfMissing::refuse);
-                    else if (lostDir) reload(IfMissing::ignore);
-                    lostDir = false;
+                    if (first) {
+                        // The initial load was counted: this read only catches up.
+                        catchUp_ = loadedInitial_;
+                        try {
+                            reload(loadedInitial_ ? IfMissing::sayRemoved : IfMissing::refuse);
+                        } catch (...) {
+                            catchUp_ = false;
+                            throw;
+                        }
+                        catchUp_ = false;
+                    }
+                    else if (lostDir || rewatch) reload(IfMissing::ignore);
+                    lostDir = rewatch = false;
                 } else if (!lostDir) {
-                    lost("state file " + path_ + ": cannot watch directory " + dir_ + ": " + errnoText(err) +
+                    lost("state file " + path_ + ": cannot watch directory " + dir_ + ": " + watchErrorText(err) +
                          "; serving the last state, trying again every " + std::to_string(rearmMillis) + " ms");
                     lostDir = true;
                 }
@@ -234,9 +267,16 @@ void FileSource::run() {
             if (n <= 0 || !fds[1].revents) continue;
             const DirectoryWatcher::Events events = watcher_->read();
             if (events.dirGone) {
-                lost("state file " + path_ + ": directory " + dir_ + " is gone; serving the last state, looking for it every " +
-                     std::to_string(rearmMillis) + " ms");
-                lostDir = true;
+                std::error_code ec;
+                if (std::filesystem::is_directory(dir_, ec)) {
+                    // The watch ended but the directory is there (a file system mounted over
+                    // it, say): arm it again, and say why if that fails.
+                    rewatch = true;
+                } else {
+                    lost("state file " + path_ + ": directory " + dir_ + " is gone; serving the last state, looking for it every " +
+                         std::to_string(rearmMillis) + " ms");
+                    lostDir = true;
+                }
             }
             // When the directory went, the reload follows once it is back.
             if (!watcher_->watching()) continue;

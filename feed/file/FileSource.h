@@ -68,6 +68,11 @@ public:
 
     const std::string& path() const noexcept { return path_; }
 
+    // Every accepted read, the one made when the watch is first armed included (it catches
+    // a change made between loadInitial() and start(), and counts as a reload in health()
+    // only when it found one). Tests wait on it to know the watch is armed.
+    std::uint64_t reads() const;
+
 private:
     // What a reload does when the file is not there.
     enum class IfMissing { refuse, ignore, sayRemoved };
@@ -95,9 +100,11 @@ private:
     std::unique_ptr<DirectoryWatcher> watcher_;
     DaemonDigests digests_;
     bool releasePending_ = false;       // the worker has memory to hand back once idle
+    bool catchUp_ = false;              // the read made when the watch is first armed
     SourceState recoveredFrom_ = SourceState::notLoaded;   // a recovery to say, from this state
 
-    mutable std::mutex mutex_;          // guards queue_ and health_
+    mutable std::mutex mutex_;          // guards queue_, health_ and reads_
+    std::uint64_t reads_ = 0;
     std::deque<SourceEvent> queue_;
     SourceHealth health_;
 };
