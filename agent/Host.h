@@ -74,10 +74,18 @@ public:
     void runActivitiesFromSelectLoop();
 
     // Stops the source, takes the feed's and the activity loop's descriptors out of the
-    // select loop, removes the reply size limit and the feed's health objects, and
-    // withdraws the module from every
-    // context (the library stays loaded,
-    // so that Net-SNMP may still free what it holds of it). Safe to repeat.
+    // select loop, removes the reply size limit and the feed's health objects, withdraws
+    // the module from every context and removes what the module left registered (the
+    // library stays loaded, so that Net-SNMP may still free what it holds of it). Safe to
+    // repeat.
+    //
+    // Who frees what the module allocates: the module registers its tables with column,
+    // table and iterator information it callocs. In an extra context it hands their
+    // ownership to the agent library (which frees them on unregistration) and frees the
+    // column chains itself when it leaves that context. In the default context it records
+    // nothing to leave with and hands over no ownership, so its registrations outlive
+    // unregister_VelmarDaemonMIB(""); here, and only here, they are unregistered and
+    // their iterator information is freed with them (withdrawModuleLeftovers in Host.cpp).
     void stopServing();
 
     // Unloads the module, drops the feed and clears the state tree (the DaemonMib with it).
@@ -100,6 +108,7 @@ private:
     std::unique_ptr<Snmp::ModuleLoader> module_;
     std::unique_ptr<ReplySizeLimit> replyLimit_;
     std::unique_ptr<FeedHealthMib> health_;
+    std::string modulePath_;   // the module's library: the leftovers are what leads into it
     bool feedRegistered_ = false;
     int activityFd_ = -1;   // wake-up eventfd of the activity loop (runActivitiesFromSelectLoop)
 };

@@ -1,9 +1,10 @@
 // velmar_daemon_mib: serves the daemon MIB from a stock snmpd, which loads this library
 // through its dlmod directive. It brings no agent of its own: it takes its settings from
 // snmpd.conf, and once snmpd has read its configuration it does inside snmpd what
-// velmar-snmp-agent does in its own process (Agent::Host): the DaemonMib in the state tree,
-// the launcher state feed on snmpd's select loop, and the module VelmarDaemonMIB loaded
-// through the plugin layer.
+// velmar-snmp-agent does in its own process (Agent::Serving): the DaemonMib in the state
+// tree, the launcher state feed on snmpd's select loop, the module VelmarDaemonMIB loaded
+// through the plugin layer, and the notifier. This file is the adapter: snmpd's directives
+// and callbacks on one side, Agent::Serving on the other.
 //
 //   dlmod velmar_daemon_mib /usr/lib/velmar/dlmod/velmar_daemon_mib.so
 //   velmarStateFile /run/launcher/state.json      # the launcher's state file, or
@@ -38,9 +39,7 @@
 //                               does whatever the shutdown callback has not done
 // SIGHUP makes snmpd unload every dlmod library and read its configuration again, which
 // loads this one afresh: the settings are read again and the state file loaded anew.
-#include "agent/Host.h"
-#include "agent/notify/Notifier.h"
-#include "feed/file/FileSource.h"
+#include "agent/Serving.h"
 #include "feed/systemd/SystemdSource.h"
 
 #include "orbel/Exception.h"
@@ -87,9 +86,7 @@ struct Settings {
 // Everything the bridge holds while it is loaded.
 struct Bridge {
     Settings settings;
-    std::unique_ptr<Agent::Host> host;
-    std::unique_ptr<Agent::Notifier> notifier;   // through snmpd's sinks
-    std::string modulePath;                   // the module the host loaded
+    std::unique_ptr<Agent::Serving> serving;  // while serving; notifications through snmpd's sinks
     std::optional<std::string> traceBefore;   // the trace configuration velmarTrace replaced
     bool withdrawn = false;                   // directives and callbacks are unregistered
 };
@@ -243,78 +240,19 @@ std::string defaultModulePath() {
 
 void logLine(int priority, const std::string& line) { snmp_log(priority, "%s: %s\n", bridgeName, line.c_str()); }
 
-// The registrations in snmpd's registry, in every context, with a handler whose code lives
-// in the library file at `library`.
-std::vector<netsnmp_handler_registration*> registrationsInto(const std::string& library) {
-    std::vector<netsnmp_handler_registration*> found;
-    std::vector<std::pair<std::string, bool>> files;   // file name -> is the library
-    auto inLibrary = [&](Netsnmp_Node_Handler* fn) {
-        Dl_info info{};
-        if (!fn || !::dladdr(reinterpret_cast<void*>(fn), &info) || !info.dli_fname) return false;
-        for (const auto& [file, same] : files)
-            if (file == info.dli_fname) return same;
-        std::error_code ec;
-        const bool same = std::filesystem::equivalent(info.dli_fname, library, ec) && !ec;
-        files.emplace_back(info.dli_fname, same);
-        return same;
-    };
-    for (subtree_context_cache* c = get_top_context_cache(); c; c = c->next)
-        for (netsnmp_subtree* s = c->first_subtree; s; s = s->next)
-            for (netsnmp_subtree* t = s; t; t = t->children) {
-                netsnmp_handler_registration* reg = t->reginfo;
-                if (!reg || std::find(found.begin(), found.end(), reg) != found.end()) continue;
-                for (netsnmp_mib_handler* h = reg->handler; h; h = h->next)
-                    if (inLibrary(h->access_method)) {
-                        found.push_back(reg);
-                        break;
-                    }
-            }
-    return found;
-}
-
-// Stops the feed, withdraws the module from snmpd, unloads it and clears the state tree.
-// The module leaves its default-context tables registered when it leaves that context (an
-// agent that owns its process frees them in snmp_shutdown); snmpd runs on after the bridge
-// unloads the module (SIGHUP, the dlmod table), so every registration that still leads into
-// the module's code is removed here, before the code goes.
+// Stops serving: the notifier, the feed and the module withdrawn from snmpd, including
+// what it left registered (Host.h says who frees what), the module unloaded and the state
+// tree cleared, all before the module's code goes (snmpd runs on after SIGHUP).
 void stopServing(bool announce = true) {
-    if (!bridge || !bridge->host) return;
-    bridge->notifier.reset();
-    bridge->host->stopServing();
-    if (!bridge->modulePath.empty()) {
-        const auto left = registrationsInto(bridge->modulePath);
-        for (netsnmp_handler_registration* reg : left) {
-            // The module hands its default-context iterator, table and column information
-            // (calloc'd) to the agent library without the iterator's ownership flag: an
-            // agent that exits keeps them to the end. Unregistered here they would be lost,
-            // so the iterator's handler frees them with itself.
-            for (netsnmp_mib_handler* h = reg->handler; h; h = h->next)
-                if (h->handler_name && std::strcmp(h->handler_name, TABLE_ITERATOR_NAME) == 0 && h->myvoid && !h->data_free)
-                    h->data_free = [](void* p) {
-                        auto* iinfo = static_cast<netsnmp_iterator_info*>(p);
-                        if (iinfo->table_reginfo) {
-                            for (netsnmp_column_info* c = iinfo->table_reginfo->valid_columns; c;) {
-                                netsnmp_column_info* next = c->next;
-                                free(c);
-                                c = next;
-                            }
-                            iinfo->table_reginfo->valid_columns = nullptr;
-                        }
-                        netsnmp_iterator_delete_table(iinfo);
-                    };
-            netsnmp_unregister_handler(reg);
-        }
-        DEBUGMSGTL((bridgeName, "removed %u registrations the module left\n", static_cast<unsigned>(left.size())));
-    }
-    bridge->host->release();
-    bridge->host.reset();
-    bridge->modulePath.clear();
+    if (!bridge || !bridge->serving) return;
+    bridge->serving->release();
+    bridge->serving.reset();
     if (announce) logLine(LOG_INFO, "stopped serving");
 }
 
 // Starts serving with the settings read; on a bad one logs why and serves nothing.
 void startServing() {
-    if (!bridge || bridge->host) return;
+    if (!bridge || bridge->serving) return;
     const Settings& s = bridge->settings;
     if (s.stateFile.empty() && !s.systemdUnits) {
         logLine(LOG_ERR, std::string("no ") + stateFileToken + " line and no usable " + systemdToken +
@@ -330,31 +268,33 @@ void startServing() {
     const bool systemd = s.systemdUnits.has_value();
     const char* sourceToken = systemd ? systemdToken : stateFileToken;
     const bool defaultModule = s.modulePath.empty();
-    const std::string modulePath = defaultModule ? defaultModulePath() : s.modulePath;
 
-    bridge->host = std::make_unique<Agent::Host>([](Feed::Severity severity, const std::string& line) {
-        logLine(severity == Feed::Severity::error     ? LOG_ERR
-                : severity == Feed::Severity::warning ? LOG_WARNING
-                                                      : LOG_NOTICE,
-                line);
-    });
-    Agent::Host& host = *bridge->host;
+    Agent::Serving::Settings settings;
+    settings.source.stateFile = s.stateFile;
+    settings.source.systemd = systemd;
+    settings.source.units = s.systemdUnits.value_or("");
+    settings.modulePath = defaultModule ? defaultModulePath() : s.modulePath;
+    settings.contexts = s.contexts;
+    settings.notify = s.notify;
+    bridge->serving = std::make_unique<Agent::Serving>(
+        std::move(settings),
+        [](Feed::Severity severity, const std::string& line) {
+            logLine(severity == Feed::Severity::error     ? LOG_ERR
+                    : severity == Feed::Severity::warning ? LOG_WARNING
+                                                          : LOG_NOTICE,
+                    line);
+        },
+        [](const std::string& line) { logLine(LOG_NOTICE, line); });
+    Agent::Serving& serving = *bridge->serving;
     try {
-        if (systemd) {
-            Feed::SystemdSource::Options o;
-            o.patterns = Feed::parseUnitPatterns(*s.systemdUnits);
-            host.loadState(std::make_unique<Feed::SystemdSource>(o));
-        } else {
-            host.loadState(std::make_unique<Feed::FileSource>(s.stateFile));
-        }
+        serving.loadState();
     } catch (const std::exception& e) {
         logLine(LOG_ERR, std::string(sourceToken) + ": " + e.what() + "; serving nothing");   // names the file or bus
         stopServing(false);
         return;
     }
-    bridge->modulePath = modulePath;   // from here on, what the module registers is withdrawn with it
     try {
-        host.loadModule(modulePath, s.contexts);
+        serving.loadModule();
     } catch (const std::exception& e) {
         // The message names the file.
         logLine(LOG_ERR, std::string(moduleToken) + (defaultModule ? " (not given; the default beside this library)" : "") +
@@ -363,32 +303,14 @@ void startServing() {
         return;
     }
     try {
-        host.startFeed();
-        host.runActivitiesFromSelectLoop();
+        serving.start(true);
     } catch (const std::exception& e) {
         logLine(LOG_ERR, std::string(sourceToken) + " " + (systemd ? *s.systemdUnits : s.stateFile) + ": cannot watch it: " +
                              e.what() + "; serving nothing");
         stopServing(false);
         return;
     }
-
-    // After the initial load: the state as loaded is what receivers are taken to know.
-    bridge->notifier = std::make_unique<Agent::Notifier>(host.mib(), s.notify,
-                                                         [](const std::string& line) { logLine(LOG_NOTICE, line); });
-    bridge->notifier->start();
-
-    std::string contexts;
-    for (const auto& c : s.contexts) contexts += (contexts.empty() ? "" : ", ") + c;
-    std::string from = s.stateFile;
-    if (systemd) {
-        const auto* source = dynamic_cast<const Feed::SystemdSource*>(&host.feed()->source());
-        from = "systemd (system bus " + (source ? source->busAddress() : std::string("?")) + ", units " + *s.systemdUnits + ")";
-        if (source && !source->connected()) from += ", not connected yet, trying again";
-    }
-    const std::size_t daemons = host.feed()->applied().size();
-    logLine(LOG_INFO, "serving VELMAR-DAEMON-MIB (" + Agent::subtreeText() + ") from " + from + " with " + modulePath +
-                          (contexts.empty() ? "" : " (also initialised in contexts " + contexts + ")") + ": " +
-                          std::to_string(daemons) + (daemons == 1 ? " daemon" : " daemons"));
+    logLine(LOG_INFO, serving.guestServingLine());
 }
 
 int onConfigRead(int, int, void*, void*) {
