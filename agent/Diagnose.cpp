@@ -49,6 +49,8 @@ NetSnmpComplaints::NetSnmpComplaints() {
             return true;
         }
         if (inNoAccessBlock_ && line.rfind("  ", 0) == 0) return true;
+        // Said with its reason once the agent watches its master (AgentxStanding).
+        if (line.rfind("Warning: Failed to connect to the agentx master agent", 0) == 0) return true;
         inNoAccessBlock_ = false;
         return false;
     });

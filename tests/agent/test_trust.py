@@ -181,3 +181,53 @@ class MessagesTest(Fixture):
 
 if __name__ == "__main__":
     unittest.main()
+
+
+import test_agentx  # noqa: E402  (its master and subagent fixture)
+
+
+class AgentxRefusalTest(test_agentx.AgentxTestCase):
+    def second_agent(self):
+        b = h.Process([h.AGENT, "--agentx", self.agentx, "--agentx-ping", "1", "--state", self.state_file,
+                       "--log", "stderr"], "the master already has this subtree")
+        self.processes.append(b)
+        return b
+
+    def test_a_refused_registration_is_not_serving_and_is_tried_again(self):
+        self.start_master()
+        first = self.start_agent()
+        second = self.second_agent()
+        line = second.wait_stderr("the master already has this subtree", timeout=5)
+        self.assertIsNotNone(line, second.stderr())
+        self.assertIn("another subagent or the dlmod bridge", line)
+        self.assertNotIn("serving VELMAR-DAEMON-MIB", second.stderr())
+        self.assertNotIn("registering pdu failed", second.stderr())
+        self.assertEqual(second.stderr().count("the master already has this subtree"), 1, second.stderr())
+        # The first one goes: the second gets the subtree on a later try and says so.
+        first.stop()
+        self.assertIsNotNone(second.wait_stderr("serving VELMAR-DAEMON-MIB", timeout=10), second.stderr())
+        self.assertTrue(h.walk(self.port, h.ROOT + (1, 1)), "the tables answer through the master")
+
+    def test_a_wrong_socket_path_says_why_once(self):
+        missing = self.tmp.file("no-master.sock")
+        a = h.Process([h.AGENT, "--agentx", missing, "--agentx-ping", "1", "--state", self.state_file, "--log", "stderr"],
+                      "waiting for the master")
+        self.processes.append(a)
+        time.sleep(3)   # three more attempts
+        a.stop()
+        err = a.stderr()
+        self.assertEqual(err.count("cannot reach the AgentX master at %s: no such file" % missing), 1, err)
+        self.assertNotIn("Failed to connect to the agentx master agent", err)
+
+    def test_subagent_and_master_stopping_together_stop_cleanly(self):
+        master = self.start_master()
+        agent = self.start_agent()
+        os.kill(master.pid, 15)
+        os.kill(agent.pid, 15)
+        agent.stop()
+        master.stop()
+        err = agent.stderr()
+        after = err[err.index("stopping"):]
+        self.assertNotIn("lock_holded", after)
+        self.assertNotIn("reconnecting", after)
+        self.assertEqual(agent.proc.returncode, 0, err)
