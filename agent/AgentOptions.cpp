@@ -77,8 +77,12 @@ void build(CLI::App& app, AgentOptions& o) {
         ->allow_extra_args(false)
         ->default_str("udp:127.0.0.1:1161 and udp6:[::1]:1161");
     app.add_option("--agentx", o.agentx,
-                   "Subagent mode: the AgentX socket of a running snmpd master, e.g. /var/agentx/master or "
-                   "tcp:127.0.0.1:705");
+                   "Subagent mode: the AgentX Unix socket of a running snmpd master, e.g. /var/agentx/master; a TCP "
+                   "address (tcp:127.0.0.1:705) only with --allow-tcp-agentx");
+    app.add_flag("--allow-tcp-agentx", o.allowTcpAgentx,
+                 "Accept a TCP address for --agentx. AgentX has no authentication: any local user can connect to a "
+                 "TCP master, register this subtree before the agent does (after a master restart, say) and answer "
+                 "for it; a Unix socket is guarded by its file permissions (snmpd's agentXPerms)");
     app.add_option("--agentx-ping", o.agentxPing,
                    "Seconds between pings of the AgentX master; a lost master is reconnected on the next ping")
         ->check(CLI::Range(1, 3600))
@@ -181,6 +185,13 @@ int parseOptions(int argc, char** argv, AgentOptions& opts) {
             std::cerr << "velmar-snmp-agent: " << problem << "\n";
             return 2;
         }
+    }
+    if (!opts.agentx.empty() && !opts.allowTcpAgentx && opts.agentx.front() != '/' && opts.agentx.rfind("unix:", 0) != 0) {
+        std::cerr << "velmar-snmp-agent: --agentx " << opts.agentx
+                  << ": not a Unix socket; over TCP any local user can register this subtree at the master first and "
+                     "answer for it (AgentX has no authentication). Use snmpd's Unix socket (agentXSocket), or give "
+                     "--allow-tcp-agentx if you mean it\n";
+        return 2;
     }
     for (std::size_t i = 0; i < opts.listen.size(); ++i)
         for (std::size_t j = 0; j < i; ++j)

@@ -208,6 +208,18 @@ class AgentxRefusalTest(test_agentx.AgentxTestCase):
         self.assertIsNotNone(second.wait_stderr("serving VELMAR-DAEMON-MIB", timeout=10), second.stderr())
         self.assertTrue(h.walk(self.port, h.ROOT + (1, 1)), "the tables answer through the master")
 
+    def test_tcp_agentx_needs_the_operator_to_say_so(self):
+        for address in ("tcp:127.0.0.1:705", "127.0.0.1:705", "tcp6:[::1]:705"):
+            with self.subTest(address):
+                p = subprocess.run([h.AGENT, "--agentx", address, "--state", self.state_file, "--check"],
+                                   capture_output=True, text=True, timeout=30)
+                self.assertEqual(p.returncode, 2, p.stdout + p.stderr)
+                self.assertIn("--agentx %s: not a Unix socket" % address, p.stderr)
+                self.assertIn("--allow-tcp-agentx", p.stderr)
+        p = subprocess.run([h.AGENT, "--agentx", "tcp:127.0.0.1:705", "--allow-tcp-agentx", "--state", self.state_file,
+                            "--check"], capture_output=True, text=True, timeout=30)
+        self.assertEqual(p.returncode, 0, p.stdout + p.stderr)
+
     def test_a_wrong_socket_path_says_why_once(self):
         missing = self.tmp.file("no-master.sock")
         a = h.Process([h.AGENT, "--agentx", missing, "--agentx-ping", "1", "--state", self.state_file, "--log", "stderr"],
