@@ -210,6 +210,10 @@ int main(int argc, char** argv) {
         std::string addresses;
         if (subagent) {
             addresses = "would register with the AgentX master at " + opts.agentx;
+            // Not contacted (a registration would take the subtree), but a socket that cannot be
+            // reached now is worth saying.
+            if (std::string why = Agent::AgentxStanding::whyUnreachable(opts.agentx); !why.empty())
+                logLine(Level::warning, "--check: the AgentX master at " + opts.agentx + " cannot be reached now: " + why);
         } else {
             for (const auto& l : opts.listen) {
                 if (std::string why = Agent::addressSyntaxProblem(l); !why.empty()) {

@@ -220,6 +220,14 @@ class AgentxRefusalTest(test_agentx.AgentxTestCase):
                             "--check"], capture_output=True, text=True, timeout=30)
         self.assertEqual(p.returncode, 0, p.stdout + p.stderr)
 
+    def test_check_says_when_the_master_cannot_be_reached(self):
+        missing = self.tmp.file("no-master.sock")
+        p = subprocess.run([h.AGENT, "--check", "--agentx", missing, "--state", self.state_file],
+                           capture_output=True, text=True, timeout=30)
+        self.assertEqual(p.returncode, 0, p.stdout + p.stderr)
+        self.assertIn("the AgentX master at %s cannot be reached now: no such file" % missing, p.stderr)
+        self.assertFalse(os.path.exists(missing))
+
     def test_a_wrong_socket_path_says_why_once(self):
         missing = self.tmp.file("no-master.sock")
         a = h.Process([h.AGENT, "--agentx", missing, "--agentx-ping", "1", "--state", self.state_file, "--log", "stderr"],
