@@ -157,6 +157,19 @@ class MessagesTest(Fixture):
         self.assertEqual(rc, 2, out + err)
         self.assertIn("state file %s: starts with a UTF-8 byte-order mark" % self.state, err)
 
+    def test_run_demo_does_not_claim_another_process_s_answers(self):
+        demo_agent = os.path.join(h.SOURCE_DIR, "build", "default", "agent", "velmar-snmp-agent")
+        if os.path.realpath(demo_agent) != os.path.realpath(h.AGENT):
+            self.skipTest("scripts/run-demo runs build/default, which is not the agent under test")
+        other = self.start()   # answers community public on its port
+        p = subprocess.run([os.path.join(h.SOURCE_DIR, "scripts", "run-demo"), "--listen",
+                            "udp:127.0.0.1:%d" % other.port], cwd=h.SOURCE_DIR, stdin=subprocess.DEVNULL,
+                           capture_output=True, text=True, timeout=300)
+        out = p.stdout + p.stderr
+        self.assertNotIn("velmar-snmp-agent answers on", out)
+        self.assertIn("another process answers on udp:127.0.0.1:%d" % other.port, out)
+        self.assertNotEqual(p.returncode, 0, out)
+
     def test_mistyped_option_gets_a_hint(self):
         rc, out, err = run_agent(["--state", self.state, "--lisen", "udp:127.0.0.1:1"])
         self.assertEqual(rc, 2)
