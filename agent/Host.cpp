@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -136,6 +137,13 @@ void Host::loadModule(const std::string& modulePath, const std::vector<std::stri
     for (const auto& c : contexts) module->initContext(Orbel::String8(c));
     module_ = std::move(module);
     if (feed_ && !health_) health_ = std::make_unique<FeedHealthMib>(*feed_);
+    if (feed_ && !history_)
+        history_ = std::make_unique<DaemonHistory>(mib_, [] {
+            // sysUpTime of the agent that serves the table: hundredths of a second.
+            return DaemonHistory::Stamp{static_cast<std::uint32_t>(netsnmp_get_agent_uptime()),
+                                        std::chrono::system_clock::now()};
+        });
+    if (history_ && !historyMib_) historyMib_ = std::make_unique<HistoryMib>(*history_);
     if (!replyLimit_) replyLimit_ = std::make_unique<ReplySizeLimit>();
 }
 
@@ -194,6 +202,7 @@ void Host::stopServing() {
     }
     replyLimit_.reset();
     health_.reset();
+    historyMib_.reset();
     // Contexts are withdrawn while the module is loaded: Net-SNMP frees the registrations
     // it still holds only afterwards, and only after that may the module go.
     if (module_)
@@ -209,6 +218,7 @@ void Host::release() {
     if (module_) module_->unload();
     module_.reset();
     feed_.reset();
+    history_.reset();
     if (mib_) Statebase::root()->entityDelAll();
     mib_ = nullptr;
 }

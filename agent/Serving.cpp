@@ -72,6 +72,13 @@ void Serving::start(bool activitiesFromSelectLoop) {
     // After the initial load: the state as loaded is what receivers are taken to know.
     if (!notifier_) {
         notifier_ = std::make_unique<Notifier>(host_.mib(), settings_.notify, notifyLog_);
+        // The history counts from here on, before each notification, which carries its count.
+        if (DaemonHistory* history = host_.history())
+            notifier_->historyIs(history, [history](const std::string& daemon) -> std::optional<std::uint32_t> {
+                if (const auto* r = history->find(Snmp::String(daemon))) return r->runningChanges;
+                return std::nullopt;
+            });
+        notifier_->dataKeysIs(settings_.notifyData);
         notifier_->start();
     }
 }

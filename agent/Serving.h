@@ -15,9 +15,15 @@
 //   serving.stop();               // notifier, feed, module withdrawn (before snmp_shutdown)
 //   serving.release();            // module unloaded, state tree cleared (the destructor too)
 //
-// Pieces that serve beside the tables (the notifier today) live here, started after the
-// initial load and stopped before the feed: a new one is one member, one line in start()
-// and one in stop().
+// Where things join:
+//   - a piece that serves beside the tables (the notifier, which keeps the host's daemon history up to date
+//     before each notification) is one member here,
+//     started in start() after the initial load and stopped in stop() before the feed;
+//   - a launcher source is a field of SourceSettings and a case in makeSource() and
+//     sourceText();
+//   - what the host knows of its place in Net-SNMP (a subagent registered with its master
+//     or waiting) is the host's adapter's to watch (main.cpp's loop); the lines for both
+//     states are here (servingLine, waitingLine).
 //
 // Threads: the thread of Net-SNMP's select loop only.
 #pragma once
@@ -69,6 +75,7 @@ public:
         std::string modulePath;              // the module library
         std::vector<std::string> contexts;   // initialised besides the default context
         NotifyScheduler::Settings notify;
+        std::vector<std::string> notifyData;  // data keys a running change carries (NotifyData.h)
     };
 
     // feedLog receives the feed's lines, notifyLog the notifier's (on the loop thread).

@@ -115,6 +115,7 @@ Agent::Serving::Settings servingSettings(const Agent::AgentOptions& opts) {
     s.modulePath = opts.modulePath;
     s.contexts = opts.contexts;
     s.notify = {std::chrono::milliseconds(opts.notifyHolddownMs), unsigned(opts.notifyRate)};
+    s.notifyData = opts.notifyData;
     return s;
 }
 

@@ -22,6 +22,10 @@
 //   velmarNotifyHolddown 1000                     # ms a daemon's further changes are held after
 //                                                 # a notification about it (0..3600000)
 //   velmarNotifyRate 100                          # notifications per second at most (1..1000000)
+//   velmarNotifyData Result,ExecMainStatus        # data keys a running change also carries;
+//                                                 # default Result,ExecMainCode,ExecMainStatus
+//                                                 # with velmarSystemd, none with a state file;
+//                                                 # "none": none
 //
 // The velmar* lines must come after the dlmod line: snmpd learns them only when it loads
 // this library, which it does while reading that line. A line given twice counts the last
@@ -40,6 +44,7 @@
 // SIGHUP makes snmpd unload every dlmod library and read its configuration again, which
 // loads this one afresh: the settings are read again and the state file loaded anew.
 #include "agent/Serving.h"
+#include "agent/notify/NotifyData.h"
 #include "feed/systemd/SystemdSource.h"
 
 #include "orbel/Exception.h"
@@ -81,6 +86,7 @@ struct Settings {
     std::string modulePath;
     std::vector<std::string> contexts;
     Agent::NotifyScheduler::Settings notify;
+    std::optional<std::vector<std::string>> notifyData;   // velmarNotifyData's keys
 };
 
 // Everything the bridge holds while it is loaded.
@@ -102,6 +108,7 @@ constexpr const char* contextToken = "velmarContext";
 constexpr const char* traceToken = "velmarTrace";
 constexpr const char* holddownToken = "velmarNotifyHolddown";
 constexpr const char* rateToken = "velmarNotifyRate";
+constexpr const char* notifyDataToken = "velmarNotifyData";
 
 // The one word of a directive's argument (double quotes allowed, as elsewhere in
 // snmpd.conf). Reports a missing or second word through config_perror, which names the
@@ -224,6 +231,19 @@ void parseRate(const char* token, char* line) {
     });
 }
 
+void parseNotifyData(const char* token, char* line) {
+    guarded(token, [&] {
+        auto w = oneWord(token, line, "comma-separated data keys such as Result,ExecMainStatus, or none");
+        if (!w) return;
+        try {
+            auto keys = *w == "none" ? std::vector<std::string>{} : Agent::notifyDataKeys(*w);
+            if (bridge) bridge->settings.notifyData = std::move(keys);
+        } catch (const std::invalid_argument& e) {
+            config_perror((std::string(token) + " " + *w + ": " + e.what()).c_str());
+        }
+    });
+}
+
 // ../modules/VelmarDaemonMIB.so beside this library, where the build tree and an install
 // both put it. (Load the library by its real path: its RUNPATH, $ORIGIN/.., finds the
 // platform libraries only from there, not through a symbolic link.)
@@ -276,6 +296,7 @@ void startServing() {
     settings.modulePath = defaultModule ? defaultModulePath() : s.modulePath;
     settings.contexts = s.contexts;
     settings.notify = s.notify;
+    settings.notifyData = s.notifyData ? *s.notifyData : Agent::notifyDataKeys(Agent::defaultNotifyData(systemd));
     bridge->serving = std::make_unique<Agent::Serving>(
         std::move(settings),
         [](Feed::Severity severity, const std::string& line) {
@@ -343,7 +364,8 @@ int onShutdown(int, int, void*, void*);
 void withdraw(bool inShutdownCallback) {
     if (!bridge || bridge->withdrawn) return;
     bridge->withdrawn = true;
-    for (const char* token : {stateFileToken, systemdToken, moduleToken, contextToken, traceToken, holddownToken, rateToken})
+    for (const char* token : {stateFileToken, systemdToken, moduleToken, contextToken, traceToken, holddownToken, rateToken,
+                              notifyDataToken})
         snmpd_unregister_config_handler(token);
     snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr, 1);
     if (!inShutdownCallback) snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_SHUTDOWN, onShutdown, nullptr, 1);
@@ -373,6 +395,7 @@ void init_velmar_daemon_mib(void) {
         snmpd_register_config_handler(traceToken, parseTrace, nullptr, "LEVELS (e.g. Snmp/0-2,8)");
         snmpd_register_config_handler(holddownToken, parseHolddown, nullptr, "MS (notification hold-down, default 1000)");
         snmpd_register_config_handler(rateToken, parseRate, nullptr, "N (notifications per second at most, default 100)");
+        snmpd_register_config_handler(notifyDataToken, parseNotifyData, nullptr, "KEYS (data keys a running change carries)");
         // No client argument: the library frees client arguments with free() when it clears
         // its callbacks.
         snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr);

@@ -94,10 +94,13 @@ class MasterAgentTest(unittest.TestCase):
         # Past the option table's last row: the running table's first row.
         rc, got, err = h.get(agent.port, [rows["option"][-1][0]], tool="snmpgetnext")
         self.assertEqual(got, [rows["running"][0]])
-        # Past the last row of the last table: the feed's first health object, and past the
-        # last of those out of the daemon MIB (to the SNMP engine's objects, or the end of
-        # the agent's view).
+        # Past the last row of the last table: the history's first instance; past the history,
+        # the feed's first health object; and past the last of those out of the daemon MIB (to
+        # the SNMP engine's objects, or the end of the agent's view).
         rc, out, err = h.run_tool("snmpgetnext", h.common_args(agent.port) + [h.oid_str(rows["data"][-1][0])])
+        first_name = sorted(self.states["many"]["daemons"], key=lambda n: (len(n.encode()), n.encode()))[0]
+        self.assertTrue(out.startswith(h.oid_str(h.HISTORY + (1, 2) + h.index_of(first_name)) + " = Counter32: 0"), out)
+        rc, out, err = h.run_tool("snmpgetnext", h.common_args(agent.port) + [h.oid_str(h.HISTORY + (1, 5, 255))])
         self.assertTrue(out.startswith(h.oid_str(h.FEED + (1, 0)) + " = "), out)
         rc, out, err = h.run_tool("snmpgetnext", h.common_args(agent.port) + [h.oid_str(h.FEED + (14, 0))])
         self.assertEqual(rc, 0, err)

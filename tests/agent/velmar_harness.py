@@ -45,20 +45,30 @@ FEED_OBJECTS = {
     "daemons": 8, "rows": 9, "reloads": 10, "refusals": 11, "skippedNow": 12, "skipped": 13, "lastSkip": 14,
 }
 FEED_STATES = {"ok": 1, "refused": 2, "gone": 3, "busLost": 4, "notLoaded": 5}
+# The daemon history (velmarDaemonHistoryTable), also served beside the four tables and also
+# left out of a walk of ROOT by walk() and pysnmp_walk().
+HISTORY = ROOT + (2, 3)
+HISTORY_COLUMNS = {"runningChanges": 2, "enabledChanges": 3, "lastRunningChange": 4, "lastEnabledChange": 5,
+                   "lastRunningChangeTime": 6}
+BESIDE = (FEED, HISTORY)
+
+
+def _beside(oid):
+    return any(tuple(oid[:len(b)]) == b for b in BESIDE)
 
 
 def without_feed(rows):
-    """rows ([(oid, value)]) without the feed's health scalars."""
-    return [r for r in rows if tuple(r[0][:len(FEED)]) != FEED]
+    """rows ([(oid, value)]) without the feed's health scalars and the history table."""
+    return [r for r in rows if not _beside(r[0])]
 
 
 def without_feed_text(out):
-    """snmpwalk -On output without the lines of the feed's health scalars."""
-    prefix = oid_str(FEED) + "."
+    """snmpwalk -On output without the lines of the feed's health scalars and the history."""
+    prefixes = tuple(oid_str(b) + "." for b in BESIDE)
     kept, keep = [], True
     for line in out.splitlines(True):
         if line.startswith("."):
-            keep = not line.startswith(prefix)
+            keep = not line.startswith(prefixes)
         if keep:   # a value's continuation lines go with its first line
             kept.append(line)
     return "".join(kept)
