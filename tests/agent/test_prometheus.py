@@ -175,7 +175,7 @@ def require_tools(test):
 
 
 class ConfigTest(unittest.TestCase):
-    """snmp.yml is the generator's output for generator.yml, and says what the README says."""
+    """snmp.yml is the generator's output for generator.yml, and says what docs/prometheus.md says."""
 
     def setUp(self):
         require_tools(self)
