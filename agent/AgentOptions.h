@@ -9,6 +9,7 @@ namespace Agent {
 struct AgentOptions {
     std::vector<std::string> listen;   // master mode: transport addresses
     std::string agentx;                // subagent mode: the master's AgentX socket
+    bool allowTcpAgentx = false;       // a TCP AgentX address is meant (any local user can reach it)
     int agentxPing = 5;                // seconds between pings of the master (reconnects)
     std::string stateFile;             // launcher state (JSON)
     bool systemd = false;              // or systemd's service units (SourceChoice.h)
