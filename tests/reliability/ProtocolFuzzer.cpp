@@ -81,9 +81,10 @@ using Clock = std::chrono::steady_clock;
 #define VELMAR_ENTERPRISE_NUMBER 32473
 #endif
 const Oid root{1, 3, 6, 1, 4, 1, VELMAR_ENTERPRISE_NUMBER, 3, 17};
-// From here on the subtree holds the agent's health of its feed (ages, counts), which
-// changes by itself: its values are not compared with the walk.
-const Oid liveObjects{1, 3, 6, 1, 4, 1, VELMAR_ENTERPRISE_NUMBER, 3, 17, 4};
+// From here on the subtree holds what the agent serves beside the four tables: the daemons'
+// history (counts and times of their changes) and the health of its feed (ages, counts).
+// Those change by themselves, so their values are not compared with the walk.
+const Oid liveObjects{1, 3, 6, 1, 4, 1, VELMAR_ENTERPRISE_NUMBER, 3, 17, 2, 3};
 
 // ---------------------------------------------------------------------------------------
 // Random numbers: xoshiro256** seeded through splitmix64, one generator per request.
