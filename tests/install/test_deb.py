@@ -42,6 +42,7 @@ EXPECTED_FILES = {
     "./usr/share/snmp/mibs/VELMAR-DAEMON-MIB.txt": None,
     "./usr/share/velmar-daemon-mib/demo-state.json": None,
     "./usr/share/man/man1/velmar-snmp-agent.1.gz": None,
+    "./usr/share/man/man1/velmar-supervisor-events.1.gz": None,
     "./usr/share/velmar-daemon-mib/snmpd-agentx.conf": None,
     "./usr/share/velmar-daemon-mib/snmpd-dlmod.conf": None,
     "./usr/share/velmar-daemon-mib/velmar-snmp-agent-systemd.conf": None,
