@@ -15,6 +15,7 @@ struct AgentOptions {
     std::string units;                 // with systemd: unit patterns; empty: every service
     int refresh = 10;                  // with systemd: seconds between counter readings; 0: never
     std::string systemBus;             // with systemd: the bus address; empty: the default
+    bool serveCommandLines = false;    // whole command lines, not only the executable (secrets!)
     std::string configFile;            // Net-SNMP configuration syntax: communities, users, access
     std::string persistentDir;         // Net-SNMP persistent files; a private temporary one if empty
     std::vector<std::string> contexts; // extra SNMP contexts to initialise

@@ -13,6 +13,8 @@
 //                                                 # bus; exactly one of the two. snmpd refuses
 //                                                 # a directive without a word, so the patterns
 //                                                 # are always given
+//   velmarServeCommandLines yes                   # serve whole command lines (default no: the
+//                                                 # executable's path; arguments can hold secrets)
 //   velmarModule /usr/lib/velmar/modules/VelmarDaemonMIB.so
 //                                                 # default: ../modules/VelmarDaemonMIB.so
 //                                                 # beside this library (build tree or install)
@@ -79,6 +81,7 @@ constexpr const char* bridgeName = "velmar_daemon_mib";
 struct Settings {
     std::string stateFile;
     std::optional<std::string> systemdUnits;  // velmarSystemd's patterns
+    Feed::SourceSettings source;              // velmarServeCommandLines
     std::string modulePath;
     std::vector<std::string> contexts;
     Agent::NotifyScheduler::Settings notify;
@@ -105,6 +108,7 @@ constexpr const char* contextToken = "velmarContext";
 constexpr const char* traceToken = "velmarTrace";
 constexpr const char* holddownToken = "velmarNotifyHolddown";
 constexpr const char* rateToken = "velmarNotifyRate";
+constexpr const char* commandLinesToken = "velmarServeCommandLines";
 
 // The one word of a directive's argument (double quotes allowed, as elsewhere in
 // snmpd.conf). Reports a missing or second word through config_perror, which names the
@@ -168,6 +172,15 @@ void parseSystemd(const char* token, char* line) {
         if (!bridge) return;
         if (!bridge->settings.stateFile.empty()) reportSecondSource(token);
         bridge->settings.systemdUnits = *w;
+    });
+}
+
+void parseCommandLines(const char* token, char* line) {
+    guarded(token, [&] {
+        auto w = oneWord(token, line, "yes or no");
+        if (!w) return;
+        if (*w != "yes" && *w != "no") return config_perror((std::string(token) + " takes yes or no, not " + *w).c_str());
+        if (bridge) bridge->settings.source.serveCommandLines = *w == "yes";
     });
 }
 
@@ -343,6 +356,7 @@ void startServing() {
         if (systemd) {
             Feed::SystemdSource::Options o;
             o.patterns = Feed::parseUnitPatterns(*s.systemdUnits);
+            o.settings = s.source;
             host.loadState(std::make_unique<Feed::SystemdSource>(o));
         } else {
             host.loadState(std::make_unique<Feed::FileSource>(s.stateFile));
@@ -420,7 +434,7 @@ int onShutdown(int, int, void*, void*);
 void withdraw(bool inShutdownCallback) {
     if (!bridge || bridge->withdrawn) return;
     bridge->withdrawn = true;
-    for (const char* token : {stateFileToken, systemdToken, moduleToken, contextToken, traceToken, holddownToken, rateToken})
+    for (const char* token : {stateFileToken, systemdToken, moduleToken, contextToken, traceToken, holddownToken, rateToken, commandLinesToken})
         snmpd_unregister_config_handler(token);
     snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr, 1);
     if (!inShutdownCallback) snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_SHUTDOWN, onShutdown, nullptr, 1);
@@ -450,6 +464,7 @@ void init_velmar_daemon_mib(void) {
         snmpd_register_config_handler(traceToken, parseTrace, nullptr, "LEVELS (e.g. Snmp/0-2,8)");
         snmpd_register_config_handler(holddownToken, parseHolddown, nullptr, "MS (notification hold-down, default 1000)");
         snmpd_register_config_handler(rateToken, parseRate, nullptr, "N (notifications per second at most, default 100)");
+        snmpd_register_config_handler(commandLinesToken, parseCommandLines, nullptr, "yes|no (whole command lines, default no)");
         // No client argument: the library frees client arguments with free() when it clears
         // its callbacks.
         snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr);
