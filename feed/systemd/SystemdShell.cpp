@@ -165,11 +165,15 @@ bool SystemdShell::sendCalls() {
 
 void SystemdShell::answered(const sd_bus_error* error) {
     // A timeout is sd-bus's own answer, not systemd's.
-    if (error && (sd_bus_error_has_name(error, SD_BUS_ERROR_TIMEOUT) || sd_bus_error_get_errno(error) == ETIMEDOUT)) return;
+    if (error && (sd_bus_error_has_name(error, SD_BUS_ERROR_TIMEOUT) || sd_bus_error_get_errno(error) == ETIMEDOUT)) {
+        ++timedOut_;
+        return;
+    }
     lastAlive_ = Clock::now();
     if (unresponsive_) {
         unresponsive_ = false;
-        say(Severity::notice, "systemd answers again; reading every unit again");
+        say(Severity::notice, "systemd answers again (" + std::to_string(timedOut_) + " calls timed out, at most " +
+                                  std::to_string(peak_) + " waiting at once); reading every unit again");
         setState(SourceState::ok, true);
         tracker_.resync();
     }
@@ -329,8 +333,11 @@ void SystemdShell::watchTimes() {
     const auto& o = options_;
     Clock::time_point oldest = now;
     for (const auto& [cookie, sent] : sent_) oldest = std::min(oldest, sent.at);
+    peak_ = std::max(peak_, sent_.size());
     if (!unresponsive_ && now - oldest > o.unresponsiveAfter) {
         unresponsive_ = true;
+        timedOut_ = 0;
+        peak_ = sent_.size();
         const auto waited = std::chrono::duration_cast<std::chrono::seconds>(now - oldest).count();
         say(Severity::warning, "systemd does not answer (a call waited " + std::to_string(waited) +
                                    " s); serving the last state");

@@ -84,6 +84,8 @@ private:
     bool present_ = false;              // systemd answered Subscribe
     bool unresponsive_ = false;         // a call has waited too long; said
     bool subscribing_ = false;
+    std::size_t timedOut_ = 0;          // calls timed out since systemd stopped answering
+    std::size_t peak_ = 0;              // the most calls waiting at once since then
     std::unordered_map<std::uint64_t, Sent> sent_;   // by cookie
     std::chrono::steady_clock::time_point lastAlive_ = std::chrono::steady_clock::now();
 };

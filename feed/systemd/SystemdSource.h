@@ -37,7 +37,7 @@
 //   systemd on ADDR: systemd left the bus; serving the last state until it is back   (warning)
 //   systemd on ADDR: systemd is back; reading every unit again                       (notice)
 //   systemd on ADDR: systemd does not answer (a call waited N s); serving the last state (warning)
-//   systemd on ADDR: systemd answers again; reading every unit again                 (notice)
+//   systemd on ADDR: systemd answers again (N calls timed out, at most M waiting at once); reading every unit again (notice)
 //   systemd on ADDR: unit "U" skipped: its name is N bytes, more than 32 ...         (warning, once per unit)
 //   systemd on ADDR: <a call that failed>: <error>                                   (warning)
 #pragma once
