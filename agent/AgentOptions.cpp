@@ -1,6 +1,7 @@
 #include "AgentOptions.h"
 #include "Host.h"
 #include "SourceChoice.h"
+#include "agent/notify/NotifyData.h"
 
 #include <CLI/CLI.hpp>
 
@@ -105,6 +106,11 @@ void build(CLI::App& app, AgentOptions& o) {
                    "its latest state")
         ->check(CLI::Range(1, 1000000))
         ->default_val(100);
+    app.add_option("--notify-data", o.notifyDataText,
+                   "Data keys, comma-separated, whose values a running-change notification also carries "
+                   "(velmarDaemonDataValue, when the daemon has the key), after the daemon's count of running "
+                   "changes; default: Result,ExecMainCode,ExecMainStatus with --systemd, none with --state; an empty "
+                   "string: none");
     app.add_option("--debug", o.debug, "Net-SNMP debug tokens, e.g. VelmarDaemonMIB,trace");
     app.add_option("--log", o.log,
                    "Where every log line goes, Net-SNMP's included: stderr (with timestamps and levels), journal "
@@ -167,6 +173,13 @@ int parseOptions(int argc, char** argv, AgentOptions& opts) {
     }
     if (std::string problem = sourceProblem(app, opts); !problem.empty()) {
         std::cerr << "velmar-snmp-agent: " << problem << "\n";
+        return 2;
+    }
+    try {
+        const bool given = app.get_option("--notify-data")->count() > 0;
+        opts.notifyData = notifyDataKeys(given ? opts.notifyDataText : defaultNotifyData(opts.systemd));
+    } catch (const std::invalid_argument& e) {
+        std::cerr << "velmar-snmp-agent: --notify-data: " << e.what() << " (see --help)\n";
         return 2;
     }
     if (opts.listen.empty() && opts.agentx.empty()) opts.listen = {"udp:127.0.0.1:1161", "udp6:[::1]:1161"};

@@ -26,6 +26,8 @@ struct AgentOptions {
     bool check = false;                // validate source and configuration, print, exit
     int notifyHolddownMs = 1000;       // per daemon: changes after a notification held this long
     int notifyRate = 100;              // notifications per second, all daemons together
+    std::string notifyDataText;        // --notify-data as given
+    std::vector<std::string> notifyData; // its keys, or the source's default
 };
 
 // Parses argv into opts and fills defaults. Returns -1 to go on, or the exit code when

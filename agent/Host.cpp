@@ -7,13 +7,19 @@
 #include <net-snmp/net-snmp-includes.h>
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
+#include <dlfcn.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <system_error>
 
@@ -47,6 +53,67 @@ private:
     sigset_t saved_;
 };
 
+// The registrations in the agent's registry, in every context, with a handler whose code
+// lives in the library file at `library`.
+std::vector<netsnmp_handler_registration*> registrationsInto(const std::string& library) {
+    std::vector<netsnmp_handler_registration*> found;
+    std::vector<std::pair<std::string, bool>> files;   // file name -> is the library
+    auto inLibrary = [&](Netsnmp_Node_Handler* fn) {
+        Dl_info info{};
+        if (!fn || !::dladdr(reinterpret_cast<void*>(fn), &info) || !info.dli_fname) return false;
+        for (const auto& [file, same] : files)
+            if (file == info.dli_fname) return same;
+        std::error_code ec;
+        const bool same = std::filesystem::equivalent(info.dli_fname, library, ec) && !ec;
+        files.emplace_back(info.dli_fname, same);
+        return same;
+    };
+    for (subtree_context_cache* c = get_top_context_cache(); c; c = c->next)
+        for (netsnmp_subtree* s = c->first_subtree; s; s = s->next)
+            for (netsnmp_subtree* t = s; t; t = t->children) {
+                netsnmp_handler_registration* reg = t->reginfo;
+                if (!reg || std::find(found.begin(), found.end(), reg) != found.end()) continue;
+                for (netsnmp_mib_handler* h = reg->handler; h; h = h->next)
+                    if (inLibrary(h->access_method)) {
+                        found.push_back(reg);
+                        break;
+                    }
+            }
+    return found;
+}
+
+// Frees an iterator information the module allocated without handing it over: its column
+// chain, then the information with its table information.
+void freeModuleIteratorInfo(void* p) {
+    auto* iinfo = static_cast<netsnmp_iterator_info*>(p);
+    if (iinfo->table_reginfo) {
+        for (netsnmp_column_info* c = iinfo->table_reginfo->valid_columns; c;) {
+            netsnmp_column_info* next = c->next;
+            free(c);
+            c = next;
+        }
+        iinfo->table_reginfo->valid_columns = nullptr;
+    }
+    netsnmp_iterator_delete_table(iinfo);
+}
+
+// Removes every registration that still leads into the module's code after it left all
+// its contexts: its default-context tables (see stopServing in Host.h). A process that
+// runs on after the module is unloaded (snmpd, on SIGHUP) must not keep them, and a
+// process that exits frees them here rather than never.
+void withdrawModuleLeftovers(const std::string& modulePath) {
+    const auto left = registrationsInto(modulePath);
+    for (netsnmp_handler_registration* reg : left) {
+        // Unregistered without an owner of its iterator information, that information would
+        // be lost: the iterator's handler frees it with itself.
+        for (netsnmp_mib_handler* h = reg->handler; h; h = h->next)
+            if (h->handler_name && std::strcmp(h->handler_name, TABLE_ITERATOR_NAME) == 0 && h->myvoid && !h->data_free)
+                h->data_free = freeModuleIteratorInfo;
+        netsnmp_unregister_handler(reg);
+    }
+    DEBUGMSGTL(("velmar_daemon_mib", "removed %u registrations the module left\n", static_cast<unsigned>(left.size())));
+}
+
 } // namespace
 
 Host::Host(Feed::StateFeed::Log log) : log_(std::move(log)) {}
@@ -63,11 +130,20 @@ void Host::loadState(std::unique_ptr<Feed::Source> source) {
 
 void Host::loadModule(const std::string& modulePath, const std::vector<std::string>& contexts) {
     if (module_) throw std::logic_error("Host::loadModule: module already loaded");
+    // From here on, what the module registers is withdrawn with it.
+    modulePath_ = modulePath;
     auto module = std::make_unique<Snmp::ModuleLoader>(modulePath);
     module->initContext("");
     for (const auto& c : contexts) module->initContext(Orbel::String8(c));
     module_ = std::move(module);
     if (feed_ && !health_) health_ = std::make_unique<FeedHealthMib>(*feed_);
+    if (feed_ && !history_)
+        history_ = std::make_unique<DaemonHistory>(mib_, [] {
+            // sysUpTime of the agent that serves the table: hundredths of a second.
+            return DaemonHistory::Stamp{static_cast<std::uint32_t>(netsnmp_get_agent_uptime()),
+                                        std::chrono::system_clock::now()};
+        });
+    if (history_ && !historyMib_) historyMib_ = std::make_unique<HistoryMib>(*history_);
     if (!replyLimit_) replyLimit_ = std::make_unique<ReplySizeLimit>();
 }
 
@@ -126,10 +202,15 @@ void Host::stopServing() {
     }
     replyLimit_.reset();
     health_.reset();
+    historyMib_.reset();
     // Contexts are withdrawn while the module is loaded: Net-SNMP frees the registrations
     // it still holds only afterwards, and only after that may the module go.
     if (module_)
         while (!module_->contexts().empty()) module_->unregisterContext(module_->contexts().back());
+    if (!modulePath_.empty()) {
+        withdrawModuleLeftovers(modulePath_);
+        modulePath_.clear();
+    }
 }
 
 void Host::release() {
@@ -137,6 +218,7 @@ void Host::release() {
     if (module_) module_->unload();
     module_.reset();
     feed_.reset();
+    history_.reset();
     if (mib_) Statebase::root()->entityDelAll();
     mib_ = nullptr;
 }

@@ -22,6 +22,7 @@
 #pragma once
 
 #include "FeedHealthMib.h"
+#include "HistoryMib.h"
 #include "ReplySize.h"
 
 #include "feed/core/StateFeed.h"
@@ -53,8 +54,8 @@ public:
     void loadState(std::unique_ptr<Feed::Source> source);
 
     // Loads the module library and initialises it in the default context and then in each
-    // of contexts, serves the feed's health beside it (FeedHealthMib, default context, when
-    // state is loaded), and keeps every reply of the agent within what its transport carries
+    // of contexts, serves the feed's health and the daemon history beside it (FeedHealthMib,
+    // HistoryMib; default context, when state is loaded), and keeps every reply of the agent within what its transport carries
     // (ReplySizeLimit). Needs Net-SNMP's agent library initialised (handlers are registered).
     // Throws Orbel::Exception when the library cannot be loaded; nothing stays loaded
     // then. Precondition: no module loaded yet (std::logic_error otherwise).
@@ -74,10 +75,19 @@ public:
     void runActivitiesFromSelectLoop();
 
     // Stops the source, takes the feed's and the activity loop's descriptors out of the
-    // select loop, removes the reply size limit and the feed's health objects, and
-    // withdraws the module from every
-    // context (the library stays loaded,
-    // so that Net-SNMP may still free what it holds of it). Safe to repeat.
+    // select loop, removes the reply size limit, the feed's health objects and the history
+    // table (the history itself stays until release()), withdraws
+    // the module from every context and removes what the module left registered (the
+    // library stays loaded, so that Net-SNMP may still free what it holds of it). Safe to
+    // repeat.
+    //
+    // Who frees what the module allocates: the module registers its tables with column,
+    // table and iterator information it callocs. In an extra context it hands their
+    // ownership to the agent library (which frees them on unregistration) and frees the
+    // column chains itself when it leaves that context. In the default context it records
+    // nothing to leave with and hands over no ownership, so its registrations outlive
+    // unregister_VelmarDaemonMIB(""); here, and only here, they are unregistered and
+    // their iterator information is freed with them (withdrawModuleLeftovers in Host.cpp).
     void stopServing();
 
     // Unloads the module, drops the feed and clears the state tree (the DaemonMib with it).
@@ -85,6 +95,10 @@ public:
     void release();
 
     const Orbel::Ptr<GenericAgent::DaemonMib>& mib() const noexcept { return mib_; }
+    // The daemon history served (made by loadModule when state is loaded; null before, and
+    // after release()). It counts once it listens to the model: give it to the Notifier
+    // (Notifier::historyIs) before the Notifier starts.
+    DaemonHistory* history() const noexcept { return history_.get(); }
     Feed::StateFeed* feed() const noexcept { return feed_.get(); }
     Snmp::ModuleLoader* module() const noexcept { return module_.get(); }
     // The feed's eventfd is on the select loop.
@@ -100,6 +114,9 @@ private:
     std::unique_ptr<Snmp::ModuleLoader> module_;
     std::unique_ptr<ReplySizeLimit> replyLimit_;
     std::unique_ptr<FeedHealthMib> health_;
+    std::unique_ptr<DaemonHistory> history_;
+    std::unique_ptr<HistoryMib> historyMib_;
+    std::string modulePath_;   // the module's library: the leftovers are what leads into it
     bool feedRegistered_ = false;
     int activityFd_ = -1;   // wake-up eventfd of the activity loop (runActivitiesFromSelectLoop)
 };

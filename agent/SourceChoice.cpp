@@ -1,7 +1,5 @@
 #include "SourceChoice.h"
-#include "Served.h"
 
-#include "feed/file/FileSource.h"
 #include "feed/systemd/SystemdSource.h"
 
 #include <CLI/CLI.hpp>
@@ -57,43 +55,25 @@ std::string sourceProblem(const CLI::App& app, AgentOptions& o) {
     return {};
 }
 
-namespace {
-
-Feed::SystemdSource::Options systemdOptions(const AgentOptions& o) {
-    Feed::SystemdSource::Options s;
-    s.patterns = Feed::parseUnitPatterns(o.units.empty() ? Feed::defaultUnitPatterns : o.units);
+SourceSettings sourceSettings(const AgentOptions& o) {
+    SourceSettings s;
+    s.stateFile = o.stateFile;
+    s.systemd = o.systemd;
+    s.units = o.units;
     s.refresh = std::chrono::seconds(o.refresh);
-    s.busAddress = o.systemBus;
-    s.settings.serveCommandLines = o.serveCommandLines;
+    s.systemBus = o.systemBus;
+    s.launcher.serveCommandLines = o.serveCommandLines;
     return s;
 }
 
-} // namespace
-
 std::unique_ptr<Feed::Source> makeSource(const AgentOptions& o) {
-    if (!o.systemd) return std::make_unique<Feed::FileSource>(o.stateFile);
     try {
-        return std::make_unique<Feed::SystemdSource>(systemdOptions(o));
+        return makeSource(sourceSettings(o));
     } catch (const std::invalid_argument& e) {
-        throw std::invalid_argument(std::string("--units ") + o.units + ": " + e.what());
+        throw std::invalid_argument(std::string("--") + e.what());
     }
 }
 
-std::string sourceText(const AgentOptions& o) {
-    if (!o.systemd) return "state file " + o.stateFile;
-    const Feed::SystemdSource::Options s = systemdOptions(o);
-    return "systemd (system bus " + Feed::SystemdSource::busAddressFor(s) + ", units " +
-           (o.units.empty() ? std::string(Feed::defaultUnitPatterns) : o.units) + ")";
-}
-
-std::string servedText(const Feed::StateFeed& feed) {
-    std::string text = servedOf(feed).text();
-    const Feed::SourceHealth h = feed.source().health();
-    if (!h.skippedNote.empty()) text += "; " + h.skippedNote;
-    if (!h.connected)
-        text += "; not connected to " + (h.launcher.empty() ? std::string("its launcher") : h.launcher) +
-                " yet, trying again";
-    return text;
-}
+std::string sourceText(const AgentOptions& o) { return sourceText(sourceSettings(o)); }
 
 } // namespace Agent

@@ -10,6 +10,7 @@
 #pragma once
 
 #include "AgentOptions.h"
+#include "Serving.h"
 
 #include "feed/core/Source.h"
 #include "feed/core/StateFeed.h"
@@ -32,6 +33,9 @@ void addSourceOptions(CLI::App& app, AgentOptions& opts);
 // --systemd comes without it.
 std::string sourceProblem(const CLI::App& app, AgentOptions& opts);
 
+// The options' source, as the serving piece takes it (Serving.h).
+SourceSettings sourceSettings(const AgentOptions& opts);
+
 // The source the options name. Throws std::invalid_argument (naming the option) for a bad
 // pattern list.
 std::unique_ptr<Feed::Source> makeSource(const AgentOptions& opts);
@@ -40,8 +44,5 @@ std::unique_ptr<Feed::Source> makeSource(const AgentOptions& opts);
 // "systemd (system bus unix:path=/run/dbus/system_bus_socket, units *.service)".
 std::string sourceText(const AgentOptions& opts);
 
-// What is served now: "42 daemons, 630 rows (enabled 42, ...)" (Served.h), with "; 1 unit skipped (name over 32 bytes)"
-// and "; not connected to systemd yet, trying again" from a systemd source when so.
-std::string servedText(const Feed::StateFeed& feed);
 
 } // namespace Agent

@@ -2,16 +2,19 @@
 // its own addresses or as an AgentX subagent of a running snmpd, with the launcher's state
 // fed live from a JSON file or from systemd (SourceChoice.h).
 //
+// This file is the adapter of the process: its command line, its signals and its loop.
+// What is served and how is Serving.h, shared with the snmpd dlmod bridge; Net-SNMP's
+// set-up and shutdown in a process of its own is Standalone.h.
+//
 // One thread touches the model: Net-SNMP's select loop serves requests, applies state
 // changes handed over by the feed's worker thread, and runs the framework's activity loop.
 #include "AgentOptions.h"
 #include "Diagnose.h"
-#include "Host.h"
 #include "Log.h"
 #include "Readiness.h"
+#include "Serving.h"
 #include "SourceChoice.h"
-#include "SystemGroup.h"
-#include "agent/notify/Notifier.h"
+#include "Standalone.h"
 
 #include "orbel/Activity.h"
 #include "orbel/TraceHandle.h"
@@ -22,37 +25,26 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <sys/utsname.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
+#include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <memory>
 #include <optional>
+#include <stdexcept>
 
 extern "C" {
-// Net-SNMP's VACM configuration tokens (community, view, access, rouser, ...).
-void init_vacm_conf(void);
 // The AgentX subagent's session with its master; null while it has none.
 extern netsnmp_session* main_session;
 }
 
-#ifndef VELMAR_VERSION
-#define VELMAR_VERSION "unknown"
-#endif
-
 namespace {
 
-constexpr const char* appName = "velmar-snmp-agent";
-constexpr const char* appVersion = VELMAR_VERSION;
+using Agent::agentName;
+using Agent::agentVersion;
 
 using Agent::Log::Level;
 
@@ -71,12 +63,8 @@ void onSignal(int sig) {
     [[maybe_unused]] ssize_t n = ::write(signalPipe[1], &c, 1);
 }
 
-} // namespace
-
-// The host, for the signal handlers on the loop thread.
-Agent::Host* servingHost = nullptr;
-
-namespace {
+// What is served, for the signal handlers on the loop thread.
+Agent::Serving* servingNow = nullptr;
 
 void onSignalPipe(int fd, void*) {
     char buf[16];
@@ -87,9 +75,10 @@ void onSignalPipe(int fd, void*) {
                 // The log file first, so that this line is the first in a rotated one.
                 if (std::string err = Agent::Log::reopen(); !err.empty()) logLine(Level::error, "SIGHUP: " + err);
                 else if (Agent::Log::destination().rfind("file:", 0) == 0) logLine(Level::notice, "SIGHUP: log file reopened");
-                if (servingHost && servingHost->feed()) {
-                    logLine(Level::notice, "SIGHUP: reading the " + servingHost->feed()->source().description() + " again");
-                    servingHost->feed()->source().reread();
+                if (servingNow && servingNow->host().feed()) {
+                    logLine(Level::notice, "SIGHUP: reading the " + servingNow->host().feed()->source().description() +
+                                               " again");
+                    servingNow->host().feed()->source().reread();
                 }
             } else if (buf[i] == 'u') {
                 logLine(Level::notice, "SIGUSR1: ignored");
@@ -111,42 +100,21 @@ void installSignals() {
     signal(SIGPIPE, SIG_IGN);
 }
 
-// A private directory for Net-SNMP's configuration search path and persistent files, so
-// that no system-wide snmpd configuration leaks into this agent.
-struct PrivateDir {
-    std::filesystem::path path;
-    bool remove = false;
-    ~PrivateDir() {
-        std::error_code ec;
-        if (remove && !path.empty()) std::filesystem::remove_all(path, ec);
-    }
-};
-
 std::string readableError(const std::string& what, const std::string& path) {
     std::ifstream f(path);
     if (!f) return what + " " + path + ": " + std::strerror(errno);
     return {};
 }
 
-// sysDescr: the agent, its version, what it serves and the system it runs on.
-std::string systemDescription() {
-    std::string text = std::string(appName) + " " + appVersion + ": VELMAR-DAEMON-MIB, the launcher's daemon state";
-    struct utsname u {};
-    if (::uname(&u) == 0) text += std::string(" (") + u.sysname + " " + u.release + " " + u.machine + ")";
-    return text;
-}
-
-// The line that says the agent serves, and what.
-// Net-SNMP's access directives, which only a master agent reads.
-constexpr const char* accessTokens[] = {"rocommunity", "rwcommunity", "rocommunity6", "rwcommunity6", "rouser",
-                                        "rwuser", "com2sec", "com2sec6", "group", "view", "access", "authcommunity",
-                                        "authuser", "authgroup", "authaccess", "setaccess", "createUser"};
-
-std::string servingText(const Agent::AgentOptions& opts, const Agent::Host& host) {
-    const bool subagent = !opts.agentx.empty();
-    return std::string(appName) + " " + appVersion + " serving VELMAR-DAEMON-MIB (" + Agent::subtreeText() + ") from " +
-           Agent::sourceText(opts) + (subagent ? " as AgentX subagent of " : " on ") +
-           (subagent ? opts.agentx : Agent::joined(opts.listen)) + ": " + Agent::servedText(*host.feed());
+// The serving piece's settings from the command line.
+Agent::Serving::Settings servingSettings(const Agent::AgentOptions& opts) {
+    Agent::Serving::Settings s;
+    s.source = Agent::sourceSettings(opts);
+    s.modulePath = opts.modulePath;
+    s.contexts = opts.contexts;
+    s.notify = {std::chrono::milliseconds(opts.notifyHolddownMs), unsigned(opts.notifyRate)};
+    s.notifyData = opts.notifyData;
+    return s;
 }
 
 } // namespace
@@ -158,7 +126,7 @@ int main(int argc, char** argv) {
         if (rc >= 0) return rc;
     }
     if (std::string err = Agent::Log::open(opts.log); !err.empty()) {
-        std::cerr << appName << ": " << err << " (see --help)\n";
+        std::cerr << agentName << ": " << err << " (see --help)\n";
         return 2;
     }
     for (const auto& [what, path] : {std::pair<std::string, std::string>{"state file", opts.stateFile},
@@ -183,119 +151,49 @@ int main(int argc, char** argv) {
     // The state model, at the path the module looks for it.
     // Warnings and errors of the source (a daemon entry skipped, a file refused) fail --check.
     std::size_t sourceProblems = 0;
-    Agent::Host host([&sourceProblems](Feed::Severity severity, const std::string& line) {
-        static constexpr Level levels[] = {Level::error, Level::warning, Level::notice, Level::info};
-        if (severity == Feed::Severity::error || severity == Feed::Severity::warning) ++sourceProblems;
-        logLine(levels[static_cast<int>(severity)], line);
-    });
+    Agent::Serving serving(
+        servingSettings(opts),
+        [&sourceProblems](Feed::Severity severity, const std::string& line) {
+            static constexpr Level levels[] = {Level::error, Level::warning, Level::notice, Level::info};
+            if (severity == Feed::Severity::error || severity == Feed::Severity::warning) ++sourceProblems;
+            logLine(levels[static_cast<int>(severity)], line);
+        },
+        [](const std::string& line) { logLine(Level::notice, line); });
     try {
-        host.loadState(Agent::makeSource(opts));
+        serving.loadState();
     } catch (const std::exception& e) {
         logLine(Level::error, e.what());
         return opts.check ? 2 : 1;
     }
 
-    // Net-SNMP: only our own configuration. Its search path is a private directory of its
-    // own, never the persistent directory: Net-SNMP reads the persistent file from both, and
-    // reading it twice corrupts the stored engine ID (the v3 engine then changes and every
-    // second start refuses v3 requests).
-    PrivateDir dir;
-    {
-        char tmpl[] = "/tmp/velmar-snmp-agent.XXXXXX";
-        if (!::mkdtemp(tmpl)) {
-            logLine(Level::error, std::string("cannot create a private directory: ") + std::strerror(errno));
-            return 1;
-        }
-        dir.path = tmpl;
-        dir.remove = true;
+    std::optional<Agent::PrivateDir> dir;
+    try {
+        dir.emplace();
+    } catch (const std::exception& e) {
+        logLine(Level::error, e.what());
+        return 1;
     }
-    std::filesystem::path persistentDir = dir.path;
-    if (!opts.persistentDir.empty()) {
-        std::error_code ec;
-        persistentDir = std::filesystem::absolute(opts.persistentDir, ec);
-        if (!ec) std::filesystem::create_directories(persistentDir, ec);
-        if (ec || !std::filesystem::is_directory(persistentDir)) {
-            logLine(Level::error, "--persistent-dir " + opts.persistentDir + ": " +
-                                      (ec ? ec.message() : std::string("not a directory")));
-            return 2;
-        }
+    if (std::string err = Agent::configureNetSnmp(opts, dir->path()); !err.empty()) {
+        logLine(Level::error, err);
+        return 2;
     }
     const bool subagent = !opts.agentx.empty();
-    {
-        // Net-SNMP announces creating this one on every start; having it already is quieter.
-        std::error_code ec;
-        std::filesystem::create_directories(persistentDir / "cert_indexes", ec);
-    }
-    std::string configFile = opts.configFile;
-    if (configFile.empty() && !subagent) {
-        // The safe default: read-only community "public", from 127.0.0.1 only.  A subagent
-        // has no access control of its own (the master applies it), so it gets no default.
-        configFile = (dir.path / "default-access.conf").string();
-        std::ofstream(configFile) << "rocommunity public 127.0.0.1\nrocommunity6 public ::1\n";
-    }
-    Agent::Log::routeNetSnmp();
     // What Net-SNMP says about the configuration and the addresses, kept to refuse with.
     std::optional<Agent::NetSnmpComplaints> complaints(std::in_place);
-    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_CONFIGURATION_DIR, dir.path.c_str());
-    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, persistentDir.c_str());
-    if (!configFile.empty()) netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_OPTIONALCONFIG, configFile.c_str());
-    netsnmp_set_mib_directory(dir.path.c_str());  // the agent itself loads no MIB files
-    setenv("MIBS", "", 1);
-    netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DONT_LOG_TCPWRAPPERS_CONNECTS, 1);
-    netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG, 1);  // alarms from the loop
-    if (!opts.debug.empty()) {
-        debug_register_tokens(opts.debug.c_str());
-        snmp_set_do_debugging(1);
-    }
-    if (subagent && !opts.check) {
-        netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE, 1);
-        netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET, opts.agentx.c_str());
-    } else if (!subagent) {
-        std::string ports;
-        for (const auto& l : opts.listen) ports += (ports.empty() ? "" : ",") + l;
-        netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_PORTS, ports.c_str());
-    }
-    {
-        // Debian's agent library starts SMUX in init_agent: a TCP listener on port 199 of
-        // every address. This agent has no SMUX peers and listens only where --listen says.
-        char noSmux[] = "-smux";
-        add_to_init_list(noSmux);
-    }
-    init_agent(appName);
+    init_agent(agentName);
+    // From here on, every way out shuts Net-SNMP down (before the serving piece is released).
+    Agent::NetSnmpShutdown netSnmp;
     // After init_agent: its AgentX set-up resets the ping interval to the library's default
     // of 15 s.  The interval also paces reconnection attempts after the master goes away.
     if (subagent) netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL, opts.agentxPing);
-    if (!subagent) {
-        // The system group and the engine's objects; a master of a subagent has its own.
-        Agent::initSystemGroup(systemDescription(), dir.path);
-        init_vacm_conf();
-    }
-    init_snmp(appName);
-    if (!opts.configFile.empty()) {
-        // A directive Net-SNMP does not know or cannot use would otherwise leave an agent
-        // that answers nobody the way its operator meant.
-        const auto problems = complaints->aboutFile(opts.configFile);
-        if (!problems.empty()) {
-            for (const auto& p : problems) {
-                // A subagent reads no access directives: the master applies access control.
-                const bool access = subagent && p.find("Unknown token: ") != std::string::npos &&
-                                    std::any_of(std::begin(accessTokens), std::end(accessTokens), [&](const char* t) {
-                                        return p.find(std::string("Unknown token: ") + t + ".") != std::string::npos;
-                                    });
-                logLine(Level::error, "--config refused: " + p +
-                                          (access ? " (an AgentX subagent takes no access control: the master's "
-                                                    "configuration says who may read)"
-                                                  : ""));
-            }
-            Agent::shutdownSystemGroup();
-            snmp_shutdown(appName);
-            return 2;
-        }
-    }
+    // The system group and the engine's objects; a master of a subagent has its own.
+    if (!subagent) Agent::initMasterObjects(dir->path());
+    init_snmp(agentName);
+    if (!Agent::configAccepted(*complaints, opts)) return 2;
     if (opts.check) {
         int rc = 0;
         if (sourceProblems > 0) {
-            logLine(Level::error, "--check: the " + host.feed()->source().description() + " has " +
+            logLine(Level::error, "--check: the " + serving.feed().source().description() + " has " +
                                       std::to_string(sourceProblems) + (sourceProblems == 1 ? " problem" : " problems") +
                                       " (above)");
             rc = 2;
@@ -313,18 +211,16 @@ int main(int argc, char** argv) {
             addresses = "would listen on " + Agent::joined(opts.listen);
         }
         if (rc == 0) {
-            std::cout << appName << " " << appVersion << " check passed\n"
-                      << Agent::sourceText(opts) << ": " << Agent::servedText(*host.feed())
-                      << "\n"
-                      << "config: " << (opts.configFile.empty() ? std::string("none (read-only community public from localhost)") : opts.configFile + ": accepted")
+            std::cout << agentName << " " << agentVersion << " check passed\n"
+                      << Agent::sourceText(opts) << ": " << Agent::servedText(serving.feed()) << "\n"
+                      << "config: "
+                      << (opts.configFile.empty() ? std::string("none (read-only community public from localhost)")
+                                                  : opts.configFile + ": accepted")
                       << "\n"
                       << addresses << "\n"
                       << "log: " << Agent::Log::destination() << std::endl;
         }
         complaints.reset();
-        Agent::shutdownSystemGroup();
-        snmp_shutdown(appName);
-        host.release();
         return rc;
     }
     if (!subagent && init_master_agent() != 0) {
@@ -333,45 +229,30 @@ int main(int argc, char** argv) {
         if (why.empty()) why = "Net-SNMP could not open it (see the lines above)";
         logLine(Level::error, "cannot listen on " + failed + ": " + why);
         complaints.reset();
-        Agent::shutdownSystemGroup();
-        snmp_shutdown(appName);
         return 1;
     }
     complaints.reset();
 
-    int status = 0;
     try {
-        host.loadModule(opts.modulePath, opts.contexts);
-    } catch (const std::exception& e) {
-        logLine(Level::error, e.what());
-        Agent::shutdownSystemGroup();
-        snmp_shutdown(appName);
-        return 1;
-    }
-
-    try {
+        serving.loadModule();
         installSignals();
     } catch (const std::exception& e) {
         logLine(Level::error, e.what());
         return 1;
     }
-    servingHost = &host;
+    servingNow = &serving;
     register_readfd(signalPipe[0], onSignalPipe, nullptr);
     try {
-        host.startFeed();
+        // The feed on the select loop, then the notifier: the state as loaded is what
+        // receivers are taken to know.
+        serving.start(false);
     } catch (const std::exception& e) {
         logLine(Level::error, e.what());
         unregister_readfd(signalPipe[0]);
-        host.stopServing();
-        Agent::shutdownSystemGroup();
-        snmp_shutdown(appName);
+        servingNow = nullptr;
+        serving.stop();
         return 1;
     }
-
-    // After the initial load: the state as loaded is what receivers are taken to know.
-    Agent::Notifier notifier(host.mib(), {std::chrono::milliseconds(opts.notifyHolddownMs), unsigned(opts.notifyRate)},
-                             [](const std::string& line) { logLine(Level::notice, line); });
-    notifier.start();
 
     // A subagent serves only once its master has its registrations: until then (and
     // whenever the master is gone) it says it is waiting.
@@ -381,13 +262,12 @@ int main(int argc, char** argv) {
         if (now == registered) return;
         registered = now;
         if (now) {
-            const std::string line = servingText(opts, host);
+            const std::string line =
+                serving.servingLine(subagent ? "as AgentX subagent of " + opts.agentx : "on " + Agent::joined(opts.listen));
             logLine(Level::notice, line);
             Agent::Readiness::ready(line);
         } else {
-            const std::string line = std::string(appName) + " " + appVersion + ": waiting for the master at " +
-                                     opts.agentx + " to register VELMAR-DAEMON-MIB (" + Agent::subtreeText() +
-                                     ") from " + Agent::sourceText(opts) + ": " + Agent::servedText(*host.feed());
+            const std::string line = serving.waitingLine(opts.agentx);
             logLine(Level::notice, line);
             Agent::Readiness::status(line);
         }
@@ -407,17 +287,13 @@ int main(int argc, char** argv) {
     Agent::Readiness::stopping();
     logLine(Level::notice, "stopping");
 
-    notifier.stop();
     unregister_readfd(signalPipe[0]);
-    servingHost = nullptr;
-    // The feed stops and the module leaves every context while it is loaded; the agent
-    // library then frees the registrations it still holds, and only after that is the
-    // module unloaded and the state tree cleared.
-    host.stopServing();
-    Agent::shutdownSystemGroup();
-    snmp_shutdown(appName);
-    host.release();
+    servingNow = nullptr;
+    // The notifier and the feed stop and the module leaves every context while it is
+    // loaded; Net-SNMP then frees the registrations it still holds (netSnmp, on return),
+    // and only after that is the module unloaded and the state tree cleared (serving).
+    serving.stop();
     ::close(signalPipe[0]);
     ::close(signalPipe[1]);
-    return status;
+    return 0;
 }

@@ -18,6 +18,8 @@
 //   parse_after_release   the parse alone after its memory went back to the system, which
 //            reload_after_release is compared with (both fault their memory in)
 //   parse    Feed::loadStateFile of the same file on this thread (read + parse + validate)
+// The agent's listeners of the model are attached as in the agent (a ModelWatch telling the
+// daemon history), and the loop's share includes the activity loop run that tells them.
 // and checked: the difference is one value changed in place, no row comes or goes (an
 // observer of the DaemonMib hears nothing), and the row objects are the same ones.
 //
@@ -28,6 +30,9 @@
 #include "feed/core/StateFeed.h"
 #include "feed/file/FileSource.h"
 #include "feed/file/StateReader.h"
+
+#include "agent/history/DaemonHistory.h"
+#include "orbel/Activity.h"
 
 #include <malloc.h>
 #include <poll.h>
@@ -144,6 +149,12 @@ int main(int argc, char** argv) {
     for (auto it = mib->dataTable().begin(); !it.isEnd(); ++it) before.push_back(it.ptr());
     for (auto it = mib->enabledTable().begin(); !it.isEnd(); ++it) before.push_back(it.ptr());
 
+    // What the agent hears the model with: the notifier's watch, telling the history.
+    Agent::DaemonHistory history(mib, [] { return Agent::DaemonHistory::Stamp{1, std::chrono::system_clock::now()}; });
+    Agent::ModelWatch watch(mib, nullptr);
+    watch.listenerIs(&history);
+    watch.start();
+
     Orbel::Ptr<RowCounter> counter = RowCounter::make();
     counter->notifierIs(mib);
     counter->isRegisteredNotifieeIs(true);
@@ -171,6 +182,7 @@ int main(int argc, char** argv) {
             poll(&pfd, 1, 10000);
             const double a0 = threadCpu();
             feed.handleEvent();
+            Orbel::ActivityLoop::instance().runPending();
             loop += threadCpu() - a0;
         }
         // The worker may still be releasing what it parsed after it posted: wait until it is
@@ -210,15 +222,16 @@ int main(int argc, char** argv) {
     for (auto it = mib->enabledTable().begin(); !it.isEnd(); ++it) after.push_back(it.ptr());
     const bool sameRows = before == after;
     counter->isRegisteredNotifieeIs(false);
+    watch.stop();
 
     std::printf("{\"key_rows\": %zu, \"model_rows\": %zu, \"file_bytes\": %zu, \"rounds\": %zu, "
                 "\"parse_s\": %.6f, \"reload_s\": %.6f, \"apply_s\": %.9f, \"ratio\": %.4f, "
                 "\"parse_after_release_s\": %.6f, \"reload_after_release_s\": %.6f, "
                 "\"ratio_after_release\": %.4f, \"release_s\": %.6f, "
-                "\"rows_told\": %zu, \"same_row_objects\": %s, \"in_place_only\": %s, \"last_log\": \"%s\"}\n",
+                "\"history_rows\": %zu, \"rows_told\": %zu, \"same_row_objects\": %s, \"in_place_only\": %s, \"last_log\": \"%s\"}\n",
                 rows, modelRows, first.size(), rounds, median(parse), median(reload), median(apply),
                 median(reload) / median(parse), median(coldParse), median(cold), median(cold) / median(coldParse),
-                median(release), counter->told, sameRows ? "true" : "false",
+                median(release), history.size(), counter->told, sameRows ? "true" : "false",
                 inPlaceOnly ? "true" : "false", log.empty() ? "" : log.back().c_str());
     std::filesystem::remove(path);
     return 0;

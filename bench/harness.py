@@ -36,6 +36,9 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
+# free_port (and the rest of the test harness) is shared with the tests.
+sys.path.insert(0, os.path.join(ROOT, "tests", "agent"))
+from velmar_harness import free_port  # noqa: E402
 
 MODULE_ROOT = "1.3.6.1.4.1.32473.3.17.1.2"
 BASELINE_ROOTS = {
@@ -50,14 +53,6 @@ SNMP_ENV = dict(os.environ, MIBS="", MIBDIRS="/nonexistent")
 
 def log(*parts):
     print("bench:", *parts, file=sys.stderr, flush=True)
-
-
-def free_port():
-    s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    s.bind(("127.0.0.1", 0))
-    port = s.getsockname()[1]
-    s.close()
-    return port
 
 
 def load_average():

@@ -28,6 +28,9 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
+# free_port (and the rest of the test harness) is shared with the tests.
+sys.path.insert(0, os.path.join(ROOT, "tests", "agent"))
+from velmar_harness import free_port  # noqa: E402
 DAEMONS = 250
 TARGET_MS = 50.0
 
@@ -38,12 +41,6 @@ def default_agent():
         if os.access(p, os.X_OK):
             return p
     return None
-
-
-def free_port():
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
 
 
 def name(i):

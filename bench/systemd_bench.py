@@ -28,6 +28,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
 sys.path.insert(0, os.path.join(ROOT, "tests", "systemd"))
 sys.path.insert(0, os.path.join(ROOT, "tests", "agent"))
+from velmar_harness import free_port  # noqa: E402
 import velmar_sandbox  # noqa: E402
 from velmar_harness import _ber as ber, _ber_oid as ber_oid  # noqa: E402
 
@@ -91,12 +92,6 @@ def stop(p):
             p.kill()
             p.wait(5)
     return p.stderr.read()
-
-
-def free_port():
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
 
 
 def percentile(xs, q):

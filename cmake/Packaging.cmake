@@ -20,15 +20,14 @@ set(CPACK_DEBIAN_PACKAGE_RELEASE ${VELMAR_DEBIAN_REVISION})
 set(CPACK_PACKAGE_VENDOR "Velmar Networks")
 set(CPACK_PACKAGE_CONTACT "Velmar Networks platform team <platform@velmar.example>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "launcher daemon state over SNMP (VELMAR-DAEMON-MIB)")
-# The extended description: lines of at most 80 characters (Debian policy 5.6.13).
-set(CPACK_PACKAGE_DESCRIPTION
-  "velmar-snmp-agent serves the daemons run by the launcher of a Velmar network\n"
-  "operating system as the four read-only tables of VELMAR-DAEMON-MIB: enabled,\n"
-  "option, running and data. It reads the launcher's JSON state file, watches it\n"
-  "and serves every valid change at once, as a master agent on its own addresses\n"
-  "or as an AgentX subagent of snmpd; a bridge lets snmpd serve the tables itself\n"
-  "(dlmod).")
-string(JOIN "" CPACK_PACKAGE_DESCRIPTION ${CPACK_PACKAGE_DESCRIPTION})
+# The extended description: lines of at most 80 characters (Debian policy 5.6.13). One
+# bracket argument: a semicolon in a quoted one would be taken for a list separator.
+set(CPACK_PACKAGE_DESCRIPTION [=[velmar-snmp-agent serves the daemons run by the launcher of a Velmar network
+operating system as the four read-only tables of VELMAR-DAEMON-MIB: enabled,
+option, running and data. It follows the launcher's JSON state file, or the
+service units of systemd, and serves every valid change at once: as a master
+agent on its own addresses, as an AgentX subagent of snmpd, or inside snmpd
+through its dlmod bridge.]=])
 # Install with DESTDIR under the real prefix, so that the unit and the snmpd.conf fragment
 # land in /lib and /etc (see packaging/CMakeLists.txt).
 set(CPACK_SET_DESTDIR ON)
@@ -42,6 +41,10 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "snmpd")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "snmp, prometheus-snmp-exporter")
-set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/packaging/conffiles)
+# Own maintainer scripts: CPack would otherwise write ones that call ldconfig for the
+# libraries under /usr/lib/velmar, which are private (found through RUNPATH) and none of
+# ldconfig's business.
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/packaging/conffiles
+    ${CMAKE_SOURCE_DIR}/packaging/postinst ${CMAKE_SOURCE_DIR}/packaging/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 include(CPack)

@@ -1,9 +1,10 @@
 // velmar_daemon_mib: serves the daemon MIB from a stock snmpd, which loads this library
 // through its dlmod directive. It brings no agent of its own: it takes its settings from
 // snmpd.conf, and once snmpd has read its configuration it does inside snmpd what
-// velmar-snmp-agent does in its own process (Agent::Host): the DaemonMib in the state tree,
-// the launcher state feed on snmpd's select loop, and the module VelmarDaemonMIB loaded
-// through the plugin layer.
+// velmar-snmp-agent does in its own process (Agent::Serving): the DaemonMib in the state
+// tree, the launcher state feed on snmpd's select loop, the module VelmarDaemonMIB loaded
+// through the plugin layer, and the notifier. This file is the adapter: snmpd's directives
+// and callbacks on one side, Agent::Serving on the other.
 //
 //   dlmod velmar_daemon_mib /usr/lib/velmar/dlmod/velmar_daemon_mib.so
 //   velmarStateFile /run/launcher/state.json      # the launcher's state file, or
@@ -23,6 +24,10 @@
 //   velmarNotifyHolddown 1000                     # ms a daemon's further changes are held after
 //                                                 # a notification about it (0..3600000)
 //   velmarNotifyRate 100                          # notifications per second at most (1..1000000)
+//   velmarNotifyData Result,ExecMainStatus        # data keys a running change also carries;
+//                                                 # default Result,ExecMainCode,ExecMainStatus
+//                                                 # with velmarSystemd, none with a state file;
+//                                                 # "none": none
 //
 // The velmar* lines must come after the dlmod line: snmpd learns them only when it loads
 // this library, which it does while reading that line. A line given twice counts the last
@@ -40,9 +45,8 @@
 //                               does whatever the shutdown callback has not done
 // SIGHUP makes snmpd unload every dlmod library and read its configuration again, which
 // loads this one afresh: the settings are read again and the state file loaded anew.
-#include "agent/Host.h"
-#include "agent/notify/Notifier.h"
-#include "feed/file/FileSource.h"
+#include "agent/Serving.h"
+#include "agent/notify/NotifyData.h"
 #include "feed/systemd/SystemdSource.h"
 
 #include "orbel/Exception.h"
@@ -81,18 +85,17 @@ constexpr const char* bridgeName = "velmar_daemon_mib";
 struct Settings {
     std::string stateFile;
     std::optional<std::string> systemdUnits;  // velmarSystemd's patterns
-    Feed::SourceSettings source;              // velmarServeCommandLines
+    Feed::SourceSettings launcher;            // velmarServeCommandLines
     std::string modulePath;
     std::vector<std::string> contexts;
     Agent::NotifyScheduler::Settings notify;
+    std::optional<std::vector<std::string>> notifyData;   // velmarNotifyData's keys
 };
 
 // Everything the bridge holds while it is loaded.
 struct Bridge {
     Settings settings;
-    std::unique_ptr<Agent::Host> host;
-    std::unique_ptr<Agent::Notifier> notifier;   // through snmpd's sinks
-    std::string modulePath;                   // the module the host loaded
+    std::unique_ptr<Agent::Serving> serving;  // while serving; notifications through snmpd's sinks
     std::optional<std::string> traceBefore;   // the trace configuration velmarTrace replaced
     bool withdrawn = false;                   // directives and callbacks are unregistered
 };
@@ -109,6 +112,7 @@ constexpr const char* traceToken = "velmarTrace";
 constexpr const char* holddownToken = "velmarNotifyHolddown";
 constexpr const char* rateToken = "velmarNotifyRate";
 constexpr const char* commandLinesToken = "velmarServeCommandLines";
+constexpr const char* notifyDataToken = "velmarNotifyData";
 
 // The one word of a directive's argument (double quotes allowed, as elsewhere in
 // snmpd.conf). Reports a missing or second word through config_perror, which names the
@@ -180,7 +184,7 @@ void parseCommandLines(const char* token, char* line) {
         auto w = oneWord(token, line, "yes or no");
         if (!w) return;
         if (*w != "yes" && *w != "no") return config_perror((std::string(token) + " takes yes or no, not " + *w).c_str());
-        if (bridge) bridge->settings.source.serveCommandLines = *w == "yes";
+        if (bridge) bridge->settings.launcher.serveCommandLines = *w == "yes";
     });
 }
 
@@ -240,6 +244,19 @@ void parseRate(const char* token, char* line) {
     });
 }
 
+void parseNotifyData(const char* token, char* line) {
+    guarded(token, [&] {
+        auto w = oneWord(token, line, "comma-separated data keys such as Result,ExecMainStatus, or none");
+        if (!w) return;
+        try {
+            auto keys = *w == "none" ? std::vector<std::string>{} : Agent::notifyDataKeys(*w);
+            if (bridge) bridge->settings.notifyData = std::move(keys);
+        } catch (const std::invalid_argument& e) {
+            config_perror((std::string(token) + " " + *w + ": " + e.what()).c_str());
+        }
+    });
+}
+
 // ../modules/VelmarDaemonMIB.so beside this library, where the build tree and an install
 // both put it. (Load the library by its real path: its RUNPATH, $ORIGIN/.., finds the
 // platform libraries only from there, not through a symbolic link.)
@@ -256,78 +273,19 @@ std::string defaultModulePath() {
 
 void logLine(int priority, const std::string& line) { snmp_log(priority, "%s: %s\n", bridgeName, line.c_str()); }
 
-// The registrations in snmpd's registry, in every context, with a handler whose code lives
-// in the library file at `library`.
-std::vector<netsnmp_handler_registration*> registrationsInto(const std::string& library) {
-    std::vector<netsnmp_handler_registration*> found;
-    std::vector<std::pair<std::string, bool>> files;   // file name -> is the library
-    auto inLibrary = [&](Netsnmp_Node_Handler* fn) {
-        Dl_info info{};
-        if (!fn || !::dladdr(reinterpret_cast<void*>(fn), &info) || !info.dli_fname) return false;
-        for (const auto& [file, same] : files)
-            if (file == info.dli_fname) return same;
-        std::error_code ec;
-        const bool same = std::filesystem::equivalent(info.dli_fname, library, ec) && !ec;
-        files.emplace_back(info.dli_fname, same);
-        return same;
-    };
-    for (subtree_context_cache* c = get_top_context_cache(); c; c = c->next)
-        for (netsnmp_subtree* s = c->first_subtree; s; s = s->next)
-            for (netsnmp_subtree* t = s; t; t = t->children) {
-                netsnmp_handler_registration* reg = t->reginfo;
-                if (!reg || std::find(found.begin(), found.end(), reg) != found.end()) continue;
-                for (netsnmp_mib_handler* h = reg->handler; h; h = h->next)
-                    if (inLibrary(h->access_method)) {
-                        found.push_back(reg);
-                        break;
-                    }
-            }
-    return found;
-}
-
-// Stops the feed, withdraws the module from snmpd, unloads it and clears the state tree.
-// The module leaves its default-context tables registered when it leaves that context (an
-// agent that owns its process frees them in snmp_shutdown); snmpd runs on after the bridge
-// unloads the module (SIGHUP, the dlmod table), so every registration that still leads into
-// the module's code is removed here, before the code goes.
+// Stops serving: the notifier, the feed and the module withdrawn from snmpd, including
+// what it left registered (Host.h says who frees what), the module unloaded and the state
+// tree cleared, all before the module's code goes (snmpd runs on after SIGHUP).
 void stopServing(bool announce = true) {
-    if (!bridge || !bridge->host) return;
-    bridge->notifier.reset();
-    bridge->host->stopServing();
-    if (!bridge->modulePath.empty()) {
-        const auto left = registrationsInto(bridge->modulePath);
-        for (netsnmp_handler_registration* reg : left) {
-            // The module hands its default-context iterator, table and column information
-            // (calloc'd) to the agent library without the iterator's ownership flag: an
-            // agent that exits keeps them to the end. Unregistered here they would be lost,
-            // so the iterator's handler frees them with itself.
-            for (netsnmp_mib_handler* h = reg->handler; h; h = h->next)
-                if (h->handler_name && std::strcmp(h->handler_name, TABLE_ITERATOR_NAME) == 0 && h->myvoid && !h->data_free)
-                    h->data_free = [](void* p) {
-                        auto* iinfo = static_cast<netsnmp_iterator_info*>(p);
-                        if (iinfo->table_reginfo) {
-                            for (netsnmp_column_info* c = iinfo->table_reginfo->valid_columns; c;) {
-                                netsnmp_column_info* next = c->next;
-                                free(c);
-                                c = next;
-                            }
-                            iinfo->table_reginfo->valid_columns = nullptr;
-                        }
-                        netsnmp_iterator_delete_table(iinfo);
-                    };
-            netsnmp_unregister_handler(reg);
-        }
-        DEBUGMSGTL((bridgeName, "removed %u registrations the module left\n", static_cast<unsigned>(left.size())));
-    }
-    bridge->host->release();
-    bridge->host.reset();
-    bridge->modulePath.clear();
+    if (!bridge || !bridge->serving) return;
+    bridge->serving->release();
+    bridge->serving.reset();
     if (announce) logLine(LOG_INFO, "stopped serving");
 }
 
 // Starts serving with the settings read; on a bad one logs why and serves nothing.
 void startServing() {
-    if (!bridge || bridge->host) return;
+    if (!bridge || bridge->serving) return;
     const Settings& s = bridge->settings;
     if (s.stateFile.empty() && !s.systemdUnits) {
         logLine(LOG_ERR, std::string("no ") + stateFileToken + " line and no usable " + systemdToken +
@@ -343,32 +301,35 @@ void startServing() {
     const bool systemd = s.systemdUnits.has_value();
     const char* sourceToken = systemd ? systemdToken : stateFileToken;
     const bool defaultModule = s.modulePath.empty();
-    const std::string modulePath = defaultModule ? defaultModulePath() : s.modulePath;
 
-    bridge->host = std::make_unique<Agent::Host>([](Feed::Severity severity, const std::string& line) {
-        logLine(severity == Feed::Severity::error     ? LOG_ERR
-                : severity == Feed::Severity::warning ? LOG_WARNING
-                                                      : LOG_NOTICE,
-                line);
-    });
-    Agent::Host& host = *bridge->host;
+    Agent::Serving::Settings settings;
+    settings.source.stateFile = s.stateFile;
+    settings.source.systemd = systemd;
+    settings.source.units = s.systemdUnits.value_or("");
+    settings.source.launcher = s.launcher;
+    settings.modulePath = defaultModule ? defaultModulePath() : s.modulePath;
+    settings.contexts = s.contexts;
+    settings.notify = s.notify;
+    settings.notifyData = s.notifyData ? *s.notifyData : Agent::notifyDataKeys(Agent::defaultNotifyData(systemd));
+    bridge->serving = std::make_unique<Agent::Serving>(
+        std::move(settings),
+        [](Feed::Severity severity, const std::string& line) {
+            logLine(severity == Feed::Severity::error     ? LOG_ERR
+                    : severity == Feed::Severity::warning ? LOG_WARNING
+                                                          : LOG_NOTICE,
+                    line);
+        },
+        [](const std::string& line) { logLine(LOG_NOTICE, line); });
+    Agent::Serving& serving = *bridge->serving;
     try {
-        if (systemd) {
-            Feed::SystemdSource::Options o;
-            o.patterns = Feed::parseUnitPatterns(*s.systemdUnits);
-            o.settings = s.source;
-            host.loadState(std::make_unique<Feed::SystemdSource>(o));
-        } else {
-            host.loadState(std::make_unique<Feed::FileSource>(s.stateFile));
-        }
+        serving.loadState();
     } catch (const std::exception& e) {
         logLine(LOG_ERR, std::string(sourceToken) + ": " + e.what() + "; serving nothing");   // names the file or bus
         stopServing(false);
         return;
     }
-    bridge->modulePath = modulePath;   // from here on, what the module registers is withdrawn with it
     try {
-        host.loadModule(modulePath, s.contexts);
+        serving.loadModule();
     } catch (const std::exception& e) {
         // The message names the file.
         logLine(LOG_ERR, std::string(moduleToken) + (defaultModule ? " (not given; the default beside this library)" : "") +
@@ -377,31 +338,14 @@ void startServing() {
         return;
     }
     try {
-        host.startFeed();
-        host.runActivitiesFromSelectLoop();
+        serving.start(true);
     } catch (const std::exception& e) {
         logLine(LOG_ERR, std::string(sourceToken) + " " + (systemd ? *s.systemdUnits : s.stateFile) + ": cannot watch it: " +
                              e.what() + "; serving nothing");
         stopServing(false);
         return;
     }
-
-    // After the initial load: the state as loaded is what receivers are taken to know.
-    bridge->notifier = std::make_unique<Agent::Notifier>(host.mib(), s.notify,
-                                                         [](const std::string& line) { logLine(LOG_NOTICE, line); });
-    bridge->notifier->start();
-
-    std::string contexts;
-    for (const auto& c : s.contexts) contexts += (contexts.empty() ? "" : ", ") + c;
-    std::string from = s.stateFile;
-    if (systemd) {
-        from = "systemd (system bus " + Feed::SystemdSource::busAddressFor({}) + ", units " + *s.systemdUnits + ")";
-        if (!host.feed()->source().health().connected) from += ", not connected yet, trying again";
-    }
-    const std::size_t daemons = host.feed()->applied().size();
-    logLine(LOG_INFO, "serving VELMAR-DAEMON-MIB (" + Agent::subtreeText() + ") from " + from + " with " + modulePath +
-                          (contexts.empty() ? "" : " (also initialised in contexts " + contexts + ")") + ": " +
-                          std::to_string(daemons) + (daemons == 1 ? " daemon" : " daemons"));
+    logLine(LOG_INFO, serving.guestServingLine());
 }
 
 int onConfigRead(int, int, void*, void*) {
@@ -434,7 +378,8 @@ int onShutdown(int, int, void*, void*);
 void withdraw(bool inShutdownCallback) {
     if (!bridge || bridge->withdrawn) return;
     bridge->withdrawn = true;
-    for (const char* token : {stateFileToken, systemdToken, moduleToken, contextToken, traceToken, holddownToken, rateToken, commandLinesToken})
+    for (const char* token : {stateFileToken, systemdToken, moduleToken, contextToken, traceToken, holddownToken, rateToken,
+                              notifyDataToken, commandLinesToken})
         snmpd_unregister_config_handler(token);
     snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr, 1);
     if (!inShutdownCallback) snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_SHUTDOWN, onShutdown, nullptr, 1);
@@ -464,6 +409,7 @@ void init_velmar_daemon_mib(void) {
         snmpd_register_config_handler(traceToken, parseTrace, nullptr, "LEVELS (e.g. Snmp/0-2,8)");
         snmpd_register_config_handler(holddownToken, parseHolddown, nullptr, "MS (notification hold-down, default 1000)");
         snmpd_register_config_handler(rateToken, parseRate, nullptr, "N (notifications per second at most, default 100)");
+        snmpd_register_config_handler(notifyDataToken, parseNotifyData, nullptr, "KEYS (data keys a running change carries)");
         snmpd_register_config_handler(commandLinesToken, parseCommandLines, nullptr, "yes|no (whole command lines, default no)");
         // No client argument: the library frees client arguments with free() when it clears
         // its callbacks.

@@ -18,7 +18,7 @@ private:
 class ModelWatch::ConfigWatch : public GenericAgent::Config::NotifieeConst {
 public:
     ConfigWatch(ModelWatch* owner, std::string name) : owner_(owner), name_(std::move(name)) {}
-    void onEnabled() override { owner_->markDirty(name_); }
+    void onEnabled() override { owner_->flagChanged(name_, false); }
 
 private:
     ModelWatch* owner_;
@@ -28,7 +28,7 @@ private:
 class ModelWatch::StatusWatch : public GenericAgent::Status::NotifieeConst {
 public:
     StatusWatch(ModelWatch* owner, std::string name) : owner_(owner), name_(std::move(name)) {}
-    void onRunning() override { owner_->markDirty(name_); }
+    void onRunning() override { owner_->flagChanged(name_, true); }
 
 private:
     ModelWatch* owner_;
@@ -108,6 +108,7 @@ std::vector<std::pair<std::string, DaemonFlags>> ModelWatch::start() {
         d.told = flagsNow(name, d);
         now.emplace_back(name, d.told);
     }
+    if (listener_) listener_->baselineIs(now);
     return now;
 }
 
@@ -130,6 +131,13 @@ void ModelWatch::rowChanged(const std::string& name) {
     markDirty(name);
 }
 
+void ModelWatch::flagChanged(const std::string& name, bool running) {
+    if (!started_) return;
+    auto it = daemons_.find(name);
+    if (it != daemons_.end()) ++(running ? it->second.seen.running : it->second.seen.enabled);
+    markDirty(name);
+}
+
 void ModelWatch::markDirty(const std::string& name) {
     if (!started_) return;
     const bool first = dirty_.empty();
@@ -147,9 +155,14 @@ void ModelWatch::flush() {
         Daemon& d = it->second;
         const DaemonFlags now = flagsNow(name, d);
         const bool first = !d.told.present && now.present;
+        const FlagChanges seen = d.seen;
+        d.seen = FlagChanges{};
         if (now != d.told || first) {
             d.told = now;
+            if (listener_) listener_->changed(name, now, seen);
             if (changed_) changed_(name, now);
+        } else if (listener_ && (seen.running || seen.enabled)) {
+            listener_->changed(name, now, seen);   // changed and changed back
         }
         if (!now.present && !mib_->runningTable(Snmp::String(name))) {
             // Gone: nothing of it is left to watch.

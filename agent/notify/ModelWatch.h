@@ -21,6 +21,7 @@
 #include "GenericAgent/GenericAgentSnmp.h"
 #include "launcher/AgentState.h"
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <set>
@@ -29,6 +30,31 @@
 #include <vector>
 
 namespace Agent {
+
+// How often a daemon's flags were set to a new value since the watch last told about it:
+// a writer that stops and starts a daemon before it is done leaves the flags as they were
+// and still changed them twice.
+struct FlagChanges {
+    std::uint32_t running = 0;
+    std::uint32_t enabled = 0;
+};
+
+// Something else that hears what a ModelWatch tells (the daemon history): the state at
+// start, then each change, always before the watch's own callback, so that what the
+// callback does (a notification) can rely on the listener being up to date.
+class ModelListener {
+public:
+    // The state as it was when the watch started, in name order: nothing changed.
+    virtual void baselineIs(const std::vector<std::pair<std::string, DaemonFlags>>& daemons) = 0;
+    // One daemon's flags differ from what was told before (or it appeared, or went), or
+    // were changed and changed back (the callback hears nothing of those). seen counts the
+    // changes of each flag on the daemon's Config and Status objects; a flag that differs
+    // only because the writer replaced the object counts none there.
+    virtual void changed(const std::string& daemon, const DaemonFlags& flags, const FlagChanges& seen) = 0;
+
+protected:
+    ~ModelListener() = default;
+};
 
 class ModelWatch {
 public:
@@ -48,6 +74,10 @@ public:
     void stop();
     bool started() const noexcept { return started_; }
 
+    // Also tells listener (not owned; null: none) the baseline at start() and every change
+    // before the callback. Set it before start(); it must outlive the watch or be reset.
+    void listenerIs(ModelListener* listener) noexcept { listener_ = listener; }
+
     // Tells what was collected now (the activity loop does it otherwise).
     void flush();
     // Daemons with a change collected and not yet told.
@@ -64,15 +94,18 @@ private:
         Orbel::Ptr<ConfigWatch> config;
         Orbel::Ptr<StatusWatch> status;
         DaemonFlags told;
+        FlagChanges seen;   // since last told
     };
 
     void rowChanged(const std::string& name);
     void markDirty(const std::string& name);
+    void flagChanged(const std::string& name, bool running);
     DaemonFlags flagsNow(const std::string& name, const Daemon& d) const;
     Daemon& follow(const std::string& name);
 
     Orbel::Ptr<GenericAgent::DaemonMib> mib_;
     Changed changed_;
+    ModelListener* listener_ = nullptr;
     Orbel::Ptr<MibWatch> mibWatch_;
     Orbel::Ptr<Flush> flush_;
     std::map<std::string, Daemon> daemons_;

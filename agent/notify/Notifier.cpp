@@ -27,6 +27,10 @@ constexpr oid snmpTrapOid[] = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
 // (velmarDaemonStatus.1.1.2): the value columns of the two tables indexed by name alone.
 constexpr oid enabledColumn[] = {1, 1, 1, 2};
 constexpr oid runningColumn[] = {2, 1, 1, 2};
+// velmarDaemonRunningChanges (velmarDaemonStatus.3.1.2), indexed by name alone, and
+// velmarDaemonDataValue (velmarDaemonStatus.2.1.3), indexed by name and data key.
+constexpr oid runningChangesColumn[] = {2, 3, 1, 2};
+constexpr oid dataValueColumn[] = {2, 2, 1, 3};
 
 constexpr long truthValue(bool b) { return b ? 1 : 2; }
 
@@ -51,6 +55,11 @@ std::vector<oid> instance(const oid (&column)[4], const std::string& daemon) {
     return o;
 }
 
+void appendString(std::vector<oid>& o, const std::string& s) {
+    o.push_back(s.size());
+    for (unsigned char c : s) o.push_back(c);
+}
+
 void addTruth(netsnmp_variable_list** list, const std::vector<oid>& name, bool value) {
     const long v = truthValue(value);
     snmp_varlist_add_variable(list, name.data(), name.size(), ASN_INTEGER, reinterpret_cast<const u_char*>(&v), sizeof v);
@@ -58,7 +67,9 @@ void addTruth(netsnmp_variable_list** list, const std::vector<oid>& name, bool v
 
 } // namespace
 
-netsnmp_variable_list* Notifier::varbinds(const Notification& n) {
+netsnmp_variable_list* Notifier::varbinds(const Notification& n) { return varbinds(n, Extras{}); }
+
+netsnmp_variable_list* Notifier::varbinds(const Notification& n, const Extras& extras) {
     netsnmp_variable_list* list = nullptr;
     const std::vector<oid> trap = notificationOid(n.kind);
     snmp_varlist_add_variable(&list, snmpTrapOid, sizeof snmpTrapOid / sizeof snmpTrapOid[0], ASN_OBJECT_ID,
@@ -72,7 +83,40 @@ netsnmp_variable_list* Notifier::varbinds(const Notification& n) {
         addTruth(&list, running, n.running);
         addTruth(&list, enabled, n.enabled);
     }
+    if (n.kind != NotificationKind::runningChange) return list;
+    if (extras.runningChanges) {
+        const std::vector<oid> name = instance(runningChangesColumn, n.daemon);
+        const u_long v = *extras.runningChanges;
+        snmp_varlist_add_variable(&list, name.data(), name.size(), ASN_COUNTER, reinterpret_cast<const u_char*>(&v), sizeof v);
+    }
+    for (const auto& [key, value] : extras.data) {
+        std::vector<oid> name = instance(dataValueColumn, n.daemon);
+        appendString(name, key);
+        snmp_varlist_add_variable(&list, name.data(), name.size(), ASN_OCTET_STR,
+                                  reinterpret_cast<const u_char*>(value.data()), value.size());
+    }
     return list;
+}
+
+Notifier::Extras Notifier::extras(const Notification& n) const {
+    Extras e;
+    if (n.kind != NotificationKind::runningChange) return e;
+    const Snmp::String name(n.daemon);
+    if (runningChanges_) e.runningChanges = runningChanges_(n.daemon);
+    for (const std::string& key : dataKeys_) {
+        // Keys the SNMP index cannot carry have no row to name.
+        if (key.empty() || key.size() > GenericAgent::maxIndexKeyBytes) continue;
+        auto row = mib_->dataTable(GenericAgent::DataTableIndex(name, Snmp::String(key)));
+        if (!row || !row->agentStatus()) continue;
+        const GenericAgent::AgentVal v = row->val();
+        if (!v.empty()) e.data.emplace_back(key, v.stdString());
+    }
+    return e;
+}
+
+void Notifier::historyIs(ModelListener* history, RunningChanges runningChanges) {
+    watch_.listenerIs(history);
+    runningChanges_ = std::move(runningChanges);
 }
 
 Notifier::Notifier(Orbel::Ptr<GenericAgent::DaemonMib> mib, NotifyScheduler::Settings settings, Log log)
@@ -108,7 +152,7 @@ void Notifier::changed(const std::string& daemon, const DaemonFlags& flags) {
 
 void Notifier::send(const Notification& n) {
     DEBUGMSGTL((debugToken, "%s: %s (enabled %d, running %d)\n", n.daemon.c_str(), kindName(n.kind), n.enabled, n.running));
-    netsnmp_variable_list* list = varbinds(n);
+    netsnmp_variable_list* list = varbinds(n, extras(n));
     send_v2trap(list);   // copies the list
     snmp_free_varbind(list);
 }

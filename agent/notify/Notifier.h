@@ -27,6 +27,8 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace Agent {
 
@@ -47,6 +49,24 @@ public:
     void stop();
     bool started() const noexcept { return scheduler_.has_value(); }
 
+    // A daemon's count of running changes (velmarDaemonRunningChanges); empty: it has none.
+    using RunningChanges = std::function<std::optional<std::uint32_t>(const std::string& daemon)>;
+    // The history to keep up to date and to read from: history (not owned; null: none) hears
+    // the state at start and every change before a notification is decided, and a running
+    // change carries what runningChanges says of the daemon. Set before start(); history
+    // must outlive the notifier's listening (stop()).
+    void historyIs(ModelListener* history, RunningChanges runningChanges);
+    // Data keys whose values a running change carries (velmarDaemonDataValue instances), for
+    // each key the daemon has a value of, in the order given: why it stopped, told at once.
+    void dataKeysIs(std::vector<std::string> keys) { dataKeys_ = std::move(keys); }
+    const std::vector<std::string>& dataKeys() const noexcept { return dataKeys_; }
+
+    // What a running change carries beyond the flags.
+    struct Extras {
+        std::optional<std::uint32_t> runningChanges;                // velmarDaemonRunningChanges
+        std::vector<std::pair<std::string, std::string>> data;      // data key, value
+    };
+
     // Notifications handed to Net-SNMP since start.
     std::uint64_t sent() const noexcept { return scheduler_ ? scheduler_->sent() : 0; }
     // Daemons whose notification waits for the budget.
@@ -56,6 +76,11 @@ public:
     // then the daemon's running and enabled instances (TruthValue) in the order the MIB's
     // OBJECTS clause names them. The caller frees the list (snmp_free_varbind).
     static netsnmp_variable_list* varbinds(const Notification& n);
+    // The same, and for a running change then the extras: velmarDaemonRunningChanges
+    // (Counter32) and the velmarDaemonDataValue instances, in that order.
+    static netsnmp_variable_list* varbinds(const Notification& n, const Extras& extras);
+    // The extras of n as the model and the history hold them now.
+    Extras extras(const Notification& n) const;
 
 private:
     void changed(const std::string& daemon, const DaemonFlags& flags);
@@ -69,6 +94,8 @@ private:
     NotifyScheduler::Settings settings_;
     Log log_;
     ModelWatch watch_;
+    RunningChanges runningChanges_;
+    std::vector<std::string> dataKeys_;
     std::optional<NotifyScheduler> scheduler_;
     unsigned int tickAlarm_ = 0;   // the next tick of the scheduler (0: none)
     unsigned int logAlarm_ = 0;    // the once-a-second queue report (0: none)

@@ -396,7 +396,7 @@ class ListeningTest(unittest.TestCase):
 
 
 class V3OnlyTest(unittest.TestCase):
-    """The v3-only configuration of the README (authPriv, SHA-256 and AES): everything else is
+    """The v3-only configuration of docs/operations.md (authPriv, SHA-256 and AES): everything else is
     refused, communities included."""
 
     @classmethod

@@ -25,28 +25,8 @@ QUICK = ["-t", "1", "-r", "0"]  # tool options for polling: fail fast while no o
 
 
 def mixed_state(seed, daemons=30):
-    """Names and keys of mixed lengths and bytes, so that shorter-first order matters."""
-    rng = random.Random(seed)
-    alphabet = ["a", "b", "z", "A", "0", "-", "_", ".", "\u0001", "\u007f", "\u00e9", "\u20ac"]
-
-    def word(lo, hi, limit):
-        while True:
-            w = "".join(rng.choice(alphabet) for _ in range(rng.randint(lo, hi)))
-            if 1 <= len(w.encode()) <= limit:
-                return w
-
-    state = {"daemons": {}}
-    for _ in range(daemons):
-        d = {}
-        if rng.random() < 0.85:
-            d["config"] = {"enabled": rng.random() < 0.6,
-                           "options": {word(0, 16, 64): word(1, 24, 1024) for _ in range(rng.randint(0, 5))}}
-        if rng.random() < 0.85:
-            d["status"] = {"running": rng.random() < 0.5,
-                           "data": {word(0, 16, 64): word(1, 24, 1024) for _ in range(rng.randint(0, 5))}}
-        state["daemons"][word(1, 12, 32)] = d
-    state["daemons"]["n" * 32] = {"config": {"enabled": True, "options": {"k" * 64: "v" * 2000, "": "empty key"}},
-                                  "status": {"running": True, "data": {"pid": "1"}}}
+    """The harness's mixed state with shorter values (the edge value 2,000 bytes), and bgpd."""
+    state = h.mixed_state(seed, daemons, key_bytes=16, value_chars=24, keys=5, edge_value=2000)
     state["daemons"]["bgpd"] = {"config": {"enabled": True, "options": {"asn": "65001"}},
                                 "status": {"running": True, "data": {"pid": "4242"}}}
     return state

@@ -13,38 +13,11 @@ import unittest
 import velmar_harness as h
 
 
-def mixed_state(rng, daemons=40):
-    """Names and keys of mixed lengths and bytes, so that shorter-first order matters."""
-    alphabet = ["a", "b", "z", "A", "0", "-", "_", ".", "\u0001", "\u007f", "\u00e9", "\u20ac"]
-
-    def word(lo, hi, limit):
-        while True:
-            w = "".join(rng.choice(alphabet) for _ in range(rng.randint(lo, hi)))
-            if 1 <= len(w.encode()) <= limit:
-                return w
-
-    state = {"daemons": {}}
-    for _ in range(daemons):
-        name = word(1, 12, 32)
-        d = {}
-        if rng.random() < 0.85:
-            d["config"] = {"enabled": rng.random() < 0.6,
-                           "options": {word(0, 20, 64): word(1, 30, 10240) for _ in range(rng.randint(0, 6))}}
-        if rng.random() < 0.85:
-            d["status"] = {"running": rng.random() < 0.5,
-                           "data": {word(0, 20, 64): word(1, 30, 10240) for _ in range(rng.randint(0, 6))}}
-        state["daemons"][name] = d
-    # Edge lengths: a 32-byte name, a 64-byte key, a 10240-byte value, an empty key.
-    state["daemons"]["n" * 32] = {"config": {"enabled": True, "options": {"k" * 64: "v" * 10240, "": "empty key"}},
-                                  "status": {"running": True, "data": {"pid": "1"}}}
-    return state
-
-
 FIXTURES = {
     "empty": lambda rng: {"daemons": {}},
     "one": lambda rng: {"daemons": {"bgpd": {"config": {"enabled": True, "options": {"asn": "65001"}},
                                              "status": {"running": True, "data": {"pid": "4242"}}}}},
-    "many": lambda rng: mixed_state(rng),
+    "many": lambda rng: h.mixed_state(rng),
 }
 
 
@@ -121,10 +94,13 @@ class MasterAgentTest(unittest.TestCase):
         # Past the option table's last row: the running table's first row.
         rc, got, err = h.get(agent.port, [rows["option"][-1][0]], tool="snmpgetnext")
         self.assertEqual(got, [rows["running"][0]])
-        # Past the last row of the last table: the feed's first health object, and past the
-        # last of those out of the daemon MIB (to the SNMP engine's objects, or the end of
-        # the agent's view).
+        # Past the last row of the last table: the history's first instance; past the history,
+        # the feed's first health object; and past the last of those out of the daemon MIB (to
+        # the SNMP engine's objects, or the end of the agent's view).
         rc, out, err = h.run_tool("snmpgetnext", h.common_args(agent.port) + [h.oid_str(rows["data"][-1][0])])
+        first_name = sorted(self.states["many"]["daemons"], key=lambda n: (len(n.encode()), n.encode()))[0]
+        self.assertTrue(out.startswith(h.oid_str(h.HISTORY + (1, 2) + h.index_of(first_name)) + " = Counter32: 0"), out)
+        rc, out, err = h.run_tool("snmpgetnext", h.common_args(agent.port) + [h.oid_str(h.HISTORY + (1, 5, 255))])
         self.assertTrue(out.startswith(h.oid_str(h.FEED + (1, 0)) + " = "), out)
         rc, out, err = h.run_tool("snmpgetnext", h.common_args(agent.port) + [h.oid_str(h.FEED + (14, 0))])
         self.assertEqual(rc, 0, err)

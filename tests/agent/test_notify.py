@@ -54,12 +54,30 @@ def truth(b):
     return h.TRUE if b else h.FALSE
 
 
-def expected_varbinds(kind, name, enabled, running):
-    """What follows sysUpTime.0: snmpTrapOID.0, then the two flags in the MIB's OBJECTS order."""
+def running_changes_oid(name):
+    return h.HISTORY + (1, h.HISTORY_COLUMNS["runningChanges"]) + h.index_of(name)
+
+
+def data_value_oid(name, key):
+    return h.TABLES["data"][0] + (1, 3) + h.index_of(name, key)
+
+
+def _running_change_count(kind, changes):
+    if kind == RUNNING_CHANGE and changes is None:
+        raise ValueError("a running change carries the daemon's count of running changes: say which")
+    return kind == RUNNING_CHANGE
+
+
+def expected_varbinds(kind, name, enabled, running, changes=None, data=()):
+    """What follows sysUpTime.0: snmpTrapOID.0, then the two flags in the MIB's OBJECTS order;
+    for a running change then velmarDaemonRunningChanges and the chosen data values."""
     flags = [(running_oid(name), truth(running)), (enabled_oid(name), truth(enabled))]
     if kind == ENABLED_CHANGE:
         flags.reverse()
-    return [(SNMP_TRAP_OID, kind)] + flags
+    extra = []
+    if _running_change_count(kind, changes):
+        extra = [(running_changes_oid(name), changes)] + [(data_value_oid(name, k), v) for k, v in data]
+    return [(SNMP_TRAP_OID, kind)] + flags + extra
 
 
 # --- snmptrapd ---------------------------------------------------------------------------
@@ -109,14 +127,19 @@ class Trapd(h.Process):
         return out
 
 
-def trapd_named(kind, name, enabled, running):
+def trapd_named(kind, name, enabled, running, changes=None, data=()):
     """The varbinds as snmptrapd prints them with the MIB loaded (after sysUpTime.0)."""
     tv = lambda b: "INTEGER: true(1)" if b else "INTEGER: false(2)"
     flags = [('VELMAR-DAEMON-MIB::velmarDaemonRunning."%s"' % name, tv(running)),
              ('VELMAR-DAEMON-MIB::velmarDaemonEnabled."%s"' % name, tv(enabled))]
     if kind == ENABLED_CHANGE:
         flags.reverse()
-    return [("SNMPv2-MIB::snmpTrapOID.0", "OID: VELMAR-DAEMON-MIB::" + NAMES[kind])] + flags
+    extra = []
+    if _running_change_count(kind, changes):
+        extra = [('VELMAR-DAEMON-MIB::velmarDaemonRunningChanges."%s"' % name, "Counter32: %d" % changes)]
+        extra += [('VELMAR-DAEMON-MIB::velmarDaemonDataValue."%s"."%s"' % (name, k), 'STRING: %s' % v)
+                  for k, v in data]
+    return [("SNMPv2-MIB::snmpTrapOID.0", "OID: VELMAR-DAEMON-MIB::" + NAMES[kind])] + flags + extra
 
 
 # --- the pysnmp receiver -----------------------------------------------------------------
@@ -220,10 +243,10 @@ class MasterNotifyTest(NotifyTestBase):
         agent = self.start_agent(sinks)
         # Four kinds of change, each of a different daemon: all go out at once.
         steps = [
-            (lambda d: d["bgpd"]["status"].update(running=False), (RUNNING_CHANGE, "bgpd", True, False)),
+            (lambda d: d["bgpd"]["status"].update(running=False), (RUNNING_CHANGE, "bgpd", True, False, 1)),
             (lambda d: d["ntpd"]["config"].update(enabled=True), (ENABLED_CHANGE, "ntpd", True, False)),
             (lambda d: d.update(ospfd={"config": {"enabled": True}, "status": {"running": True}}),
-             (RUNNING_CHANGE, "ospfd", True, True)),
+             (RUNNING_CHANGE, "ospfd", True, True, 0)),   # new: its row starts at 0
             (lambda d: d.pop("sshd"), (GONE, "sshd", True, True)),
         ]
         for i, (mutate, expected) in enumerate(steps):
@@ -289,7 +312,7 @@ class MasterNotifyTest(NotifyTestBase):
         # The receiver does hear a real change.
         self.change(lambda d: d["ntpd"]["status"].update(running=True))
         got = self.wait_count(trapd, 1)
-        self.assertEqual(got[0][1][1:], trapd_named(RUNNING_CHANGE, "ntpd", False, True))
+        self.assertEqual(got[0][1][1:], trapd_named(RUNNING_CHANGE, "ntpd", False, True, 1))
 
     def test_bad_hold_down_or_rate_values_are_refused_naming_the_option(self):
         for option, value in (("--notify-rate", "0"), ("--notify-rate", "many"), ("--notify-holddown", "-1")):
@@ -304,9 +327,13 @@ class MasterNotifyTest(NotifyTestBase):
         agent = self.start_agent(["trap2sink udp:127.0.0.1:%d public" % trapd.port])
         running = True
         start = time.time()
+        counted = h.HISTORY + (1, h.HISTORY_COLUMNS["runningChanges"]) + h.index_of("bgpd")
         for i in range(100):
             running = not running
             self.change(lambda d: d["bgpd"]["status"].update(running=running))
+            # Each flip applied before the next: the history has counted it.
+            self.assertTrue(wait_until(lambda: h.get(agent.port, [counted])[1] == [(counted, "Counter32: %d" % (i + 1))],
+                                       5.0, step=0.01), "flip %d not applied" % (i + 1))
             time.sleep(max(0.0, start + (i + 1) * 0.1 - time.time()))
         final = running
         # The last window ends at most a hold-down (1 s) after the last change.
@@ -316,7 +343,16 @@ class MasterNotifyTest(NotifyTestBase):
         self.assertLessEqual(len(got), 11, "%d notifications for 100 flips in 10 s" % len(got))
         for _, vars_ in got:
             self.assertEqual(vars_[1][1], "OID: VELMAR-DAEMON-MIB::velmarDaemonRunningChange")
-        self.assertEqual(got[-1][1][1:], trapd_named(RUNNING_CHANGE, "bgpd", True, final), "the last carries the final state")
+        last = got[-1][1][1:]
+        self.assertEqual(last[:3], trapd_named(RUNNING_CHANGE, "bgpd", True, final, 0)[:3], "the last carries the final state")
+        # ...and the count as it was when it was sent: flips after it that came back to the
+        # same state sent nothing, so it may be below 100, but only by an even number.
+        name, value = last[3]
+        self.assertEqual(name, 'VELMAR-DAEMON-MIB::velmarDaemonRunningChanges."bgpd"')
+        sent_count = int(value.split(":")[1])
+        self.assertTrue(0 < sent_count <= 100 and sent_count % 2 == 0, value)
+        # The counter has every flip: a poller sees 100 changes where the notifications said fewer.
+        self.assertEqual(h.get(agent.port, [counted])[1], [(counted, "Counter32: 100")])
 
     def test_a_storm_beyond_the_budget_is_queued_and_every_final_state_arrives(self):
         trapd = self.keep(Trapd(self.tmp.path))
@@ -412,7 +448,7 @@ class SnmpdNotifyTest(NotifyTestBase):
         self.assertTrue(wait_until(lambda: h.walk(self.processes[1].port, h.TABLES["running"][0]), 10.0))
         self.change(lambda d: d["sshd"]["status"].update(running=False))
         got = self.wait_count(trapd, 1)
-        self.assertEqual(got[0][1][1:], trapd_named(RUNNING_CHANGE, "sshd", True, False))
+        self.assertEqual(got[0][1][1:], trapd_named(RUNNING_CHANGE, "sshd", True, False, 1))
         self.assertTrue(agent.alive())
 
     def test_the_dlmod_bridge_notifies_through_snmpds_sinks(self):
@@ -426,7 +462,7 @@ class SnmpdNotifyTest(NotifyTestBase):
         self.assertEqual(trapd.notifications(), [], "the initial load sends nothing")
         self.change(lambda d: d["bgpd"]["status"].update(running=False))
         got = self.wait_count(trapd, 1)
-        self.assertEqual(got[0][1][1:], trapd_named(RUNNING_CHANGE, "bgpd", True, False))
+        self.assertEqual(got[0][1][1:], trapd_named(RUNNING_CHANGE, "bgpd", True, False, 1))
         self.assertEqual(snmpd.trouble(), [])
 
     def test_the_dlmod_bridge_takes_hold_down_and_rate_from_snmpd_conf(self):
@@ -444,7 +480,7 @@ class SnmpdNotifyTest(NotifyTestBase):
         self.assertEqual(len(trapd.notifications()), 1, trapd.notifications())
         # ...and at its end the final state.
         got = self.wait_count(trapd, 2)
-        self.assertEqual(got[1][1][1:], trapd_named(RUNNING_CHANGE, "bgpd", True, True))
+        self.assertEqual(got[1][1][1:], trapd_named(RUNNING_CHANGE, "bgpd", True, True, 2))
         self.assertEqual(snmpd.trouble(), [])
 
     def test_the_dlmod_bridge_refuses_a_bad_rate_naming_it(self):

@@ -61,6 +61,12 @@ FEED_METRICS = {
     "velmarFeedReloads": "counter", "velmarFeedRefusals": "counter", "velmarFeedSkippedNow": "gauge",
     "velmarFeedSkipped": "counter", "velmarFeedLastSkip": "DisplayString",
 }
+# The daemons' history: metric name, its type in snmp.yml and its column.
+HISTORY_METRICS = {
+    "velmarDaemonRunningChanges": ("counter", 2), "velmarDaemonEnabledChanges": ("counter", 3),
+    "velmarDaemonLastRunningChange": ("gauge", 4), "velmarDaemonLastEnabledChange": ("gauge", 5),
+    "velmarDaemonLastRunningChangeTime": ("DateAndTime", 6),
+}
 NUMBER = re.compile(r"[-+]?[0-9]+(\.[0-9]+)?([eE][-+]?[0-9]+)?")
 
 _SAMPLE = re.compile(r'^([A-Za-z_:][A-Za-z0-9_:]*)(?:\{(.*)\})? (\S+)$')
@@ -157,7 +163,9 @@ def expected_samples(state):
 
 
 def served_samples(samples):
-    return {(n, frozenset(l.items())): v for n, l, v in samples if n.startswith("velmarDaemon")}
+    """The samples of the four tables (the history has its own test)."""
+    return {(n, frozenset(l.items())): v for n, l, v in samples
+            if n.startswith("velmarDaemon") and n not in HISTORY_METRICS}
 
 
 def require_tools(test):
@@ -167,7 +175,7 @@ def require_tools(test):
 
 
 class ConfigTest(unittest.TestCase):
-    """snmp.yml is the generator's output for generator.yml, and says what the README says."""
+    """snmp.yml is the generator's output for generator.yml, and says what docs/prometheus.md says."""
 
     def setUp(self):
         require_tools(self)
@@ -185,15 +193,21 @@ class ConfigTest(unittest.TestCase):
             committed = f.read()
         self.assertEqual(committed, generated, "prometheus/snmp.yml is stale: run prometheus/generate")
 
-    def test_module_walks_the_four_tables_and_the_feed_with_one_daemon_label(self):
+    def test_module_walks_the_tables_the_history_and_the_feed_with_one_daemon_label(self):
         with open(SNMP_YML, encoding="utf-8") as f:
             text = f.read()
         self.assertTrue(text.startswith("# WARNING: This file was auto-generated"), text[:200])
         self.assertIn("\n%s:\n" % MODULE, "\n" + text)
         walks = re.findall(r"^  - (\S+)$", text.split("  metrics:")[0], re.M)
-        self.assertEqual(walks, [h.oid_str(sub)[1:] for sub, _, _ in h.TABLES.values()] + [h.oid_str(h.FEED)[1:]])
+        self.assertEqual(walks, [h.oid_str(sub)[1:] for sub, _, _ in h.TABLES.values()] +
+                         [h.oid_str(h.HISTORY)[1:], h.oid_str(h.FEED)[1:]])
         names = re.findall(r"^  - name: (\S+)$", text, re.M)
-        self.assertEqual(sorted(names), sorted(list(METRICS) + list(FEED_METRICS)))
+        self.assertEqual(sorted(names), sorted(list(METRICS) + list(HISTORY_METRICS) + list(FEED_METRICS)))
+        for metric, (kind, col) in HISTORY_METRICS.items():
+            block = text.split("  - name: %s\n" % metric, 1)[1].split("\n  - name: ", 1)[0]
+            self.assertIn("    type: %s\n" % kind, block)
+            self.assertIn("    oid: %s\n" % h.oid_str(h.HISTORY + (1, col))[1:], block)
+            self.assertEqual(re.findall(r"- labelname: (\S+)\n      type: DisplayString", block), ["daemon"], block)
         for metric, kind in FEED_METRICS.items():
             block = text.split("  - name: %s\n" % metric, 1)[1].split("\n  - name: ", 1)[0]
             self.assertIn("    type: %s\n" % kind, block)
@@ -310,6 +324,30 @@ class ScrapeTest(unittest.TestCase):
             time.sleep(0.1)
         self.assertEqual(got["velmarFeedState"], 2.0, self.diagnostics())
         self.assertEqual(got["velmarFeedRefusals"], 1.0)
+
+    def test_history_arrives_as_counters_and_the_last_change_as_gauges(self):
+        def history():
+            return {(n, l["daemon"]): v for n, l, v in self.exporter.scrape(self.agent.port) if n in HISTORY_METRICS}
+        got = history()
+        for name in self.state["daemons"]:
+            for metric in ("velmarDaemonRunningChanges", "velmarDaemonEnabledChanges", "velmarDaemonLastRunningChange",
+                           "velmarDaemonLastEnabledChange"):
+                self.assertEqual(got[(metric, name)], 0.0, (metric, name))
+            self.assertNotIn(("velmarDaemonLastRunningChangeTime", name), got)   # no change yet: no sample
+        # bgpd stops and starts again: two changes, counted whatever the scrapes saw.
+        for running in (False, True):
+            s = copy.deepcopy(self.state)
+            s["daemons"]["bgpd"]["status"]["running"] = running
+            h.write_state(self.path, s)
+            time.sleep(0.3)
+        deadline = time.time() + 5.0
+        while time.time() < deadline and got.get(("velmarDaemonRunningChanges", "bgpd")) != 2.0:
+            time.sleep(0.1)
+            got = history()
+        self.assertEqual(got[("velmarDaemonRunningChanges", "bgpd")], 2.0, self.diagnostics())
+        self.assertEqual(got[("velmarDaemonRunningChanges", "ntpd")], 0.0)
+        self.assertGreater(got[("velmarDaemonLastRunningChange", "bgpd")], 0.0)
+        self.assertLess(abs(got[("velmarDaemonLastRunningChangeTime", "bgpd")] - time.time()), 60.0)   # a Unix time
 
     def test_changed_option_shows_in_the_next_scrape(self):
         self.scrape()

@@ -7,7 +7,9 @@ Where the machine allows a private mount namespace (root, or unprivileged user
 namespaces), they run with a private, empty tmpfs on /tmp and TMPDIR inside it, so that
 whatever anything writes to /tmp, by TMPDIR or by a fixed path, is seen, and nothing of
 other users of the machine's /tmp is: afterwards /tmp must hold only the TMPDIR directory,
-and that must be empty.  Elsewhere only a fresh TMPDIR is checked (said on standard output).
+and that must be empty.  Elsewhere only a fresh TMPDIR is checked (said on standard output),
+and so it is when the clone or its build lives under /tmp, which a private tmpfs there would
+hide from the tests.
 """
 
 import os
@@ -46,9 +48,24 @@ exit $status
 '''
 
 
+def tree_under_tmp():
+    """The first of the clone's and the build's paths that lies under /tmp, or None."""
+    paths = [os.path.join(HERE, "..", "..")] + [v for k, v in os.environ.items()
+                                                if k.startswith("VELMAR_") and v.startswith("/")]
+    for p in paths:
+        real = os.path.realpath(p)
+        if real == "/tmp" or real.startswith("/tmp/"):
+            return real
+    return None
+
+
 def namespace_prefix():
     """The unshare command that gives a private mount namespace here, or None."""
     if not shutil.which("unshare"):
+        return None
+    under = tree_under_tmp()
+    if under:
+        print("the tree is under /tmp (%s): a private tmpfs on /tmp would hide it" % under)
         return None
     for prefix in (["unshare", "--mount", "--propagation", "private"],
                    ["unshare", "--user", "--map-root-user", "--mount", "--propagation", "private"]):

@@ -3,10 +3,21 @@ queries it with the Net-SNMP command-line tools and with pysnmp, and derives the
 rows of the four tables from a state file independently of the agent's own code.
 
 Every process started here is stopped by process id; every wait is bounded.
+
+Clean-up has one style: a test case derives from AgentCase (a temporary directory and a
+state file per test, every process it starts stopped at the end), and code outside a test
+case uses the context managers:
+
+    with h.TempDir() as tmp, h.Agent(tmp.file("state.json")) as agent:
+        ...
+
+free_port and mixed_state serve bench/ too.
 """
 
+import contextlib
 import json
 import os
+import random
 import shutil
 import signal
 import socket
@@ -14,6 +25,7 @@ import subprocess
 import tempfile
 import threading
 import time
+import unittest
 
 ENTERPRISE = int(os.environ.get("VELMAR_ENTERPRISE_NUMBER", "32473"))
 ROOT = (1, 3, 6, 1, 4, 1, ENTERPRISE, 3, 17)
@@ -33,20 +45,30 @@ FEED_OBJECTS = {
     "daemons": 8, "rows": 9, "reloads": 10, "refusals": 11, "skippedNow": 12, "skipped": 13, "lastSkip": 14,
 }
 FEED_STATES = {"ok": 1, "refused": 2, "gone": 3, "busLost": 4, "notLoaded": 5}
+# The daemon history (velmarDaemonHistoryTable), also served beside the four tables and also
+# left out of a walk of ROOT by walk() and pysnmp_walk().
+HISTORY = ROOT + (2, 3)
+HISTORY_COLUMNS = {"runningChanges": 2, "enabledChanges": 3, "lastRunningChange": 4, "lastEnabledChange": 5,
+                   "lastRunningChangeTime": 6}
+BESIDE = (FEED, HISTORY)
+
+
+def _beside(oid):
+    return any(tuple(oid[:len(b)]) == b for b in BESIDE)
 
 
 def without_feed(rows):
-    """rows ([(oid, value)]) without the feed's health scalars."""
-    return [r for r in rows if tuple(r[0][:len(FEED)]) != FEED]
+    """rows ([(oid, value)]) without the feed's health scalars and the history table."""
+    return [r for r in rows if not _beside(r[0])]
 
 
 def without_feed_text(out):
-    """snmpwalk -On output without the lines of the feed's health scalars."""
-    prefix = oid_str(FEED) + "."
+    """snmpwalk -On output without the lines of the feed's health scalars and the history."""
+    prefixes = tuple(oid_str(b) + "." for b in BESIDE)
     kept, keep = [], True
     for line in out.splitlines(True):
         if line.startswith("."):
-            keep = not line.startswith(prefix)
+            keep = not line.startswith(prefixes)
         if keep:   # a value's continuation lines go with its first line
             kept.append(line)
     return "".join(kept)
@@ -96,10 +118,43 @@ def expected_rows(state, serve_empty=False):
 
 
 def free_port(kind=socket.SOCK_DGRAM, host="127.0.0.1"):
+    """A port of host that nothing is bound to now (UDP unless kind says otherwise)."""
     family = socket.AF_INET6 if ":" in host else socket.AF_INET
     with socket.socket(family, kind) as s:
         s.bind((host, 0))
         return s.getsockname()[1]
+
+
+def mixed_state(rng, daemons=40, key_bytes=20, value_chars=30, keys=6, edge_value=10240):
+    """A state file's content with names and keys of mixed lengths and bytes, so that
+    shorter-first order matters, and the edge lengths: a 32-byte name, a 64-byte key, an
+    edge_value-byte value and an empty key. rng: a random.Random or a seed."""
+    if not isinstance(rng, random.Random):
+        rng = random.Random(rng)
+    alphabet = ["a", "b", "z", "A", "0", "-", "_", ".", "\u0001", "\u007f", "\u00e9", "\u20ac"]
+
+    def word(lo, hi, limit):
+        while True:
+            w = "".join(rng.choice(alphabet) for _ in range(rng.randint(lo, hi)))
+            if 1 <= len(w.encode()) <= limit:
+                return w
+
+    state = {"daemons": {}}
+    for _ in range(daemons):
+        name = word(1, 12, 32)
+        d = {}
+        if rng.random() < 0.85:
+            d["config"] = {"enabled": rng.random() < 0.6,
+                           "options": {word(0, key_bytes, 64): word(1, value_chars, 10240)
+                                       for _ in range(rng.randint(0, keys))}}
+        if rng.random() < 0.85:
+            d["status"] = {"running": rng.random() < 0.5,
+                           "data": {word(0, key_bytes, 64): word(1, value_chars, 10240)
+                                    for _ in range(rng.randint(0, keys))}}
+        state["daemons"][name] = d
+    state["daemons"]["n" * 32] = {"config": {"enabled": True, "options": {"k" * 64: "v" * edge_value, "": "empty key"}},
+                                  "status": {"running": True, "data": {"pid": "1"}}}
+    return state
 
 
 def write_state(path, state):
@@ -192,6 +247,13 @@ class Process:
             if stream and not stream.closed:
                 stream.close()
         return self.proc.returncode
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.stop()
+        return False
 
 
 class Agent(Process):
@@ -337,6 +399,9 @@ def v3_discover(port, timeout=2.0):
 
 
 class TempDir:
+    """A temporary directory, removed with everything in it by cleanup() or at the end of
+    a with block."""
+
     def __init__(self):
         self.path = tempfile.mkdtemp(prefix="velmar-test-")
 
@@ -345,6 +410,53 @@ class TempDir:
 
     def cleanup(self):
         shutil.rmtree(self.path, ignore_errors=True)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.cleanup()
+        return False
+
+
+@contextlib.contextmanager
+def stopping(process):
+    """Any started thing with a stop() (a Process, a receiver): stopped at the end of the block."""
+    try:
+        yield process
+    finally:
+        process.stop()
+
+
+class AgentCase(unittest.TestCase):
+    """The base of agent test cases: each test gets a temporary directory (self.tmp) and,
+    when the class names a STATE, a state file holding it (self.state); whatever it starts
+    through started() or start_agent() is stopped at its end, the directory removed after."""
+
+    STATE = None
+
+    def setUp(self):
+        super().setUp()
+        self.tmp = TempDir()
+        self.addCleanup(self.tmp.cleanup)
+        self.state = self.tmp.file("state.json")
+        if self.STATE is not None:
+            write_state(self.state, self.STATE)
+
+    def started(self, process):
+        """process, stopped at the end of the test (before the directory goes)."""
+        self.addCleanup(process.stop)
+        return process
+
+    def start_agent(self, extra=(), env=None, state=None, **kwargs):
+        return self.started(Agent(state or self.state, extra=extra, env=env, **kwargs))
+
+    def config(self, text, name="access.conf"):
+        """A file of the temporary directory holding text; its path."""
+        path = self.tmp.file(name)
+        with open(path, "w", encoding="utf-8") as f:
+            f.write(text)
+        return path
 
 
 # --- Net-SNMP command-line tools ---------------------------------------------------------

@@ -27,7 +27,8 @@ ALLOWED = {
     "feedfile": ["feed", "rapidjson", "xxhash"],
     "feedsystemd": ["feed", "libsystemd"],
     "notify": ["GenericAgent", "launcher", "orbel", "feed", "netsnmp"],
-    "agent": ["feed", "feedfile", "feedsystemd", "notify", "snmpplugin", "statebase", "GenericAgent", "netsnmp", "cli11"],
+    "history": ["notify", "GenericAgent", "snmpstring", "launcher", "orbel"],
+    "agent": ["feed", "feedfile", "feedsystemd", "notify", "history", "snmpplugin", "statebase", "GenericAgent", "netsnmp", "cli11"],
 }
 
 # Third-party headers by the first part of their include path.
@@ -63,8 +64,8 @@ def component_of(rel):
         return parts[1]
     if parts[0] == "feed":
         return {"core": "feed", "file": "feedfile", "systemd": "feedsystemd"}.get(parts[1], "feed:" + parts[1])
-    if parts[0] == "agent" and len(parts) > 2 and parts[1] == "notify":
-        return "notify"
+    if parts[0] == "agent" and len(parts) > 2 and parts[1] in ("notify", "history"):
+        return parts[1]
     if parts[0] in ("agent", "mib", "GenericAgent"):
         return parts[0]
     return None

@@ -258,13 +258,13 @@ class NotificationOnSandboxTest(SandboxTest):
         # velmar-flaky fails and is restarted every second: its notifications are real.
         at_load = [vars_ for _, vars_ in trapd.notifications() if '"velmar-flaky"' not in vars_[-1][0]]
         self.assertEqual(at_load, [], "loading systemd's units sent notifications")
-        stopped = tn.trapd_named(tn.RUNNING_CHANGE, "velmar-long", True, False)
+        stopped = tn.trapd_named(tn.RUNNING_CHANGE, "velmar-long", True, False, 0)[:3]
         try:
             SANDBOX.run("systemctl stop velmar-long")
             deadline = time.time() + 5
             got = []
             while time.time() < deadline:
-                got = [vars_[1:] for _, vars_ in trapd.notifications()]
+                got = [vars_[1:4] for _, vars_ in trapd.notifications()]
                 if stopped in got:
                     break
                 time.sleep(0.05)
@@ -272,6 +272,102 @@ class NotificationOnSandboxTest(SandboxTest):
         finally:
             SANDBOX.run("systemctl start velmar-long")
         self.assertIsNotNone(within(agent.port, flag_oid("running", "velmar-long"), h.TRUE), agent.stderr())
+
+
+def history_oid(name):
+    return h.HISTORY + (1, h.HISTORY_COLUMNS["runningChanges"]) + h.index_of(name)
+
+
+def running_changes(port, name):
+    rc, rows, err = h.get(port, [history_oid(name)])
+    if rc != 0 or not rows or not str(rows[0][1]).startswith("Counter32:"):
+        return None
+    return int(rows[0][1].split(":")[1])
+
+
+class HistoryOnSandboxTest(SandboxTest):
+    """The history counts what systemctl and a killed process do, and a running change tells
+    why through snmptrapd and the pysnmp receiver."""
+
+    def setUp(self):
+        super().setUp()
+        import test_notify as tn
+        self.tn = tn
+        tmp = h.TempDir()
+        self.addCleanup(tmp.cleanup)
+        self.trapd = tn.Trapd(tmp.path)
+        self.addCleanup(self.trapd.stop)
+        self.recv = tn.PyReceiver() if tn.pysnmp_ok() else None
+        if self.recv:
+            self.addCleanup(self.recv.stop)
+        config = tmp.file("access.conf")
+        with open(config, "w") as f:
+            f.write("rocommunity public 127.0.0.1\ntrap2sink udp:127.0.0.1:%d public\n" % self.trapd.port)
+            if self.recv:
+                f.write("trap2sink udp:127.0.0.1:%d public\n" % self.recv.port)
+        # A short hold-down, so that each change of a restart is sent on its own.
+        self.agent = start_agent(SANDBOX.bus, ["--config", config, "--notify-holddown", "0"])
+        self.addCleanup(self.agent.stop)
+        self.assertIsNotNone(within(self.agent.port, flag_oid("running", "velmar-always"), h.TRUE), self.agent.stderr())
+        # Changes flow: velmar-flaky's restarts (one a second) are applied after the start
+        # line, so the source hears systemd's signals before the case changes anything.
+        serving = next(i for i, l in enumerate(self.agent.stderr_lines) if "serving VELMAR-DAEMON-MIB" in l)
+        self.assertTrue(self.agent.wait_stderr("applied", timeout=10.0, start=serving + 1), self.agent.stderr())
+
+    def wait_count(self, name, wanted, limit=10.0):
+        deadline = time.monotonic() + limit
+        got = None
+        while time.monotonic() < deadline:
+            got = running_changes(self.agent.port, name)
+            if got == wanted:
+                return got
+            time.sleep(0.05)
+        self.fail("%s: running changes %s, wanted %s\nagent:\n%s" % (name, got, wanted, self.agent.stderr()))
+
+    def test_systemctl_restart_counts_two_changes(self):
+        # A service that takes a moment to stop, as real daemons do: systemd announces it
+        # stopping and starting again, and the history counts both, whatever a poll sees.
+        self.assertIsNotNone(within(self.agent.port, flag_oid("running", "velmar-slowstop"), h.TRUE), self.agent.stderr())
+        before = running_changes(self.agent.port, "velmar-slowstop")
+        self.assertIsNotNone(before)
+        SANDBOX.run("systemctl restart velmar-slowstop")
+        self.wait_count("velmar-slowstop", before + 2)
+        self.assertIsNotNone(within(self.agent.port, flag_oid("running", "velmar-slowstop"), h.TRUE))
+
+    def test_kill_9_of_a_restarted_service_is_counted_and_the_notification_says_why(self):
+        before = running_changes(self.agent.port, "velmar-always")
+        SANDBOX.run("systemctl kill -s KILL velmar-always")
+        # Down, then up again a second later by Restart=always: a poller might see neither.
+        self.wait_count("velmar-always", before + 1)
+        self.wait_count("velmar-always", before + 2)
+        name = '"velmar-always"'
+        deadline = time.time() + 5
+        down = None
+        while time.time() < deadline and down is None:
+            for _, vars_ in self.trapd.notifications():
+                flags = dict(vars_)
+                if flags.get('VELMAR-DAEMON-MIB::velmarDaemonRunning.%s' % name) == "INTEGER: false(2)":
+                    down = flags
+            time.sleep(0.05)
+        self.assertIsNotNone(down, "no running change to false at snmptrapd:\n%s" % self.trapd.output())
+        self.assertEqual(down['VELMAR-DAEMON-MIB::velmarDaemonRunningChanges.%s' % name], "Counter32: %d" % (before + 1))
+        self.assertEqual(down['VELMAR-DAEMON-MIB::velmarDaemonDataValue.%s."Result"' % name], 'STRING: signal')
+        self.assertEqual(down['VELMAR-DAEMON-MIB::velmarDaemonDataValue.%s."ExecMainStatus"' % name], 'STRING: 9')
+        if self.recv:
+            count_oid = history_oid("velmar-always")
+            result_oid = value_oid("data", "velmar-always", "Result")
+            status_oid = value_oid("data", "velmar-always", "ExecMainStatus")
+            deadline = time.time() + 5
+            seen = None
+            while time.time() < deadline and seen is None:
+                for vbs in self.recv.notifications():
+                    d = dict(vbs)
+                    if d.get(flag_oid("running", "velmar-always")) == h.FALSE:
+                        seen = d
+                time.sleep(0.05)
+            self.assertIsNotNone(seen, "no running change to false at the pysnmp receiver:\n%s" % self.recv.output())
+            self.assertEqual((seen.get(count_oid), seen.get(result_oid), seen.get(status_oid)),
+                             (before + 1, "signal", "9"))
 
 
 def sanitized_agent():

@@ -124,3 +124,44 @@ TEST(ModelWatch, StopLeavesTheModelAndTellsNothingMore) {
     f.run();
     EXPECT_TRUE(f.told.empty());
 }
+
+namespace {
+
+struct Recorder final : Agent::ModelListener {
+    std::vector<std::string>* log;
+    explicit Recorder(std::vector<std::string>* l) : log(l) {}
+    void baselineIs(const std::vector<std::pair<std::string, DaemonFlags>>& d) override {
+        log->push_back("baseline " + std::to_string(d.size()));
+    }
+    void changed(const std::string& daemon, const DaemonFlags&, const Agent::FlagChanges& seen) override {
+        log->push_back("listener " + daemon + " " + std::to_string(seen.running) + "/" + std::to_string(seen.enabled));
+    }
+};
+
+} // namespace
+
+TEST(ModelWatch, AListenerHearsTheBaselineAndEachChangeBeforeTheCallback) {
+    std::vector<std::string> log;
+    auto mib = GenericAgent::daemonMibFactory("daemonMIB");
+    Orbel::ActivityLoop::instance().runPending();
+    Agent::ModelWatch watch(mib, [&log](const std::string& n, const DaemonFlags&) { log.push_back("callback " + n); });
+    Recorder recorder(&log);
+    watch.listenerIs(&recorder);
+    auto c = Config::configFactory("bgpd");
+    auto s = Status::statusFactory("bgpd");
+    mib->enabledTableIs(Snmp::String("bgpd"), c);
+    mib->runningTableIs(Snmp::String("bgpd"), s);
+    watch.start();
+    s->runningIs(true);
+    Orbel::ActivityLoop::instance().runPending();
+    EXPECT_EQ(log, (std::vector<std::string>{"baseline 1", "listener bgpd 1/0", "callback bgpd"}));
+    // Stopped and started again before the writer is done: the callback hears nothing, the
+    // listener hears two changes of the running flag.
+    log.clear();
+    s->runningIs(false);
+    s->runningIs(true);
+    c->enabledIs(true);
+    c->enabledIs(false);
+    Orbel::ActivityLoop::instance().runPending();
+    EXPECT_EQ(log, (std::vector<std::string>{"listener bgpd 2/2"}));
+}
