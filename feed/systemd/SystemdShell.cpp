@@ -331,8 +331,17 @@ void SystemdShell::lose(const std::string& why) {
 void SystemdShell::watchTimes() {
     const auto now = Clock::now();
     const auto& o = options_;
+    // systemd makes a list of unit files in one go, and answers nothing else meanwhile: it
+    // may take seconds with many files. While one is asked, only a much longer wait counts.
     Clock::time_point oldest = now;
-    for (const auto& [cookie, sent] : sent_) oldest = std::min(oldest, sent.at);
+    bool listingFiles = false;
+    for (const auto& [cookie, sent] : sent_) {
+        oldest = std::min(oldest, sent.at);
+        if (sent.what == What::tracker && sent.call.kind == BusCall::Kind::listFiles &&
+            now - sent.at < o.unresponsiveAfter * 10)
+            listingFiles = true;
+    }
+    if (listingFiles) oldest = now;
     peak_ = std::max(peak_, sent_.size());
     if (!unresponsive_ && now - oldest > o.unresponsiveAfter) {
         unresponsive_ = true;
@@ -397,10 +406,17 @@ int SystemdShell::timeoutMs() const {
     using namespace std::chrono;
     const auto& o = options_;
     const auto now = Clock::now();
-    // Wake for the next probe, or to notice a call waiting too long.
-    Clock::time_point at = lastAlive_ + o.probeInterval;
-    for (const auto& [cookie, sent] : sent_)
-        if (!unresponsive_) at = std::min(at, sent.at + o.unresponsiveAfter + milliseconds(1));
+    // Wake for the next probe (sent only while nothing else is), or to notice a call
+    // waiting too long; never for a moment already past, which would spin.
+    Clock::time_point at = now + seconds(60);
+    if (sent_.empty()) at = std::max(now, lastAlive_ + o.probeInterval);
+    for (const auto& [cookie, sent] : sent_) {
+        if (unresponsive_) break;
+        for (auto limit : {o.unresponsiveAfter, o.unresponsiveAfter * 10}) {
+            const auto due = sent.at + limit + milliseconds(1);
+            if (due > now) at = std::min(at, due);
+        }
+    }
     long ms = std::max<long>(duration_cast<milliseconds>(at - now).count() + 1, 0);
     std::uint64_t busAt = 0;
     if (sd_bus_get_timeout(bus_, &busAt) >= 0 && busAt != UINT64_MAX) {

@@ -97,9 +97,10 @@ void UnitTracker::readAll(const std::string& id, Unit& unit) {
 
 void UnitTracker::startLists() {
     listing_ = 2;
-    BusCall files;
-    files.kind = BusCall::Kind::listFiles;
-    enqueue(std::move(files), {}, false, true);
+    listingUnits_ = true;
+    // The unit files are listed once the loaded units are read: systemd answers nothing else
+    // while it makes that list, which can take seconds.
+    filesAfterUnits_ = true;
     BusCall units;
     units.kind = BusCall::Kind::listUnits;
     enqueue(std::move(units), {}, false, true);
@@ -215,6 +216,7 @@ std::optional<UnitTracker::Call> UnitTracker::answered(std::uint64_t token) {
 
 void UnitTracker::listAnswered(const Call& call) {
     if (!call.full) return;
+    if (call.call.kind == BusCall::Kind::listUnits) listingUnits_ = false;
     if (--listing_ > 0) return;
     if (resyncAgain_) {
         resyncAgain_ = false;
@@ -307,6 +309,8 @@ void UnitTracker::forgetCalls() {
     queue_.clear();
     outstanding_.clear();
     listing_ = 0;
+    listingUnits_ = false;
+    filesAfterUnits_ = false;
     resyncing_ = false;
     resyncAgain_ = false;
     reloading_ = false;
@@ -326,7 +330,9 @@ std::optional<BusCall> UnitTracker::nextCall() {
 std::vector<std::pair<Severity, std::string>> UnitTracker::takeLines() { return std::exchange(lines_, {}); }
 
 bool UnitTracker::resyncSettled() const {
-    if (listing_ > 0) return false;
+    // The loaded units make the batch; the unit files (a list systemd can take seconds to
+    // make) follow as they come.
+    if (listingUnits_) return false;
     for (const std::string& id : touched_) {
         auto it = units_.find(id);
         if (it != units_.end() && it->second.pending > 0) return false;
@@ -353,6 +359,12 @@ std::optional<ChangedDaemons> UnitTracker::flush() {
         if (!resyncSettled()) return std::nullopt;
         resyncing_ = false;
         synced_ = true;
+        if (filesAfterUnits_) {
+            filesAfterUnits_ = false;
+            BusCall files;
+            files.kind = BusCall::Kind::listFiles;
+            enqueue(std::move(files), {}, false, true);
+        }
     }
     if (!synced_) return std::nullopt;
     ChangedDaemons changed;

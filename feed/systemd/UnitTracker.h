@@ -28,8 +28,9 @@
 //   - PropertiesChanged values are taken as sent; invalidated properties of the table are
 //     read again (not ExecStart, which changes only with a reload); an ActiveState change
 //     reads the counters;
-//   - a resync (start, reload, reconnect, an operator's reread) hands its daemons over as
-//     one batch, once both lists and every read they started have been answered;
+//   - a resync (start, reload, reconnect, an operator's reread) hands its loaded units over
+//     as one batch, once their list and every read it started have been answered; the
+//     unit files follow when their list comes (systemd can take seconds to make it);
 //   - replies carry the generation of their unit: a reply to a call made before the unit
 //     was unloaded or read again is dropped;
 //   - refresh() reads the counters of the units that may have some, and starts no round
@@ -185,6 +186,8 @@ private:
     std::uint64_t nextToken_ = 1;
     std::uint64_t nextGeneration_ = 1;
     int listing_ = 0;                       // full lists (files, units) asked and not answered
+    bool listingUnits_ = false;             // the full list of loaded units is not answered
+    bool filesAfterUnits_ = false;          // list the unit files once the loaded units are read
     bool resyncing_ = false;
     bool resyncAgain_ = false;              // a resync asked for while one lists
     bool reloading_ = false;

@@ -98,15 +98,28 @@ std::map<std::string, std::optional<DaemonState>> byName(const std::optional<Cha
 struct Fixture {
     FakeSystemd sd;
     UnitTracker t{{{"velmar-*"}, {}, 64}};
+    // Answers and flushes until nothing is asked any more; the batches handed over, merged.
+    std::optional<ChangedDaemons> settle() {
+        std::optional<ChangedDaemons> all;
+        for (int i = 0; i < 10; ++i) {
+            sd.answer(t);
+            if (auto c = t.flush()) {
+                if (!all) all = ChangedDaemons{};
+                for (auto& d : *c) {
+                    std::erase_if(*all, [&](const auto& x) { return x.first == d.first; });
+                    all->push_back(std::move(d));
+                }
+            }
+            if (!t.busy()) break;
+        }
+        if (all) std::sort(all->begin(), all->end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+        return all;
+    }
     std::optional<ChangedDaemons> sync() {
         t.resync();
-        sd.answer(t);
-        return t.flush();
+        return settle();
     }
-    std::optional<ChangedDaemons> step() {
-        sd.answer(t);
-        return t.flush();
-    }
+    std::optional<ChangedDaemons> step() { return settle(); }
 };
 
 TEST(UnitTracker, ADisabledUnitThatNeverRanIsServedFromItsFile) {
@@ -137,10 +150,34 @@ TEST(UnitTracker, NothingGoesOverBeforeTheResyncIsAnswered) {
     Fixture f;
     f.sd.running("velmar-a.service", 10);
     f.t.resync();
-    f.sd.answer(f.t, 1);                    // only the file list answered
+    f.sd.answer(f.t, 2);                    // the unit list and one of the unit's two reads
     EXPECT_FALSE(f.t.flush().has_value());
     auto rest = byName(f.step());
     EXPECT_EQ(rest.size(), 1u);
+}
+
+// systemd answers nothing else while it lists unit files: the loaded units go over first,
+// and the file list is asked only then.
+TEST(UnitTracker, LoadedUnitsGoOverBeforeTheFilesAreListed) {
+    Fixture f;
+    f.sd.running("velmar-a.service", 10);
+    f.sd.files = {{"/etc/systemd/system/velmar-off.service", "disabled"}};
+    f.t.resync();
+    std::optional<ChangedDaemons> first;
+    for (int i = 0; i < 10 && !first; ++i) {
+        std::optional<BusCall> c = f.t.nextCall();
+        ASSERT_TRUE(c.has_value());
+        ASSERT_NE(c->kind, BusCall::Kind::listFiles) << "the files are listed before the loaded units are read";
+        f.t.failed(c->token);               // quickly: what the call reads is not needed here
+        first = f.t.flush();
+    }
+    ASSERT_TRUE(first.has_value());
+    EXPECT_EQ(byName(first).count("velmar-off"), 0u);
+    std::optional<BusCall> files = f.t.nextCall();
+    ASSERT_TRUE(files.has_value());
+    EXPECT_EQ(files->kind, BusCall::Kind::listFiles);
+    f.t.listedFiles(files->token, f.sd.files);
+    EXPECT_EQ(byName(f.t.flush()).count("velmar-off"), 1u);
 }
 
 TEST(UnitTracker, AStoppedUnitThatSystemdUnloadsStaysServedNotRunning) {
