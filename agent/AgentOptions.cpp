@@ -1,5 +1,6 @@
 #include "AgentOptions.h"
 #include "Host.h"
+#include "OptionHints.h"
 #include "SourceChoice.h"
 #include "agent/notify/NotifyData.h"
 
@@ -7,6 +8,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <iostream>
@@ -68,7 +70,8 @@ void build(CLI::App& app, AgentOptions& o) {
         "Serves the launcher's daemon state as the four read-only tables of VELMAR-DAEMON-MIB (" + subtreeText() +
         "): enabled, option, running and data. Runs as a master agent on its own addresses, or as an AgentX "
         "subagent of a running snmpd. The launcher is a state file, watched so that every valid change is served at "
-        "once, or systemd, whose service units are followed over the system bus.");
+        "once, or systemd, whose service units are followed over the system bus, or supervisord, read over its "
+        "XML-RPC interface and woken by its event listener velmar-supervisor-events.");
     app.add_option("--listen", o.listen,
                    "Master mode: a transport address to listen on (repeatable, one per --listen): udp, udp6, tcp or "
                    "tcp6 with an address or port, e.g. udp:127.0.0.1:1161, udp6:[::1]:1161, tcp:127.0.0.1:1161; "
@@ -76,13 +79,17 @@ void build(CLI::App& app, AgentOptions& o) {
         ->allow_extra_args(false)
         ->default_str("udp:127.0.0.1:1161 and udp6:[::1]:1161");
     app.add_option("--agentx", o.agentx,
-                   "Subagent mode: the AgentX socket of a running snmpd master, e.g. /var/agentx/master or "
-                   "tcp:127.0.0.1:705");
+                   "Subagent mode: the AgentX Unix socket of a running snmpd master, e.g. /var/agentx/master; a TCP "
+                   "address (tcp:127.0.0.1:705) only with --allow-tcp-agentx");
+    app.add_flag("--allow-tcp-agentx", o.allowTcpAgentx,
+                 "Accept a TCP address for --agentx. AgentX has no authentication: any local user can connect to a "
+                 "TCP master, register this subtree before the agent does (after a master restart, say) and answer "
+                 "for it; a Unix socket is guarded by its file permissions (snmpd's agentXPerms)");
     app.add_option("--agentx-ping", o.agentxPing,
                    "Seconds between pings of the AgentX master; a lost master is reconnected on the next ping")
         ->check(CLI::Range(1, 3600))
         ->default_val(5);
-    app.add_option("--state", o.stateFile, "The launcher state file (JSON), watched for changes (this or --systemd)");
+    app.add_option("--state", o.stateFile, "The launcher state file (JSON), watched for changes (this, --systemd or --supervisor)");
     addSourceOptions(app, o);
     app.add_option("--config", o.configFile,
                    "Access configuration in Net-SNMP snmpd.conf syntax (rocommunity, createUser, rouser, view, "
@@ -151,6 +158,21 @@ int parseOptions(int argc, char** argv, AgentOptions& opts) {
     } catch (const CLI::CallForVersion& e) {
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
+        // A mistyped option: name the one that was probably meant.
+        std::vector<std::string> known;
+        for (const CLI::Option* opt : app.get_options())
+            for (const auto& n : opt->get_lnames()) known.push_back(n);
+        for (int i = 1; i < argc; ++i) {
+            const std::string arg = argv[i];
+            if (arg == "--") break;
+            if (arg.rfind("--", 0) != 0 || arg.size() < 3) continue;
+            const std::string name = arg.substr(2, arg.find('=') == std::string::npos ? std::string::npos : arg.find('=') - 2);
+            if (std::find(known.begin(), known.end(), name) != known.end()) continue;
+            const std::string hint = closestOption(arg, known);
+            std::cerr << "velmar-snmp-agent: unknown option --" << name
+                      << (hint.empty() ? std::string() : ": did you mean " + hint + "?") << " (see --help)\n";
+            return 2;
+        }
         std::cerr << "velmar-snmp-agent: " << e.what() << " (see --help)\n";
         return 2;
     }
@@ -171,6 +193,20 @@ int parseOptions(int argc, char** argv, AgentOptions& opts) {
             return 2;
         }
     }
+    if (!opts.agentx.empty() && !opts.allowTcpAgentx && opts.agentx.front() != '/' && opts.agentx.rfind("unix:", 0) != 0) {
+        std::cerr << "velmar-snmp-agent: --agentx " << opts.agentx
+                  << ": not a Unix socket; over TCP any local user can register this subtree at the master first and "
+                     "answer for it (AgentX has no authentication). Use snmpd's Unix socket (agentXSocket), or give "
+                     "--allow-tcp-agentx if you mean it\n";
+        return 2;
+    }
+    for (std::size_t i = 0; i < opts.listen.size(); ++i)
+        for (std::size_t j = 0; j < i; ++j)
+            if (opts.listen[i] == opts.listen[j]) {
+                std::cerr << "velmar-snmp-agent: --listen " << opts.listen[i]
+                          << " is given twice (each address once)\n";
+                return 2;
+            }
     if (std::string problem = sourceProblem(app, opts); !problem.empty()) {
         std::cerr << "velmar-snmp-agent: " << problem << "\n";
         return 2;

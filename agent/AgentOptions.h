@@ -9,13 +9,18 @@ namespace Agent {
 struct AgentOptions {
     std::vector<std::string> listen;   // master mode: transport addresses
     std::string agentx;                // subagent mode: the master's AgentX socket
+    bool allowTcpAgentx = false;       // a TCP AgentX address is meant (any local user can reach it)
     int agentxPing = 5;                // seconds between pings of the master (reconnects)
     std::string stateFile;             // launcher state (JSON)
     bool systemd = false;              // or systemd's service units (SourceChoice.h)
     std::string units;                 // with systemd: unit patterns; empty: every service
     int refresh = 10;                  // with systemd: seconds between counter readings; 0: never
     std::string systemBus;             // with systemd: the bus address; empty: the default
-    bool serveCommandLines = false;    // whole command lines, not only the executable (secrets!)
+    bool supervisorOn = false;         // or a supervisord's processes (SupervisorChoice.h)
+    std::string supervisor;            // with it: socket path or URL; empty: the default socket
+    std::string supervisorEvents;      // with it: the listener's datagram socket; empty: poll
+    std::string supervisorAuth;        // with it: a USER:PASSWORD file; empty: none
+    bool serveCommandLines = false;    // whole command lines, not just the executable
     std::string configFile;            // Net-SNMP configuration syntax: communities, users, access
     std::string persistentDir;         // Net-SNMP persistent files; a private temporary one if empty
     std::vector<std::string> contexts; // extra SNMP contexts to initialise

@@ -21,9 +21,38 @@
 
 namespace Agent {
 
+namespace {
+
+// "PATH: line N: ..." as Net-SNMP's configuration parser says it.
+bool aboutAConfigLine(const std::string& line) {
+    const auto at = line.find(": line ");
+    return at != std::string::npos && at + 7 < line.size() && std::isdigit(static_cast<unsigned char>(line[at + 7]));
+}
+
+} // namespace
+
 NetSnmpComplaints::NetSnmpComplaints() {
     Log::observeNetSnmp([this](int priority, const std::string& line) {
-        if (priority <= LOG_WARNING) lines_.push_back(line);
+        if (priority > LOG_WARNING) return false;
+        lines_.push_back(line);
+        // The caller refuses the file with these lines, once each and in its own words.
+        if (aboutAConfigLine(line)) return true;
+        // Net-SNMP's warning when nothing grants access comes as a block of four lines, twice,
+        // with advice about a tool and a file name that do not apply here: one line instead.
+        if (line.rfind("Warning: no access control information configured", 0) == 0) {
+            if (!noAccessSaid_)
+                Log::write(Log::Level::warning,
+                           "no access configuration (rocommunity, rouser with createUser, or access): no manager can "
+                           "query this agent");
+            noAccessSaid_ = true;
+            inNoAccessBlock_ = true;
+            return true;
+        }
+        if (inNoAccessBlock_ && line.rfind("  ", 0) == 0) return true;
+        // Said with its reason once the agent watches its master (AgentxStanding).
+        if (line.rfind("Warning: Failed to connect to the agentx master agent", 0) == 0) return true;
+        inNoAccessBlock_ = false;
+        return false;
     });
 }
 

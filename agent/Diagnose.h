@@ -17,7 +17,9 @@
 namespace Agent {
 
 // Keeps every warning and error Net-SNMP logs while it lives (Log::observeNetSnmp; one
-// at a time). The lines are still logged as usual.
+// at a time). Complaints about lines of a configuration file are kept and not logged: the
+// caller refuses the file with them, once each. Net-SNMP's block about no access being
+// configured becomes one line of our own. Other lines are still logged as usual.
 class NetSnmpComplaints {
 public:
     NetSnmpComplaints();
@@ -33,6 +35,8 @@ public:
 
 private:
     std::vector<std::string> lines_;
+    bool noAccessSaid_ = false;
+    bool inNoAccessBlock_ = false;
 };
 
 // Why Net-SNMP cannot listen on a transport address (udp:ADDR:PORT, udp6:[ADDR]:PORT,

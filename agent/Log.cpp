@@ -1,4 +1,5 @@
 #include "Log.h"
+#include "LogLimit.h"
 
 #include <net-snmp/net-snmp-config.h>
 #include <net-snmp/net-snmp-includes.h>
@@ -31,6 +32,7 @@ struct State {
     bool routed = false;       // Net-SNMP's log comes here
     std::string pending;       // a Net-SNMP message not ended by a newline yet
     Observer observer;
+    LogLimit limit;            // Net-SNMP's lines of each kind, per interval
 };
 
 State& state() {
@@ -104,6 +106,33 @@ Level levelOfPriority(int priority) {
     return Level::debug;
 }
 
+void writeSummaries(State& s, std::vector<std::string> lines) {
+    for (const auto& l : lines) writeLocked(s, Level::warning, l);
+}
+
+// Whether a Net-SNMP line is written: peers cause most of them (one per refused request),
+// so each kind is limited; debug output, which the operator asked for, is not.
+bool admitNetSnmp(State& s, int priority, const std::string& line) {
+    if (priority >= LOG_DEBUG) return true;
+    std::lock_guard<std::mutex> lock(s.mutex);
+    const auto now = LogLimit::Clock::now();
+    writeSummaries(s, s.limit.expired(now));
+    return s.limit.admit(line, now);
+}
+
+// Once a second from Net-SNMP's alarms: a flood that stopped still gets its summary.
+void onLimitAlarm(unsigned int, void*) {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    writeSummaries(s, s.limit.expired(LogLimit::Clock::now()));
+}
+
+void flushLimited() {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    writeSummaries(s, s.limit.flush(LogLimit::Clock::now()));
+}
+
 // Net-SNMP's callback log handler: one call per snmp_log(), which may carry part of a
 // line (the debug output is built from pieces) or several lines.
 int onNetSnmpLog(int, int, void* serverarg, void*) {
@@ -131,7 +160,8 @@ int onNetSnmpLog(int, int, void* serverarg, void*) {
             std::lock_guard<std::mutex> lock(s.mutex);
             observer = s.observer;
         }
-        if (observer) observer(message->priority, line);
+        if (observer && observer(message->priority, line)) continue;
+        if (!admitNetSnmp(s, message->priority, line)) continue;
         write(levelOfPriority(message->priority), line);
     }
     return 0;
@@ -219,6 +249,7 @@ std::string reopen() {
 void close() {
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
+    writeSummaries(s, s.limit.flush(LogLimit::Clock::now()));
     if (s.kind == Kind::file && s.fd != STDERR_FILENO) ::close(s.fd);
     if (s.kind == Kind::syslog) ::closelog();
     s.kind = Kind::stderrText;
@@ -237,6 +268,8 @@ void routeNetSnmp() {
     netsnmp_register_loghandler(NETSNMP_LOGHANDLER_CALLBACK, LOG_DEBUG);
     snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, onNetSnmpLog, nullptr);
     snmp_enable_calllog();
+    snmp_alarm_register(1, SA_REPEAT, onLimitAlarm, nullptr);
+    std::atexit(flushLimited);
 }
 
 void observeNetSnmp(Observer observer) {

@@ -14,6 +14,10 @@
 //   auto        journal when standard error is the journal's stream (JOURNAL_STREAM
 //               names its device and inode), stderr otherwise
 //
+// Net-SNMP's lines are limited per kind (LogLimit: the first 10 of a kind per minute, then
+// one summary line with the count), because peers cause them: one line per refused request.
+// Lines written with write() are the agent's own and are never limited.
+//
 // Threads: any thread may write; lines are never interleaved.
 #pragma once
 
@@ -51,9 +55,10 @@ void close();
 void routeNetSnmp();
 
 // Sees each Net-SNMP line before it is written (priority as syslog's, text without the
-// newline). One observer at a time; an empty function removes it. For catching what
-// Net-SNMP reports while it reads the configuration or opens its addresses.
-using Observer = std::function<void(int priority, const std::string& line)>;
+// newline); when it returns true it takes the line, which is then not written (the observer
+// reports it in its own words). One observer at a time; an empty function removes it. For
+// catching what Net-SNMP reports while it reads the configuration or opens its addresses.
+using Observer = std::function<bool(int priority, const std::string& line)>;
 void observeNetSnmp(Observer observer);
 
 } // namespace Agent::Log

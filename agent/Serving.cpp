@@ -1,5 +1,6 @@
 #include "Serving.h"
 #include "Served.h"
+#include "SupervisorSettings.h"
 
 #include "feed/file/FileSource.h"
 #include "feed/systemd/SystemdSource.h"
@@ -24,7 +25,7 @@ Feed::SystemdSource::Options systemdOptions(const SourceSettings& s) {
     o.patterns = Feed::parseUnitPatterns(s.units.empty() ? Feed::defaultUnitPatterns : s.units);
     if (s.refresh) o.refresh = *s.refresh;
     o.busAddress = s.systemBus;
-    o.settings = s.launcher;
+    o.settings.serveCommandLines = s.serveCommandLines;
     return o;
 }
 
@@ -33,6 +34,7 @@ std::string unitsText(const SourceSettings& s) { return s.units.empty() ? std::s
 } // namespace
 
 std::unique_ptr<Feed::Source> makeSource(const SourceSettings& s) {
+    if (s.supervisor) return std::make_unique<Feed::SupervisorSource>(supervisorOptions(s));
     if (!s.systemd) return std::make_unique<Feed::FileSource>(s.stateFile);
     try {
         return std::make_unique<Feed::SystemdSource>(systemdOptions(s));
@@ -42,6 +44,7 @@ std::unique_ptr<Feed::Source> makeSource(const SourceSettings& s) {
 }
 
 std::string sourceText(const SourceSettings& s) {
+    if (s.supervisor) return supervisorText(s);
     if (!s.systemd) return "state file " + s.stateFile;
     return "systemd (system bus " + Feed::SystemdSource::busAddressFor(systemdOptions(s)) + ", units " + unitsText(s) +
            ")";
@@ -113,9 +116,8 @@ std::string Serving::guestServingLine() const {
     std::string contexts;
     for (const auto& c : settings_.contexts) contexts += (contexts.empty() ? "" : ", ") + c;
     std::string from = settings_.source.stateFile;
-    if (settings_.source.systemd) {
-        from = "systemd (system bus " + Feed::SystemdSource::busAddressFor(systemdOptions(settings_.source)) +
-               ", units " + settings_.source.units + ")";
+    if (settings_.source.systemd || settings_.source.supervisor) {
+        from = sourceText(settings_.source);
         if (!feed().source().health().connected) from += ", not connected yet, trying again";
     }
     const std::size_t daemons = feed().applied().size();

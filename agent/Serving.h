@@ -42,14 +42,19 @@
 
 namespace Agent {
 
-// Where the launcher's state comes from: a JSON state file, or systemd's service units.
+// Where the launcher's state comes from: a JSON state file, systemd's service units, or a
+// supervisord's processes.
 struct SourceSettings {
     std::string stateFile;                      // without systemd: the launcher's state file
     bool systemd = false;                       // systemd's service units instead
     std::string units;                          // their patterns as given; empty: every service
     std::optional<std::chrono::seconds> refresh; // between counter readings; empty: the source's default
     std::string systemBus;                      // empty: $DBUS_SYSTEM_BUS_ADDRESS, else the system bus
-    Feed::SourceSettings launcher;              // what every source honours (whole command lines or not)
+    bool supervisor = false;                    // a supervisord's processes instead (SupervisorSettings.h)
+    std::string supervisorAddress;              // socket path, unix://PATH or http://HOST:PORT; empty: the default
+    std::string supervisorEvents;               // the listener's datagram socket; empty: polled only
+    std::string supervisorAuth;                 // a USER:PASSWORD file; empty: none
+    bool serveCommandLines = false;             // whole command lines, not just the executable
 };
 
 // The source the settings name. Throws std::invalid_argument ("units PATTERNS: why") for a

@@ -1,4 +1,5 @@
 #include "SourceChoice.h"
+#include "SupervisorChoice.h"
 
 #include "feed/systemd/SystemdSource.h"
 
@@ -15,11 +16,13 @@ void addSourceOptions(CLI::App& app, AgentOptions& o) {
                  "each loaded unit NAME.service is daemon NAME (see the man page for the mapping)");
     app.add_option("--units", o.units,
                    "With --systemd: the units to serve, comma-separated shell globs on the unit name, e.g. "
-                   "'ssh.service,getty@*'; only service units count")
+                   "'ssh.service,getty@*'; only service units count. With --supervisor: the processes, globs on "
+                   "NAME or GROUP:NAME (default *)")
         ->default_str(std::string(Feed::defaultUnitPatterns));
     app.add_option("--refresh", o.refresh,
                    "With --systemd: seconds between readings of what systemd announces no change of (MemoryCurrent, "
-                   "CPUUsageNSec, TasksCurrent); 0: read them only when a unit starts or stops")
+                   "CPUUsageNSec, TasksCurrent); 0: read them only when a unit starts or stops. With --supervisor: "
+                   "seconds between readings of every process while no event listener is heard; 0: once a minute")
         ->check(CLI::Range(0, 86400))
         ->default_val(10);
     app.add_option("--system-bus", o.systemBus,
@@ -29,16 +32,24 @@ void addSourceOptions(CLI::App& app, AgentOptions& o) {
                  "Serve each daemon's whole command line (systemd: the option ExecStart) instead of the executable's "
                  "path only. Arguments can hold secrets (a password on a command line) and anyone who may read the "
                  "tables reads them: give it only when the tables are read by trusted managers");
+    addSupervisorOptions(app, o);
 }
 
 std::string sourceProblem(const CLI::App& app, AgentOptions& o) {
     const bool state = app.get_option("--state")->count() > 0;
-    if (state && o.systemd) return "--state and --systemd exclude each other: give one launcher source (see --help)";
-    if (!state && !o.systemd) return "no launcher source: give --state FILE or --systemd (see --help)";
-    for (const char* name : {"--units", "--refresh", "--system-bus"}) {
+    o.supervisorOn = app.get_option("--supervisor")->count() > 0;
+    if (int(state) + int(o.systemd) + int(o.supervisorOn) > 1)
+        return "--state, --systemd and --supervisor exclude each other: give one launcher source (see --help)";
+    if (!state && !o.systemd && !o.supervisorOn)
+        return "no launcher source: give --state FILE, --systemd or --supervisor (see --help)";
+    for (const char* name : {"--units", "--refresh"}) {
         if (app.get_option(name)->count() == 0) continue;
-        if (!o.systemd) return std::string(name) + " applies to --systemd only (see --help)";
+        if (!o.systemd && !o.supervisorOn)
+            return std::string(name) + " applies to --systemd and --supervisor only (see --help)";
     }
+    if (app.get_option("--system-bus")->count() > 0 && !o.systemd)
+        return "--system-bus applies to --systemd only (see --help)";
+    if (std::string why = supervisorProblem(app, o); !why.empty()) return why;
     for (const char* name : {"--units", "--system-bus"}) {
         const CLI::Option* opt = app.get_option(name);
         if (opt->count() > 0 && opt->as<std::string>().empty())
@@ -62,7 +73,11 @@ SourceSettings sourceSettings(const AgentOptions& o) {
     s.units = o.units;
     s.refresh = std::chrono::seconds(o.refresh);
     s.systemBus = o.systemBus;
-    s.launcher.serveCommandLines = o.serveCommandLines;
+    s.supervisor = o.supervisorOn;
+    s.supervisorAddress = o.supervisor;
+    s.supervisorEvents = o.supervisorEvents;
+    s.supervisorAuth = o.supervisorAuth;
+    s.serveCommandLines = o.serveCommandLines;
     return s;
 }
 

@@ -8,7 +8,9 @@
 //
 // One thread touches the model: Net-SNMP's select loop serves requests, applies state
 // changes handed over by the feed's worker thread, and runs the framework's activity loop.
+#include "AccessConfig.h"
 #include "AgentOptions.h"
+#include "AgentxStanding.h"
 #include "Diagnose.h"
 #include "Log.h"
 #include "Readiness.h"
@@ -139,6 +141,14 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
+    if (!opts.configFile.empty()) {
+        bool refused = false;
+        for (const auto& f : Agent::checkAccessConfig(opts.configFile)) {
+            logLine(f.refused ? Level::error : Level::warning, (f.refused ? "--config refused: " : "--config: ") + f.text);
+            refused = refused || f.refused;
+        }
+        if (refused) return 2;
+    }
     if (!opts.trace.empty()) {
         try {
             Orbel::traceConfigIs(opts.trace);
@@ -201,6 +211,10 @@ int main(int argc, char** argv) {
         std::string addresses;
         if (subagent) {
             addresses = "would register with the AgentX master at " + opts.agentx;
+            // Not contacted (a registration would take the subtree), but a socket that cannot be
+            // reached now is worth saying.
+            if (std::string why = Agent::AgentxStanding::whyUnreachable(opts.agentx); !why.empty())
+                logLine(Level::warning, "--check: the AgentX master at " + opts.agentx + " cannot be reached now: " + why);
         } else {
             for (const auto& l : opts.listen) {
                 if (std::string why = Agent::addressSyntaxProblem(l); !why.empty()) {
@@ -232,6 +246,12 @@ int main(int argc, char** argv) {
         return 1;
     }
     complaints.reset();
+    // A subagent hears what its master makes of its registrations from here on.
+    std::optional<Agent::AgentxStanding> standing;
+    if (subagent)
+        standing.emplace(opts.agentx, [](bool warning, const std::string& line) {
+            logLine(warning ? Level::warning : Level::notice, line);
+        });
 
     try {
         serving.loadModule();
@@ -254,27 +274,29 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    // A subagent serves only once its master has its registrations: until then (and
-    // whenever the master is gone) it says it is waiting.
-    bool registered = false;
+    // A subagent serves only once its master accepted its registrations: until then (and
+    // whenever the master is gone or refuses them) it says so.
+    using Standing = Agent::AgentxStanding::State;
+    std::optional<Standing> stood;
     auto sayWhereWeStand = [&] {
-        const bool now = !subagent || main_session != nullptr;
-        if (now == registered) return;
-        registered = now;
-        if (now) {
+        const Standing now = standing ? standing->poll(std::chrono::steady_clock::now()) : Standing::registered;
+        if (stood == now) return;
+        stood = now;
+        if (now == Standing::registered) {
             const std::string line =
                 serving.servingLine(subagent ? "as AgentX subagent of " + opts.agentx : "on " + Agent::joined(opts.listen));
             logLine(Level::notice, line);
             Agent::Readiness::ready(line);
-        } else {
+        } else if (now == Standing::noSession) {
             const std::string line = serving.waitingLine(opts.agentx);
             logLine(Level::notice, line);
             Agent::Readiness::status(line);
+        } else {
+            const std::string line = std::string(agentName) + " " + agentVersion + ": " + standing->refusalText();
+            logLine(Level::warning, line);
+            Agent::Readiness::status(line);
         }
     };
-    if (subagent && main_session == nullptr) {
-        registered = true;   // so that the first call says "waiting"
-    }
     sayWhereWeStand();
     if (std::uint64_t usec = Agent::Readiness::startWatchdog())
         logLine(Level::info, "watchdog: keep-alive every " + std::to_string(usec / 2000) + " ms");
@@ -286,6 +308,7 @@ int main(int argc, char** argv) {
     }
     Agent::Readiness::stopping();
     logLine(Level::notice, "stopping");
+    if (standing) standing->stopping();
 
     unregister_readfd(signalPipe[0]);
     servingNow = nullptr;

@@ -27,6 +27,7 @@ function(velmar_add_pytest name file labels)
     VELMAR_TEST_HOST=$<TARGET_FILE:velmar-test-host>
     VELMAR_MODULE=$<TARGET_FILE:VelmarDaemonMIB>
     VELMAR_DLMOD=$<TARGET_FILE:velmar_daemon_mib_dlmod>
+    VELMAR_SUPERVISOR_EVENTS=$<TARGET_FILE:velmar-supervisor-events>
     VELMAR_PROTOCOL_FUZZ=$<TARGET_FILE:velmar-protocol-fuzz>
     VELMAR_SOURCE_DIR=${CMAKE_SOURCE_DIR}
     VELMAR_BUILD_DIR=${CMAKE_BINARY_DIR}

@@ -11,9 +11,15 @@
 //   velmarSystemd *.service                       # systemd's service units matching the patterns
 //                                                 # (comma-separated, e.g. ssh.service,getty@*)
 //                                                 # over $DBUS_SYSTEM_BUS_ADDRESS or the system
-//                                                 # bus; exactly one of the two. snmpd refuses
-//                                                 # a directive without a word, so the patterns
-//                                                 # are always given
+//                                                 # bus. snmpd refuses a directive without a
+//                                                 # word, so the patterns are always given
+//   velmarSupervisor /var/run/supervisor.sock     # or a supervisord's processes (a socket path,
+//                                                 # unix://PATH or http://HOST:PORT); exactly
+//                                                 # one of the three sources
+//   velmarSupervisorEvents /run/snmpd/supervisor-events.sock
+//                                                 # the socket velmar-supervisor-events sends to
+//                                                 # (none: every process is read each 10 s)
+//   velmarSupervisorAuth /etc/snmp/supervisor.auth  # USER:PASSWORD, when supervisord asks
 //   velmarServeCommandLines yes                   # serve whole command lines (default no: the
 //                                                 # executable's path; arguments can hold secrets)
 //   velmarModule /usr/lib/velmar/modules/VelmarDaemonMIB.so
@@ -46,6 +52,7 @@
 // SIGHUP makes snmpd unload every dlmod library and read its configuration again, which
 // loads this one afresh: the settings are read again and the state file loaded anew.
 #include "agent/Serving.h"
+#include "feed/supervisor/SupervisorClient.h"
 #include "agent/notify/NotifyData.h"
 #include "feed/systemd/SystemdSource.h"
 
@@ -85,7 +92,10 @@ constexpr const char* bridgeName = "velmar_daemon_mib";
 struct Settings {
     std::string stateFile;
     std::optional<std::string> systemdUnits;  // velmarSystemd's patterns
-    Feed::SourceSettings launcher;            // velmarServeCommandLines
+    std::optional<std::string> supervisor;    // velmarSupervisor's address
+    std::string supervisorEvents;
+    std::string supervisorAuth;
+    bool serveCommandLines = false;           // velmarServeCommandLines
     std::string modulePath;
     std::vector<std::string> contexts;
     Agent::NotifyScheduler::Settings notify;
@@ -106,6 +116,9 @@ Bridge* bridge = nullptr;
 
 constexpr const char* stateFileToken = "velmarStateFile";
 constexpr const char* systemdToken = "velmarSystemd";
+constexpr const char* supervisorToken = "velmarSupervisor";
+constexpr const char* supervisorEventsToken = "velmarSupervisorEvents";
+constexpr const char* supervisorAuthToken = "velmarSupervisorAuth";
 constexpr const char* moduleToken = "velmarModule";
 constexpr const char* contextToken = "velmarContext";
 constexpr const char* traceToken = "velmarTrace";
@@ -150,14 +163,14 @@ void guarded(const char* token, F parse) noexcept {
 // The two launcher sources exclude each other; the second one named is reported with its
 // file and line (and nothing is served, see startServing).
 void reportSecondSource(const char* token) {
-    config_perror((std::string(token) + ": " + stateFileToken + " and " + systemdToken +
+    config_perror((std::string(token) + ": " + stateFileToken + ", " + systemdToken + " and " + supervisorToken +
                    " exclude each other; give one launcher source").c_str());
 }
 
 void parseStateFile(const char* token, char* line) {
     guarded(token, [&] {
         if (auto w = oneWord(token, line, "the path of the launcher's state file"); w && bridge) {
-            if (bridge->settings.systemdUnits) reportSecondSource(token);
+            if (bridge->settings.systemdUnits || bridge->settings.supervisor) reportSecondSource(token);
             bridge->settings.stateFile = *w;
         }
     });
@@ -174,7 +187,7 @@ void parseSystemd(const char* token, char* line) {
             return;
         }
         if (!bridge) return;
-        if (!bridge->settings.stateFile.empty()) reportSecondSource(token);
+        if (!bridge->settings.stateFile.empty() || bridge->settings.supervisor) reportSecondSource(token);
         bridge->settings.systemdUnits = *w;
     });
 }
@@ -184,7 +197,37 @@ void parseCommandLines(const char* token, char* line) {
         auto w = oneWord(token, line, "yes or no");
         if (!w) return;
         if (*w != "yes" && *w != "no") return config_perror((std::string(token) + " takes yes or no, not " + *w).c_str());
-        if (bridge) bridge->settings.launcher.serveCommandLines = *w == "yes";
+        if (bridge) bridge->settings.serveCommandLines = *w == "yes";
+    });
+}
+
+void parseSupervisor(const char* token, char* line) {
+    guarded(token, [&] {
+        auto w = oneWord(token, line, "supervisord's socket path, unix://PATH or http://HOST:PORT");
+        if (!w) return;
+        try {
+            Feed::SupervisorEndpoint::parse(*w);
+        } catch (const std::invalid_argument& e) {
+            config_perror((std::string(token) + ": " + e.what()).c_str());
+            return;
+        }
+        if (!bridge) return;
+        if (!bridge->settings.stateFile.empty() || bridge->settings.systemdUnits) reportSecondSource(token);
+        bridge->settings.supervisor = *w;
+    });
+}
+
+void parseSupervisorEvents(const char* token, char* line) {
+    guarded(token, [&] {
+        if (auto w = oneWord(token, line, "the Unix socket velmar-supervisor-events sends to"); w && bridge)
+            bridge->settings.supervisorEvents = *w;
+    });
+}
+
+void parseSupervisorAuth(const char* token, char* line) {
+    guarded(token, [&] {
+        if (auto w = oneWord(token, line, "a file whose first line is USER:PASSWORD"); w && bridge)
+            bridge->settings.supervisorAuth = *w;
     });
 }
 
@@ -287,26 +330,34 @@ void stopServing(bool announce = true) {
 void startServing() {
     if (!bridge || bridge->serving) return;
     const Settings& s = bridge->settings;
-    if (s.stateFile.empty() && !s.systemdUnits) {
-        logLine(LOG_ERR, std::string("no ") + stateFileToken + " line and no usable " + systemdToken +
-                             " line after the dlmod line (" + stateFileToken + " PATH names the launcher's state file, " +
-                             systemdToken + " PATTERNS serves systemd's service units, *.service for all); serving nothing");
+    if (s.stateFile.empty() && !s.systemdUnits && !s.supervisor) {
+        logLine(LOG_ERR, std::string("no ") + stateFileToken + " line and no usable " + systemdToken + " or " +
+                             supervisorToken + " line after the dlmod line (" + stateFileToken +
+                             " PATH names the launcher's state file, " + systemdToken +
+                             " PATTERNS serves systemd's service units, *.service for all, " + supervisorToken +
+                             " SOCKET|URL a supervisord's processes); serving nothing");
         return;
     }
-    if (!s.stateFile.empty() && s.systemdUnits) {
-        logLine(LOG_ERR, std::string(stateFileToken) + " " + s.stateFile + " and " + systemdToken + " " + *s.systemdUnits +
+    if (int(!s.stateFile.empty()) + int(s.systemdUnits.has_value()) + int(s.supervisor.has_value()) > 1) {
+        logLine(LOG_ERR, std::string(stateFileToken) + ", " + systemdToken + " and " + supervisorToken +
                              " exclude each other (snmpd named the file and line above); serving nothing");
         return;
     }
     const bool systemd = s.systemdUnits.has_value();
-    const char* sourceToken = systemd ? systemdToken : stateFileToken;
+    const bool supervisor = s.supervisor.has_value();
+    const char* sourceToken = supervisor ? supervisorToken : systemd ? systemdToken : stateFileToken;
+    const std::string sourceWord = supervisor ? *s.supervisor : systemd ? *s.systemdUnits : s.stateFile;
     const bool defaultModule = s.modulePath.empty();
 
     Agent::Serving::Settings settings;
     settings.source.stateFile = s.stateFile;
     settings.source.systemd = systemd;
     settings.source.units = s.systemdUnits.value_or("");
-    settings.source.launcher = s.launcher;
+    settings.source.supervisor = supervisor;
+    settings.source.supervisorAddress = s.supervisor.value_or("");
+    settings.source.supervisorEvents = s.supervisorEvents;
+    settings.source.supervisorAuth = s.supervisorAuth;
+    settings.source.serveCommandLines = s.serveCommandLines;
     settings.modulePath = defaultModule ? defaultModulePath() : s.modulePath;
     settings.contexts = s.contexts;
     settings.notify = s.notify;
@@ -340,7 +391,7 @@ void startServing() {
     try {
         serving.start(true);
     } catch (const std::exception& e) {
-        logLine(LOG_ERR, std::string(sourceToken) + " " + (systemd ? *s.systemdUnits : s.stateFile) + ": cannot watch it: " +
+        logLine(LOG_ERR, std::string(sourceToken) + " " + sourceWord + ": cannot watch it: " +
                              e.what() + "; serving nothing");
         stopServing(false);
         return;
@@ -378,7 +429,7 @@ int onShutdown(int, int, void*, void*);
 void withdraw(bool inShutdownCallback) {
     if (!bridge || bridge->withdrawn) return;
     bridge->withdrawn = true;
-    for (const char* token : {stateFileToken, systemdToken, moduleToken, contextToken, traceToken, holddownToken, rateToken,
+    for (const char* token : {stateFileToken, systemdToken, supervisorToken, supervisorEventsToken, supervisorAuthToken, moduleToken, contextToken, traceToken, holddownToken, rateToken,
                               notifyDataToken, commandLinesToken})
         snmpd_unregister_config_handler(token);
     snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr, 1);
@@ -404,6 +455,10 @@ void init_velmar_daemon_mib(void) {
         bridge = new Bridge;
         snmpd_register_config_handler(stateFileToken, parseStateFile, nullptr, "PATH (the launcher's state file)");
         snmpd_register_config_handler(systemdToken, parseSystemd, nullptr, "PATTERNS (systemd's service units, *.service for all)");
+        snmpd_register_config_handler(supervisorToken, parseSupervisor, nullptr, "SOCKET|URL (a supervisord's processes)");
+        snmpd_register_config_handler(supervisorEventsToken, parseSupervisorEvents, nullptr,
+                                      "SOCKET (where velmar-supervisor-events sends)");
+        snmpd_register_config_handler(supervisorAuthToken, parseSupervisorAuth, nullptr, "FILE (USER:PASSWORD)");
         snmpd_register_config_handler(moduleToken, parseModule, nullptr, "PATH (VelmarDaemonMIB.so)");
         snmpd_register_config_handler(contextToken, parseContext, nullptr, "NAME (an extra SNMP context)");
         snmpd_register_config_handler(traceToken, parseTrace, nullptr, "LEVELS (e.g. Snmp/0-2,8)");

@@ -26,6 +26,13 @@ constexpr std::size_t maxSkipLines = 20;
 
 std::string errnoText(int e) { return std::error_code(e, std::generic_category()).message(); }
 
+// Why a directory cannot be watched, with what to raise when it is a limit of the kernel's.
+std::string watchErrorText(int e) {
+    if (e == ENOSPC) return "the inotify watches are exhausted (ENOSPC): raise fs.inotify.max_user_watches";
+    if (e == EMFILE) return "the inotify instances are exhausted (EMFILE): raise fs.inotify.max_user_instances";
+    return errnoText(e);
+}
+
 } // namespace
 
 FileSource::FileSource(std::string path) : path_(std::move(path)), skeleton_("state file " + path_) {
@@ -39,10 +46,11 @@ FileSource::FileSource(std::string path) : path_(std::move(path)), skeleton_("st
 FileSource::~FileSource() { stop(); }
 
 void FileSource::accepted(const SkippedDaemons& skipped) {
+    reads_.fetch_add(1, std::memory_order_relaxed);
     const std::string last = skipped.empty() ? std::string() : skipLine(skipped.back());
     const SourceState was = skeleton_.updateHealth([&](SourceHealth& h) {
         const SourceState before = h.state;
-        ++h.reloads;
+        if (!catchUp_) ++h.reloads;
         h.state = SourceState::ok;
         h.lastRead = std::chrono::system_clock::now();
         h.skippedNow = skipped.size();
@@ -93,6 +101,8 @@ void FileSource::lost(const std::string& line) {
     skeleton_.postLine(Severity::warning, line);
 }
 
+std::uint64_t FileSource::reads() const { return reads_.load(std::memory_order_relaxed); }
+
 void FileSource::loadInitial() {
     if (worker_.joinable()) throw std::logic_error("FileSource::loadInitial: the source is started");
     LauncherState state;
@@ -119,7 +129,12 @@ void FileSource::loadInitial() {
 
 void FileSource::start() {
     if (worker_.joinable()) throw std::logic_error("FileSource::start: already started");
-    watcher_ = std::make_unique<DirectoryWatcher>(dir_, name_);
+    try {
+        watcher_ = std::make_unique<DirectoryWatcher>(dir_, name_);
+    } catch (const std::system_error& e) {
+        throw std::system_error(e.code(), "state file " + path_ + ": cannot watch directory " + dir_ + ": " +
+                                              watchErrorText(e.code().value()));
+    }
     stop_.drain();
     worker_ = std::thread([this] { run(); });
 }
@@ -166,6 +181,8 @@ void FileSource::reload(IfMissing ifMissing) {
     std::sort(kept.begin(), kept.end());
     kept.erase(std::unique(kept.begin(), kept.end()), kept.end());
     ChangedDaemons changed = digests_.commit(next, kept);
+    if (catchUp_ && !changed.empty())   // the file changed before the watch was armed: a reload after all
+        skeleton_.updateHealth([](SourceHealth& h) { ++h.reloads; });
     // What the parse took is free again once the worker is idle (see run()).
     next = LauncherState();
     releasePending_ = true;
@@ -175,17 +192,28 @@ void FileSource::reload(IfMissing ifMissing) {
 
 void FileSource::run() {
     bool lostDir = false;   // the directory could not be watched, and that was said
+    bool rewatch = false;   // the watch ended while the directory stayed: arm it and read again
     bool first = true;
     for (;;) {
         try {
             if (!watcher_->watching()) {
                 if (int err = watcher_->watch(); err == 0) {
                     if (lostDir) skeleton_.say(Severity::notice, "watching directory " + dir_ + " again");
-                    if (first) reload(loadedInitial_ ? IfMissing::sayRemoved : IfMissing::refuse);
-                    else if (lostDir) reload(IfMissing::ignore);
-                    lostDir = false;
+                    if (first) {
+                        // The initial load was counted: this read only catches up.
+                        catchUp_ = loadedInitial_;
+                        try {
+                            reload(loadedInitial_ ? IfMissing::sayRemoved : IfMissing::refuse);
+                        } catch (...) {
+                            catchUp_ = false;
+                            throw;
+                        }
+                        catchUp_ = false;
+                    }
+                    else if (lostDir || rewatch) reload(IfMissing::ignore);
+                    lostDir = rewatch = false;
                 } else if (!lostDir) {
-                    lost("state file " + path_ + ": cannot watch directory " + dir_ + ": " + errnoText(err) +
+                    lost("state file " + path_ + ": cannot watch directory " + dir_ + ": " + watchErrorText(err) +
                          "; serving the last state, trying again every " + std::to_string(rearmMillis) + " ms");
                     lostDir = true;
                 }
@@ -209,9 +237,16 @@ void FileSource::run() {
             if (n <= 0 || !fds[1].revents) continue;
             const DirectoryWatcher::Events events = watcher_->read();
             if (events.dirGone) {
-                lost("state file " + path_ + ": directory " + dir_ + " is gone; serving the last state, looking for it every " +
-                     std::to_string(rearmMillis) + " ms");
-                lostDir = true;
+                std::error_code ec;
+                if (std::filesystem::is_directory(dir_, ec)) {
+                    // The watch ended but the directory is there (a file system mounted over
+                    // it, say): arm it again, and say why if that fails.
+                    rewatch = true;
+                } else {
+                    lost("state file " + path_ + ": directory " + dir_ + " is gone; serving the last state, looking for it every " +
+                         std::to_string(rearmMillis) + " ms");
+                    lostDir = true;
+                }
             }
             // When the directory went, the reload follows once it is back.
             if (!watcher_->watching()) continue;

@@ -41,6 +41,7 @@
 #include "feed/core/Source.h"
 #include "feed/core/SourceSkeleton.h"
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
@@ -67,6 +68,11 @@ public:
 
     const std::string& path() const noexcept { return path_; }
 
+    // Every accepted read, the one made when the watch is first armed included (it catches
+    // a change made between loadInitial() and start(), and counts as a reload in health()
+    // only when it found one). Tests wait on it to know the watch is armed.
+    std::uint64_t reads() const;
+
 private:
     // What a reload does when the file is not there.
     enum class IfMissing { refuse, ignore, sayRemoved };
@@ -92,7 +98,9 @@ private:
     std::unique_ptr<DirectoryWatcher> watcher_;
     DaemonDigests digests_;
     bool releasePending_ = false;       // the worker has memory to hand back once idle
+    bool catchUp_ = false;              // the read made when the watch is first armed
     SourceState recoveredFrom_ = SourceState::notLoaded;   // a recovery to say, from this state
+    std::atomic<std::uint64_t> reads_{0};   // accepted reads (see reads())
 };
 
 } // namespace Feed

@@ -404,6 +404,9 @@ LauncherState parsePadded(const char* text, std::size_t n, const std::string& fi
                           SkippedDaemons* skipped) {
     std::string_view view(text, n);
     if (view.find_first_not_of(" \t\n\r") == std::string_view::npos) throw StateError(prefix(file) + "file is empty");
+    if (view.substr(0, 3) == "\xEF\xBB\xBF")
+        throw StateError(prefix(file) + "starts with a UTF-8 byte-order mark (EF BB BF), which JSON does not allow: "
+                                        "write the file without it");
     if (const void* zero = std::memchr(text, 0, n)) {
         auto [line, column] = lineColumn(view, static_cast<std::size_t>(static_cast<const char*>(zero) - text));
         throw StateError(prefix(file) + "line " + std::to_string(line) + ", column " + std::to_string(column) +

@@ -96,7 +96,8 @@ class AgentxTestCase(unittest.TestCase):
         return m
 
     def start_agent(self, ready="serving VELMAR-DAEMON-MIB"):
-        a = h.Process([h.AGENT, "--agentx", self.agentx, "--agentx-ping", str(PING), "--state", self.state_file],
+        tcp = ["--allow-tcp-agentx"] if self.socket_kind == "tcp" else []
+        a = h.Process([h.AGENT, "--agentx", self.agentx, "--agentx-ping", str(PING), "--state", self.state_file] + tcp,
                       ready)
         self.processes.append(a)
         self.agent = a

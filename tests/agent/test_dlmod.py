@@ -53,6 +53,18 @@ def sanitizer_env():
     return {"LD_PRELOAD": " ".join(preload), "ASAN_OPTIONS": (options + ":" if options else "") + "detect_leaks=0"}
 
 
+def blankless_bridge(directory, line):
+    """snmpd's dlmod directive takes the library's path as one word without blanks: in a
+    dlmod line, a bridge whose path has one is named through a link, in directory, to its
+    folder (its RUNPATH in the build tree is absolute, so it loads from there alike)."""
+    if not line.startswith("dlmod ") or not BRIDGE or not re.search(r"\s", BRIDGE) or BRIDGE not in line:
+        return line
+    link = os.path.join(directory, "bridge-folder")
+    if not os.path.islink(link):
+        os.symlink(os.path.dirname(BRIDGE), link)
+    return line.replace(BRIDGE, os.path.join(link, os.path.basename(BRIDGE)))
+
+
 class Snmpd(h.Process):
     """Debian's snmpd in the foreground with only the given configuration lines (after a
     read-only community for 127.0.0.1). Its log (-Lo) is standard output; it is ready once it
@@ -63,6 +75,7 @@ class Snmpd(h.Process):
         self.config = os.path.join(directory, "snmpd.conf")
         persistent = os.path.join(directory, "persistent")
         os.makedirs(os.path.join(persistent, "cert_indexes"), exist_ok=True)
+        lines = [blankless_bridge(directory, l) for l in lines]
         with open(self.config, "w", encoding="utf-8") as f:
             f.write("\n".join(["dontLogTCPWrappersConnects yes", "rocommunity public 127.0.0.1"] + list(lines)) + "\n")
         env = dict(os.environ)
@@ -90,7 +103,8 @@ class Snmpd(h.Process):
 
 
 def dlmod_lines(state_file, *extra):
-    return ["dlmod velmar_daemon_mib %s" % BRIDGE, "velmarStateFile %s" % state_file] + list(extra)
+    # The state file's path quoted, as snmpd.conf allows: it may have a blank (a clone's).
+    return ["dlmod velmar_daemon_mib %s" % BRIDGE, 'velmarStateFile "%s"' % state_file] + list(extra)
 
 
 def all_tables(port):

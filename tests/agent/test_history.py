@@ -178,7 +178,8 @@ class AgentHistoryTest(unittest.TestCase):
     def test_set_on_any_column_is_refused_not_writable(self):
         config = self.tmp.file("rw.conf")
         with open(config, "w", encoding="utf-8") as f:
-            f.write("rwcommunity private 127.0.0.1\n")
+            # Write access cannot be configured (--config refuses it): a second read community.
+            f.write("rocommunity private 127.0.0.1\n")
         agent, history = self.start(["--config", config])
         values = {"runningChanges": ("u", "7"), "enabledChanges": ("u", "7"), "lastRunningChange": ("t", "7"),
                   "lastEnabledChange": ("t", "7"), "lastRunningChangeTime": ("x", "07E80101000000002B0000")}
@@ -186,7 +187,7 @@ class AgentHistoryTest(unittest.TestCase):
             rc, out, err = h.run_tool("snmpset", h.common_args(agent.port, "private") +
                                       [h.oid_str(instance(column, "bgpd")), kind, value])
             self.assertNotEqual(rc, 0, column)
-            self.assertIn("notWritable", out + err, column)
+            self.assertIn("noAccess", out + err, column)
         self.assertEqual(HistoryReader(agent.port, "private").count("bgpd"), 0)
 
 

@@ -62,6 +62,7 @@ def tree_under_tmp():
 def namespace_prefix():
     """The unshare command that gives a private mount namespace here, or None."""
     if not shutil.which("unshare"):
+        print("no unshare here")
         return None
     under = tree_under_tmp()
     if under:
@@ -73,6 +74,7 @@ def namespace_prefix():
                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=30)
         if probe.returncode == 0:
             return prefix
+    print("no private mount namespace here")
     return None
 
 
@@ -88,7 +90,7 @@ class TemporaryDirectoryTest(unittest.TestCase):
         else:
             outer = tempfile.mkdtemp(prefix="velmar-tmpcheck-")
             argv = ["/bin/sh", "-c", INNER, "inner", os.path.join(outer, "tmp"), outer] + MODULES
-            print("no private mount namespace here: only a fresh TMPDIR is checked, not /tmp itself")
+            print("only a fresh TMPDIR is checked, not /tmp itself")
         try:
             r = subprocess.run(argv, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, errors="replace",
                                env=env, cwd=HERE, timeout=900)

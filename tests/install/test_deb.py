@@ -45,9 +45,13 @@ EXPECTED_FILES = {
     "./usr/share/velmar-daemon-mib/snmpd-agentx.conf": None,
     "./usr/share/velmar-daemon-mib/snmpd-dlmod.conf": None,
     "./usr/share/velmar-daemon-mib/velmar-snmp-agent-systemd.conf": None,
+    "./usr/share/velmar-daemon-mib/velmar-snmp-agent-supervisor.conf": None,
+    "./usr/share/doc/velmar-daemon-mib/supervisord-velmar-events.conf": None,
+    "./usr/bin/velmar-supervisor-events": None,   # links no library of the project
     "./usr/share/doc/velmar-daemon-mib/copyright": None,
     "./usr/share/doc/velmar-daemon-mib/changelog.Debian.gz": None,
     "./lib/systemd/system/velmar-snmp-agent.service": None,
+    "./usr/lib/sysusers.d/velmar-daemon-mib.conf": None,
     "./etc/snmp/snmpd.conf.d/velmar-daemon-mib.conf": None,
 }
 # Other files may only be further shared objects of the project, under its private
@@ -316,6 +320,18 @@ class DebianPackageTest(unittest.TestCase):
         for hardening in ("NoNewPrivileges=yes", "ProtectSystem=strict", "ProtectHome=yes", "PrivateTmp=yes",
                           "CapabilityBoundingSet="):
             self.assertIn(hardening, unit.splitlines())
+
+    def test_unit_runs_as_the_user_the_package_creates(self):
+        with open(self.path("./lib/systemd/system/velmar-snmp-agent.service")) as f:
+            lines = f.read().splitlines()
+        self.assertIn("User=velmar-snmp", lines)
+        self.assertIn("SupplementaryGroups=Debian-snmp", lines)
+        self.assertIn("IPAddressDeny=any", lines)
+        with open(self.path("./usr/lib/sysusers.d/velmar-daemon-mib.conf")) as f:
+            self.assertRegex(f.read(), r"(?m)^u velmar-snmp - ")
+        r = subprocess.run(["dpkg-deb", "-I", self.deb, "postinst"], capture_output=True, text=True, timeout=60)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertIn("systemd-sysusers velmar-daemon-mib.conf", r.stdout)
 
     @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd-analyze is not installed")
     def test_unit_verifies(self):

@@ -72,7 +72,7 @@ class ManPageTest(unittest.TestCase):
 
     def test_hand_written_sections_are_there(self):
         headings = re.findall(r"^([A-Z][A-Z ]+)$", self.text, re.M)
-        for section in ("NAME", "SYNOPSIS", "DESCRIPTION", "OPTIONS", "STATE FILE", "EXIT STATUS", "ENVIRONMENT",
+        for section in ("NAME", "SYNOPSIS", "DESCRIPTION", "OPTIONS", "STATE FILE", "SUPERVISORD SOURCE", "EXIT STATUS", "ENVIRONMENT",
                         "FILES", "EXAMPLES", "SEE ALSO"):
             self.assertIn(section, headings)
         self.assertLess(headings.index("OPTIONS"), headings.index("FILES"))

@@ -26,9 +26,10 @@ ALLOWED = {
     "feed": ["GenericAgent", "launcher", "orbel"],
     "feedfile": ["feed", "rapidjson", "xxhash"],
     "feedsystemd": ["feed", "libsystemd", "xxhash"],
+    "feedsupervisor": ["feed", "libcurl", "expat"],
     "notify": ["GenericAgent", "launcher", "orbel", "feed", "netsnmp"],
     "history": ["notify", "GenericAgent", "snmpstring", "launcher", "orbel"],
-    "agent": ["feed", "feedfile", "feedsystemd", "notify", "history", "snmpplugin", "statebase", "GenericAgent", "netsnmp", "cli11"],
+    "agent": ["feed", "feedfile", "feedsystemd", "feedsupervisor", "notify", "history", "snmpplugin", "statebase", "GenericAgent", "netsnmp", "cli11"],
 }
 
 # Third-party headers by the first part of their include path.
@@ -38,6 +39,8 @@ THIRD_PARTY = {
     "xxhash.h": "xxhash",
     "systemd": "libsystemd",
     "CLI": "cli11",
+    "curl": "libcurl",
+    "expat.h": "expat",
 }
 # Include prefixes of the product's own include roots, and where they point.
 ROOTS = {
@@ -63,7 +66,7 @@ def component_of(rel):
             return "snmpplugin" if stem in SNMP_PLUGIN_FILES else "snmpstring"
         return parts[1]
     if parts[0] == "feed":
-        return {"core": "feed", "file": "feedfile", "systemd": "feedsystemd"}.get(parts[1], "feed:" + parts[1])
+        return {"core": "feed", "file": "feedfile", "systemd": "feedsystemd", "supervisor": "feedsupervisor"}.get(parts[1], "feed:" + parts[1])
     if parts[0] == "agent" and len(parts) > 2 and parts[1] in ("notify", "history"):
         return parts[1]
     if parts[0] in ("agent", "mib", "GenericAgent"):

@@ -7,9 +7,9 @@
 //       --v3-auth authpass-fuzz --v3-priv privpass-fuzz --agent-pid 1234
 //
 // The agent must be configured with (the names can be changed on the command line):
-//   rocommunity public 127.0.0.1        rwcommunity private 127.0.0.1
+//   rocommunity public 127.0.0.1        rocommunity private 127.0.0.1
 //   createUser fuzzro SHA AUTH AES PRIV  rouser fuzzro priv
-//   createUser fuzzrw SHA AUTH AES PRIV  rwuser fuzzrw auth
+//   createUser fuzzrw SHA AUTH AES PRIV  rouser fuzzrw auth
 //   createUser fuzzbad SHA OTHER AES OTHER  rouser fuzzbad priv   (we send wrong passwords)
 // and its state must not change during the run.
 //

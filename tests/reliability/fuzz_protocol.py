@@ -42,12 +42,12 @@ def fuzz_state():
 
 def config_text():
     return ("rocommunity public 127.0.0.1\n"
-            "rwcommunity private 127.0.0.1\n"
+            "rocommunity private 127.0.0.1\n"
             'createUser fuzzro SHA "%s" AES "%s"\n' % (AUTH, PRIV) +
             'createUser fuzzrw SHA "%s" AES "%s"\n' % (AUTH, PRIV) +
             'createUser fuzzbad SHA "%s-other" AES "%s-other"\n' % (AUTH, PRIV) +
             "rouser fuzzro priv\n"
-            "rwuser fuzzrw auth\n"
+            "rouser fuzzrw auth\n"
             "rouser fuzzbad priv\n")
 
 

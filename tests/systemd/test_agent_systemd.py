@@ -376,22 +376,29 @@ def sanitized_agent():
     return "libasan" in p.stdout
 
 
-class PackagedUnitTest(SandboxTest):
-    """The packaged unit (Type=notify, watchdog, hardening) run by the sandbox's systemd,
-    with ExecStart pointing at the built agent: systemd learns when the agent serves, and a
-    start that cannot serve fails instead of looking started."""
+class PackagedUnitBase(SandboxTest):
+    """The packaged unit as shipped, with ExecStart replaced, installed into the sandbox."""
 
     def setUp(self):
         super().setUp()
         # The sandbox's root is an overlay of the host's root file system only.
         if SANDBOX.run("test -x %s && echo yes" % h.AGENT, check=False).strip() != "yes":
             self.skipTest("the built agent (%s) is on a mount the sandbox does not carry" % h.AGENT)
-        SANDBOX.run("mkdir -p /run/velmar-test")
+        # The shipped unit runs the agent as an unprivileged user of its own.
+        if SANDBOX.run("setpriv --reuid=65534 --regid=65534 --clear-groups test -x %s && echo yes" % h.AGENT,
+                       check=False).strip() != "yes":
+            self.skipTest("the built agent (%s) is not reachable by an unprivileged user (a private home?)" % h.AGENT)
+        SANDBOX.run("mkdir -p /run/velmar-test && chmod 755 /run/velmar-test")
+        # The package's system user, made the way its postinst makes it.
+        SANDBOX.run("systemd-sysusers %s" % os.path.join(h.SOURCE_DIR, "packaging", "velmar-daemon-mib.sysusers"))
 
-    def install_unit(self, name, exec_args, extra=""):
+    def install_unit(self, name, exec_args, extra="", exec_start=None):
         with open(os.path.join(h.SOURCE_DIR, "packaging", "velmar-snmp-agent.service")) as f:
             unit = f.read()
-        unit = re.sub(r"^ExecStart=.*$", "ExecStart=%s %s" % (h.AGENT, exec_args), unit, flags=re.M)
+        unit = re.sub(r"^ExecStart=.*$", exec_start or "ExecStart=%s %s" % (h.AGENT, exec_args), unit, flags=re.M)
+        if "--listen" in exec_args:
+            # Master mode on an IP address: what the unit's comment says to override.
+            unit += "\n[Service]\nIPAddressDeny=\n"
         # The build tree may be under /home; the installed agent is in /usr/bin.
         unit = unit.replace("ProtectHome=yes", "ProtectHome=no")
         if sanitized_agent():
@@ -407,6 +414,11 @@ class PackagedUnitTest(SandboxTest):
 
     def show(self, name, prop):
         return SANDBOX.run("systemctl show -P %s %s" % (prop, name), check=False).strip()
+
+class PackagedUnitTest(PackagedUnitBase):
+    """The packaged unit (Type=notify, watchdog, hardening) run by the sandbox's systemd,
+    with ExecStart pointing at the built agent: systemd learns when the agent serves, and a
+    start that cannot serve fails instead of looking started."""
 
     def test_ready_once_serving_with_status_journal_and_reload(self):
         SANDBOX.run("cp %s /run/velmar-test/ok.json" % os.path.join(h.SOURCE_DIR, "examples", "demo-state.json"))
@@ -456,6 +468,95 @@ class PackagedUnitTest(SandboxTest):
         self.assertIn("waiting for the master at /run/velmar-test/no-master", log)
 
 
+class PackagedUnitPrivilegeTest(PackagedUnitBase):
+    """What the shipped unit's settings leave a process that runs under them (a code
+    execution bug in the agent, say): no systemd unit started over the bus, no /etc/shadow;
+    and every mode still serves: AgentX to snmpd, the state file, systemd."""
+
+    PROBE = ("id -u; "
+             "if head -c1 /etc/shadow >/dev/null 2>&1; then echo shadow-read; else echo shadow-refused; fi; "
+             "if systemd-run --no-block --unit=velmar-escape /bin/sleep 60 >/dev/null 2>&1; then echo unit-started; "
+             "else echo unit-refused; fi")
+
+    def test_the_unit_cannot_start_a_unit_or_read_shadow(self):
+        self.install_unit("packaged-probe", "", "\n[Service]\nType=oneshot\nWatchdogSec=0\nRemainAfterExit=yes\n",
+                          exec_start="ExecStart=/bin/sh -c '%s'" % self.PROBE)
+        self.addCleanup(SANDBOX.run, "systemctl stop velmar-escape", 30.0, False)
+        SANDBOX.run("systemctl start packaged-probe", timeout=60.0, check=False)
+        out = SANDBOX.run("journalctl -u packaged-probe --no-pager -o cat", check=False)
+        self.assertIn("shadow-refused", out)
+        self.assertIn("unit-refused", out)
+        self.assertNotIn("shadow-read", out)
+        self.assertNotIn("unit-started", out)
+        self.assertNotEqual(self.show("velmar-escape.service", "ActiveState"), "active")
+        uid = [l for l in out.splitlines() if l.strip().isdigit()]
+        self.assertTrue(uid and int(uid[0]) != 0, out)
+
+    def wait_active(self, name, why=""):
+        SANDBOX.run("systemctl start --no-block %s" % name)
+        deadline = time.time() + 30
+        while time.time() < deadline and self.show(name, "ActiveState") != "active":
+            time.sleep(0.2)
+        self.assertEqual(self.show(name, "ActiveState"), "active",
+                         SANDBOX.run("journalctl -u %s --no-pager -o cat; %s" % (name, why or "true"), check=False))
+        self.assertIn("serving VELMAR-DAEMON-MIB", self.show(name, "StatusText"))
+        self.assertNotEqual(self.show(name, "MainPID"), "0")
+        uid = SANDBOX.run("stat -c %%u /proc/%s" % self.show(name, "MainPID"), check=False).strip()
+        self.assertNotEqual(uid, "0", "the agent runs as root")
+
+    def snmpget(self, port, oid):
+        p = subprocess.run(["nsenter", "-t", str(SANDBOX.systemd_pid), "-n", "snmpget", "-v2c", "-c", "public", "-r",
+                            "1", "-t", "2", "-On", "udp:127.0.0.1:%d" % port, h.oid_str(oid)],
+                           stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=30)
+        return p.returncode, p.stdout + p.stderr
+
+    def test_agentx_mode_serves_through_snmpd_with_the_shipped_socket_permissions(self):
+        with open(os.path.join(h.SOURCE_DIR, "examples", "snmpd-agentx.conf")) as f:
+            perms = re.search(r"^agentXPerms .*$", f.read(), re.M).group(0)
+        SANDBOX.run("cp %s /run/velmar-test/ax-ok.json && chmod 644 /run/velmar-test/ax-ok.json"
+                    % os.path.join(h.SOURCE_DIR, "examples", "demo-state.json"))
+        conf = "\n".join(["master agentx", "agentXSocket /run/velmar-test/agentx/master", perms,
+                          "view v included %s" % h.oid_str(h.ROOT), "rocommunity public 127.0.0.1 -V v", ""])
+        SANDBOX.run("cat > /run/velmar-test/snmpd.conf <<'CONF_END'\n%sCONF_END\n" % conf)
+        SANDBOX.run("systemd-run --unit=velmar-test-snmpd -p Environment=MIBS= /usr/sbin/snmpd -f -Lo -C "
+                    "-c /run/velmar-test/snmpd.conf -I agentx,vacm_conf -u Debian-snmp -g Debian-snmp "
+                    "udp:127.0.0.1:11171")
+        self.addCleanup(SANDBOX.run, "systemctl stop velmar-test-snmpd", 30.0, False)
+        deadline = time.time() + 10
+        while time.time() < deadline and SANDBOX.run("test -S /run/velmar-test/agentx/master && echo yes",
+                                                    check=False).strip() != "yes":
+            time.sleep(0.1)
+        self.install_unit("packaged-agent-agentx", "--agentx /run/velmar-test/agentx/master "
+                          "--state /run/velmar-test/ax-ok.json --agentx-ping 1")
+        self.wait_active("packaged-agent-agentx", "journalctl -u velmar-test-snmpd --no-pager -o cat; "
+                         "ls -la /run/velmar-test/agentx")
+        rc, out = self.snmpget(11171, flag_oid("enabled", "bgpd"))
+        self.assertEqual(rc, 0, out)
+        self.assertIn("INTEGER: 1", out)
+
+    def test_state_file_mode_serves(self):
+        SANDBOX.run("cp %s /run/velmar-test/st.json && chmod 644 /run/velmar-test/st.json"
+                    % os.path.join(h.SOURCE_DIR, "examples", "demo-state.json"))
+        self.install_unit("packaged-agent-st", "--state /run/velmar-test/st.json --listen udp:127.0.0.1:11172")
+        self.wait_active("packaged-agent-st")
+        rc, out = self.snmpget(11172, flag_oid("enabled", "bgpd"))
+        self.assertEqual(rc, 0, out)
+
+    def test_systemd_mode_serves(self):
+        self.install_unit("packaged-agent-sd", "--systemd --listen udp:127.0.0.1:11173")
+        self.wait_active("packaged-agent-sd")
+        deadline = time.time() + 10   # the units are read after the start, not before it
+        while True:
+            rc, out = self.snmpget(11173, flag_oid("running", "velmar-long"))
+            if "INTEGER: 1" in out or time.time() > deadline:
+                break
+            time.sleep(0.2)
+        why = out + self.show("packaged-agent-sd", "StatusText") + SANDBOX.run(
+            "journalctl -u packaged-agent-sd --no-pager -o cat | tail -5; systemctl is-active velmar-long", check=False)
+        self.assertEqual(rc, 0, why)
+        self.assertIn("INTEGER: 1", out, why)
+
+
 class CommandLineTest(unittest.TestCase):
     def refused(self, args):
         p = subprocess.run([h.AGENT] + args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=30)
@@ -465,16 +566,17 @@ class CommandLineTest(unittest.TestCase):
 
     def test_no_source_names_both(self):
         err = self.refused(["--listen", "udp:127.0.0.1:%d" % h.free_port()])
-        self.assertIn("no launcher source: give --state FILE or --systemd", err)
+        self.assertIn("no launcher source: give --state FILE, --systemd or --supervisor", err)
 
     def test_state_and_systemd_exclude_each_other(self):
         demo = os.path.join(h.SOURCE_DIR, "examples", "demo-state.json")
-        self.assertIn("--state and --systemd exclude each other", self.refused(["--state", demo, "--systemd"]))
+        self.assertIn("--state, --systemd and --supervisor exclude each other", self.refused(["--state", demo, "--systemd"]))
 
     def test_systemd_options_need_systemd(self):
         demo = os.path.join(h.SOURCE_DIR, "examples", "demo-state.json")
-        for opt, value in (("--units", "ssh.service"), ("--refresh", "5"), ("--system-bus", "unix:path=/x")):
-            self.assertIn("%s applies to --systemd only" % opt, self.refused(["--state", demo, opt, value]))
+        for opt, value in (("--units", "ssh.service"), ("--refresh", "5")):
+            self.assertIn("%s applies to --systemd and --supervisor only" % opt, self.refused(["--state", demo, opt, value]))
+        self.assertIn("--system-bus applies to --systemd only", self.refused(["--state", demo, "--system-bus", "unix:path=/x"]))
 
     def test_bad_patterns_are_named(self):
         err = self.refused(["--systemd", "--units", "ssh.service,,cron.service"])
@@ -538,7 +640,7 @@ class DlmodOnSandboxTest(SandboxTest):
         self.addCleanup(tmp.cleanup)
         demo = os.path.join(h.SOURCE_DIR, "examples", "demo-state.json")
         snmpd = test_dlmod.Snmpd(tmp.path, ["dlmod velmar_daemon_mib %s" % test_dlmod.BRIDGE, "velmarSystemd " + UNITS,
-                                            "velmarStateFile " + demo])
+                                            'velmarStateFile "%s"' % demo])   # quoted: a clone's path may have a blank
         self.addCleanup(snmpd.stop)
         line = snmpd.wait_log("exclude each other (snmpd named the file and line above); serving nothing")
         self.assertIsNotNone(line, snmpd.log())

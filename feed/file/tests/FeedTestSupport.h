@@ -4,6 +4,7 @@
 
 #include "feed/core/StateFeed.h"
 #include "feed/file/FileSource.h"
+#include "InotifyFaults.h"
 #include "feed/file/StateReader.h"
 
 #include <gtest/gtest.h>
@@ -98,7 +99,7 @@ inline std::string toJson(const LauncherState& state) {
 }
 
 inline DaemonState daemonWith(std::map<std::string, std::string> options, bool enabled = true,
-                          std::optional<std::map<std::string, std::string>> data = std::nullopt, bool running = true) {
+                   std::optional<std::map<std::string, std::string>> data = std::nullopt, bool running = true) {
     DaemonState d;
     d.hasConfig = true;
     d.enabled = enabled;
@@ -207,6 +208,9 @@ inline void replaceFile(const fs::path& path, const std::string& text) {
     writeFile(tmp, text);
     fs::rename(tmp, path);
 }
+
+// Accepted reads of the feed's file source, the one when the watch is armed included.
+inline std::uint64_t reads(StateFeed& feed) { return dynamic_cast<FileSource&>(feed.source()).reads(); }
 
 // Handles the feed's events until pred() holds; false when 5 s pass first.
 template <class Pred>

@@ -23,7 +23,7 @@ protected:
         StateFeed& feed = makeFeed(sub / "state.json");
         feed.loadInitial();
         feed.start();
-        EXPECT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));   // watching
+        EXPECT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 2; }));   // watching
         return feed;
     }
 
@@ -94,7 +94,7 @@ TEST_F(FileFeed, RefusesABadFileAndKeepsServing) {
     StateFeed& feed = makeFeed(path);
     feed.loadInitial();
     feed.start();
-    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));
+    ASSERT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 2; }));
     auto rows = rowsOf(*mib);
     auto version = mib->version();
 
@@ -127,7 +127,7 @@ TEST_F(FileFeed, PartlyBadReloadAppliesEveryGoodDaemonAndKeepsTheBadOnesLastStat
     StateFeed& feed = makeFeed(path);
     feed.loadInitial();
     feed.start();
-    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));
+    ASSERT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 2; }));
     log.clear();
 
     // bgpd: a value of the wrong type; ntpd and sshd changed; lldpd new but with an
@@ -152,7 +152,7 @@ TEST_F(FileFeed, PartlyBadReloadAppliesEveryGoodDaemonAndKeepsTheBadOnesLastStat
     EXPECT_EQ(rowsOf(*mib), expectedRows(expected));
     SourceHealth health = feed.source().health();
     EXPECT_EQ(health.state, SourceState::ok);
-    EXPECT_EQ(health.reloads, 3u);
+    EXPECT_EQ(health.reloads, 2u);   // the initial load and the change, not the read at start
     EXPECT_EQ(health.refused, 0u);
     EXPECT_EQ(health.skipped, 2u);
     EXPECT_EQ(health.skippedNow, 2u);
@@ -283,12 +283,62 @@ TEST_F(FileFeed, RemovedFileLeavesTheStateServed) {
     StateFeed& feed = makeFeed(path);
     feed.loadInitial();
     feed.start();
-    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));   // the reload at start
+    ASSERT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 2; }));   // the reload at start
     fs::remove(path);
     EXPECT_TRUE(pumpUntil(feed, [&] { return log.size() == 2; }));
     EXPECT_EQ(log.back(), "state file " + path.string() + ": removed; serving the last state until it is written again");
     EXPECT_EQ(feed.applied(), s);
     EXPECT_EQ(feed.refused(), 0u);
+}
+
+TEST_F(FileFeed, InotifyInstancesExhaustedAtStartNameTheLimit) {
+    writeFile(path, toJson({{"bgpd", DaemonState{}}}));
+    StateFeed& feed = makeFeed(path);
+    feed.loadInitial();
+    InotifyFaults::initErrno = EMFILE;
+    try {
+        feed.start();
+        ADD_FAILURE() << "started without an inotify instance";
+    } catch (const std::system_error& e) {
+        EXPECT_NE(std::string(e.what()).find("state file " + path.string() + ": cannot watch directory " +
+                                             path.parent_path().string() +
+                                             ": the inotify instances are exhausted (EMFILE): raise "
+                                             "fs.inotify.max_user_instances"),
+                  std::string::npos)
+            << e.what();
+    }
+    InotifyFaults::initErrno = 0;
+}
+
+TEST_F(FileFeed, InotifyWatchesExhaustedNameTheLimitAndRecover) {
+    writeFile(path, toJson({{"bgpd", DaemonState{}}}));
+    StateFeed& feed = makeFeed(path);
+    feed.loadInitial();
+    InotifyFaults::addWatchErrno = ENOSPC;
+    feed.start();
+    const std::string said = "state file " + path.string() + ": cannot watch directory " +
+                             path.parent_path().string() +
+                             ": the inotify watches are exhausted (ENOSPC): raise fs.inotify.max_user_watches; "
+                             "serving the last state";
+    EXPECT_TRUE(pumpUntil(feed, [&] {
+        return std::any_of(log.begin(), log.end(), [&](const std::string& l) { return l.rfind(said, 0) == 0; });
+    }));
+    for (const auto& l : log) EXPECT_EQ(l.find("is gone"), std::string::npos) << l;
+    InotifyFaults::addWatchErrno = 0;
+    const std::string again = "state file " + path.string() + ": watching directory " + path.parent_path().string() + " again";
+    EXPECT_TRUE(pumpUntil(feed, [&] { return std::find(log.begin(), log.end(), again) != log.end(); }));
+}
+
+TEST_F(FileFeed, InitialLoadCountsAsOneReload) {
+    writeFile(path, toJson({{"bgpd", daemonWith({{"asn", "1"}})}}));
+    StateFeed& feed = makeFeed(path, false);
+    feed.loadInitial();
+    feed.start();
+    ASSERT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 2; }));   // watching
+    EXPECT_EQ(feed.reloads(), 1u);
+    replaceFile(path, toJson({{"bgpd", daemonWith({{"asn", "2"}})}}));
+    EXPECT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 3; }));
+    EXPECT_EQ(feed.reloads(), 2u);
 }
 
 TEST_F(FileFeed, UnchangedFileAppliesNothing) {
@@ -297,9 +347,9 @@ TEST_F(FileFeed, UnchangedFileAppliesNothing) {
     StateFeed& feed = makeFeed(path, false);
     feed.loadInitial();
     feed.start();
-    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));   // the reload at start
+    EXPECT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 2; }));   // the reload at start
     replaceFile(path, toJson(s));
-    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 3; }));
+    EXPECT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 3; }));
     EXPECT_EQ(feed.handleEvent(), 0u);
     EXPECT_EQ(feed.applies(), 1u);   // only loadInitial's
 }
@@ -320,8 +370,8 @@ TEST_F(FileFeed, QueuedReloadsApplyInOrderAgainstWhatIsServed) {
     feed.start();
     auto reloaded = [&](std::uint64_t n) {
         auto deadline = std::chrono::steady_clock::now() + 5s;
-        while (feed.reloads() < n && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(5ms);
-        return feed.reloads() >= n;
+        while (reads(feed) < n && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(5ms);
+        return reads(feed) >= n;
     };
     ASSERT_TRUE(reloaded(2));   // the reload at start
     std::uint64_t n = 2;
@@ -358,7 +408,7 @@ TEST_F(FileFeed, ReloadSkipsADuplicateOfAnUnchangedDaemonAndKeepsItsDigest) {
     StateFeed& feed = makeFeed(path);
     feed.loadInitial();
     feed.start();
-    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 2; }));
+    ASSERT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 2; }));
 
     // bgpd unchanged, ntpd changed, then bgpd again, different.
     replaceFile(path, "{\"daemons\": {\"bgpd\": {\"config\": {\"enabled\": true, \"options\": {\"asn\": \"65001\"}}},\n"
@@ -373,7 +423,7 @@ TEST_F(FileFeed, ReloadSkipsADuplicateOfAnUnchangedDaemonAndKeepsItsDigest) {
     // bgpd's digest is the one of the last good file: writing that file again changes
     // nothing for bgpd, and a changed bgpd is applied.
     replaceFile(path, toJson(next));
-    ASSERT_TRUE(pumpUntil(feed, [&] { return feed.reloads() == 4; }));
+    ASSERT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 4; }));
     EXPECT_EQ(log.size(), 3u) << log.back();
     LauncherState last = next;
     last["bgpd"].options["asn"] = "65002";

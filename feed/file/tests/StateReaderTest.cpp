@@ -125,6 +125,9 @@ TEST(StateParse, RefusesEachBadFileWithItsLine) {
          "state file /x/state.json: daemon \"bgpd\" status: unknown member \"options\", expected \"running\" or \"data\" (line 1)"},
         {"missing or empty", "{}",
          "state file /x/state.json: top level: no \"daemons\" member (line 1)"},
+        {"byte-order mark", "\xEF\xBB\xBF{\"daemons\": {}}",
+         "state file /x/state.json: starts with a UTF-8 byte-order mark (EF BB BF), which JSON does not allow: write "
+         "the file without it"},
         {"missing or empty", "",
          "state file /x/state.json: file is empty"},
         {"missing or empty", " \n\t\r\n",
