@@ -25,6 +25,7 @@ Feed::SystemdSource::Options systemdOptions(const SourceSettings& s) {
     o.patterns = Feed::parseUnitPatterns(s.units.empty() ? Feed::defaultUnitPatterns : s.units);
     if (s.refresh) o.refresh = *s.refresh;
     o.busAddress = s.systemBus;
+    o.settings.serveCommandLines = s.serveCommandLines;
     return o;
 }
 

@@ -28,6 +28,10 @@ void addSourceOptions(CLI::App& app, AgentOptions& o) {
     app.add_option("--system-bus", o.systemBus,
                    "With --systemd: the D-Bus address of the system bus, e.g. unix:path=/run/dbus/system_bus_socket")
         ->default_str("$DBUS_SYSTEM_BUS_ADDRESS, else unix:path=/run/dbus/system_bus_socket");
+    app.add_flag("--serve-command-lines", o.serveCommandLines,
+                 "Serve each daemon's whole command line (systemd: the option ExecStart) instead of the executable's "
+                 "path only. Arguments can hold secrets (a password on a command line) and anyone who may read the "
+                 "tables reads them: give it only when the tables are read by trusted managers");
     addSupervisorOptions(app, o);
 }
 

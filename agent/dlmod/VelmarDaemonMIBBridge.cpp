@@ -20,6 +20,8 @@
 //                                                 # the socket velmar-supervisor-events sends to
 //                                                 # (none: every process is read each 10 s)
 //   velmarSupervisorAuth /etc/snmp/supervisor.auth  # USER:PASSWORD, when supervisord asks
+//   velmarServeCommandLines yes                   # serve whole command lines (default no: the
+//                                                 # executable's path; arguments can hold secrets)
 //   velmarModule /usr/lib/velmar/modules/VelmarDaemonMIB.so
 //                                                 # default: ../modules/VelmarDaemonMIB.so
 //                                                 # beside this library (build tree or install)
@@ -93,6 +95,7 @@ struct Settings {
     std::optional<std::string> supervisor;    // velmarSupervisor's address
     std::string supervisorEvents;
     std::string supervisorAuth;
+    bool serveCommandLines = false;           // velmarServeCommandLines
     std::string modulePath;
     std::vector<std::string> contexts;
     Agent::NotifyScheduler::Settings notify;
@@ -121,6 +124,7 @@ constexpr const char* contextToken = "velmarContext";
 constexpr const char* traceToken = "velmarTrace";
 constexpr const char* holddownToken = "velmarNotifyHolddown";
 constexpr const char* rateToken = "velmarNotifyRate";
+constexpr const char* commandLinesToken = "velmarServeCommandLines";
 constexpr const char* notifyDataToken = "velmarNotifyData";
 
 // The one word of a directive's argument (double quotes allowed, as elsewhere in
@@ -185,6 +189,15 @@ void parseSystemd(const char* token, char* line) {
         if (!bridge) return;
         if (!bridge->settings.stateFile.empty() || bridge->settings.supervisor) reportSecondSource(token);
         bridge->settings.systemdUnits = *w;
+    });
+}
+
+void parseCommandLines(const char* token, char* line) {
+    guarded(token, [&] {
+        auto w = oneWord(token, line, "yes or no");
+        if (!w) return;
+        if (*w != "yes" && *w != "no") return config_perror((std::string(token) + " takes yes or no, not " + *w).c_str());
+        if (bridge) bridge->settings.serveCommandLines = *w == "yes";
     });
 }
 
@@ -344,6 +357,7 @@ void startServing() {
     settings.source.supervisorAddress = s.supervisor.value_or("");
     settings.source.supervisorEvents = s.supervisorEvents;
     settings.source.supervisorAuth = s.supervisorAuth;
+    settings.source.serveCommandLines = s.serveCommandLines;
     settings.modulePath = defaultModule ? defaultModulePath() : s.modulePath;
     settings.contexts = s.contexts;
     settings.notify = s.notify;
@@ -416,7 +430,7 @@ void withdraw(bool inShutdownCallback) {
     if (!bridge || bridge->withdrawn) return;
     bridge->withdrawn = true;
     for (const char* token : {stateFileToken, systemdToken, supervisorToken, supervisorEventsToken, supervisorAuthToken, moduleToken, contextToken, traceToken, holddownToken, rateToken,
-                              notifyDataToken})
+                              notifyDataToken, commandLinesToken})
         snmpd_unregister_config_handler(token);
     snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr, 1);
     if (!inShutdownCallback) snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_SHUTDOWN, onShutdown, nullptr, 1);
@@ -451,6 +465,7 @@ void init_velmar_daemon_mib(void) {
         snmpd_register_config_handler(holddownToken, parseHolddown, nullptr, "MS (notification hold-down, default 1000)");
         snmpd_register_config_handler(rateToken, parseRate, nullptr, "N (notifications per second at most, default 100)");
         snmpd_register_config_handler(notifyDataToken, parseNotifyData, nullptr, "KEYS (data keys a running change carries)");
+        snmpd_register_config_handler(commandLinesToken, parseCommandLines, nullptr, "yes|no (whole command lines, default no)");
         // No client argument: the library frees client arguments with free() when it clears
         // its callbacks.
         snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr);

@@ -75,6 +75,14 @@ struct SourceHealth {
     std::string launcher;
 };
 
+// What the operator chose for whichever source is served.
+struct SourceSettings {
+    // Serve a daemon's whole command line. Off: only the executable's path, because
+    // arguments can hold secrets (a password on a command line) and the tables are often
+    // readable by a community such as "public".
+    bool serveCommandLines = false;
+};
+
 class Source {
 public:
     virtual ~Source() = default;

@@ -1,6 +1,6 @@
 // The service units of the system manager (systemd) as a launcher source, followed live
-// over the system bus with sd-bus. Which units count and how a unit becomes a daemon:
-// UnitMapping.h.
+// over the system bus with sd-bus. Which units are daemons and how: UnitTracker.h and
+// UnitMapping.h; the properties read: UnitProperties.h.
 //
 //   Feed::SystemdSource::Options o;
 //   o.patterns = Feed::parseUnitPatterns("ssh*,getty@*");  // default: every service
@@ -9,62 +9,54 @@
 //                                                           // else the standard system bus
 //   Feed::StateFeed feed(std::make_unique<Feed::SystemdSource>(o), mib, log);
 //
-// What it does:
-//   - loadInitial connects on the calling thread, calls the manager's Subscribe, lists
-//     every loaded unit matching the patterns (ListUnitsByPatterns), reads the properties
-//     of their Unit and Service interfaces and queues them as one batch. When the bus or
-//     systemd cannot be reached it queues one line saying so and returns: the worker
-//     keeps trying, and says when it has connected.
-//   - start() runs a worker thread that owns the bus connection from then on and follows
-//     the manager's signals: UnitNew and UnitRemoved (units that come and go),
-//     PropertiesChanged of the units' Unit and Service interfaces (state, PIDs, results,
-//     timestamps), UnitFilesChanged (enabled or disabled: the unit file states are read
-//     again) and Reloading (after a daemon-reload everything is read again). When systemd
-//     leaves the bus (daemon-reexec) or the bus connection drops, the last state stays
-//     served, the health is "bus lost" and one line says so; once systemd (or the bus) is
-//     back every unit is read again and one line says that too. The connection is retried
-//     after 100 ms, doubling up to 5 s.
-//   - memory, CPU time and tasks have no change signal: every `refresh` the worker reads
-//     them for each unit that is not inactive (and whenever a unit's ActiveState changes).
-//   - the loop is handed only the daemons that differ from what the source handed it last.
-//     A unit is handed over once all the properties asked for it have arrived; the units
-//     of a full read (at start, after a reload, re-exec or reconnect) go over as one batch.
+// This file is the shell: it owns the connection and the worker thread, turns the
+// tracker's calls into asynchronous D-Bus calls and systemd's answers and signals into
+// the tracker's input, and hands over the daemons the tracker says changed.
+//   - loadInitial connects on the calling thread without waiting for systemd (matches and
+//     Subscribe are asynchronous), and drives the first read for at most initialWait; a
+//     systemd that has not answered by then is read by the worker after start().
+//   - start() runs the worker, which follows UnitNew, UnitRemoved, PropertiesChanged,
+//     UnitFilesChanged and Reloading. When systemd leaves the bus or the connection
+//     drops, the last state stays served, the health is "bus lost" and one line says so;
+//     once back, every unit is read again. Reconnects after 100 ms, doubling up to 5 s.
+//   - every call has a timeout (callTimeout); at most 64 are outstanding; the refresh
+//     timer starts no round while the last is unanswered.
+//   - when a call has waited more than unresponsiveAfter, the health is "not answering"
+//     (one line says so) until systemd answers again, then everything is read again. A
+//     Ping every probeInterval while nothing else is outstanding keeps lastRead (when
+//     systemd last proved it is alive) fresh and finds a hang on a quiet system.
 //
-// Threads: the bus connection is used by one thread at a time: the caller's in loadInitial,
-// then the worker's between start() and stop(). Replies and signals are processed in the
-// order systemd sent them, so that a reply never overwrites a newer signal. Once connected
-// (AddMatch and Subscribe are the only calls that wait for their reply) every call on the
-// bus is asynchronous, at most 64 outstanding (within the system bus's per-connection
-// limit), so the worker keeps reading signals while units are read, and sees a stop() at once.
+// Threads: the connection is used by one thread at a time: the caller's in loadInitial,
+// then the worker's between start() and stop().
 //
 // Lines it queues (ADDR is the bus address):
 //   systemd on ADDR: cannot connect: <error>; serving nothing, trying again          (warning)
 //   systemd on ADDR: systemd is not on the bus; waiting for it                       (warning)
 //   systemd on ADDR: connected; reading every unit                                   (notice)
-//   systemd on ADDR: back on the bus; reading every unit again                       (notice)
 //   systemd on ADDR: lost the bus: <error>; serving the last state, reconnecting     (warning)
 //   systemd on ADDR: systemd left the bus; serving the last state until it is back   (warning)
 //   systemd on ADDR: systemd is back; reading every unit again                       (notice)
+//   systemd on ADDR: systemd does not answer (a call waited N s); serving the last state (warning)
+//   systemd on ADDR: systemd answers again (N calls timed out, at most M waiting at once); reading every unit again (notice)
 //   systemd on ADDR: unit "U" skipped: its name is N bytes, more than 32 ...         (warning, once per unit)
 //   systemd on ADDR: <a call that failed>: <error>                                   (warning)
 #pragma once
 
 #include "UnitMapping.h"
 
-#include "feed/core/EventFd.h"
 #include "feed/core/Source.h"
 #include "feed/core/SourceSkeleton.h"
 
 #include <atomic>
 #include <chrono>
-#include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace Feed {
+
+class SystemdShell;
 
 class SystemdSource final : public Source {
 public:
@@ -72,43 +64,45 @@ public:
         std::vector<std::string> patterns{std::string(defaultUnitPatterns)};
         std::chrono::seconds refresh{10};   // memory, CPU and tasks; 0: never
         std::string busAddress;             // empty: $DBUS_SYSTEM_BUS_ADDRESS, else the system bus
+        SourceSettings settings;            // whole command lines or not
+        std::chrono::milliseconds callTimeout{10000};
+        std::chrono::milliseconds unresponsiveAfter{3000};
+        std::chrono::milliseconds probeInterval{5000};
+        std::chrono::milliseconds initialWait{2000};
     };
 
     // The bus address the source would use with these options.
     static std::string busAddressFor(const Options& options);
 
-    // Throws std::invalid_argument for no patterns or a negative refresh,
-    // std::system_error when descriptors cannot be had.
+    // Throws std::invalid_argument for no patterns, a negative refresh or a timing that is
+    // not positive, std::system_error when descriptors cannot be had.
     explicit SystemdSource(Options options);
     // Stops the worker and closes the connection.
     ~SystemdSource() override;
 
     // "systemd on unix:path=/run/dbus/system_bus_socket".
-    std::string description() const override;
+    std::string description() const override { return skeleton_.name(); }
     void loadInitial() override;
     void start() override;
     void stop() override;
     int eventFd() const noexcept override { return skeleton_.eventFd(); }
-    std::vector<SourceEvent> take() override;
-    SourceHealth health() const override;
+    std::vector<SourceEvent> take() override { return skeleton_.take(); }
+    SourceHealth health() const override { return skeleton_.health(); }
     // Reads every unit again, or tries the bus again at once while it is unreachable.
     void reread() override { reread_.signal(); }
 
     const std::string& busAddress() const noexcept { return address_; }
-    // Daemons handed over (those being served, once taken), and matching units not served
-    // because their name is too long for an SNMP index.
-    std::size_t daemons() const noexcept { return daemons_.load(); }
-    std::size_t skippedUnits() const noexcept { return skipped_.load(); }
-    // Connected to the bus with systemd on it.
-    bool connected() const noexcept { return connected_.load(); }
+    // Calls sent and not answered, and waiting to be sent (for tests and benchmarks).
+    std::size_t callsOutstanding() const noexcept { return counts_.outstanding.load(); }
+    std::size_t callsQueued() const noexcept { return counts_.queued.load(); }
 
-    class Worker;                       // the bus side (SystemdSource.cpp)
+    struct Counts {
+        std::atomic<std::size_t> outstanding{0};
+        std::atomic<std::size_t> queued{0};
+    };
 
 private:
-    friend class Worker;
     void run();
-    void post(SourceEvent event);
-    void say(Severity severity, const std::string& text);
 
     Options options_;
     std::string address_;
@@ -117,12 +111,8 @@ private:
     EventFd reread_;                    // reread() -> worker
     std::thread worker_;
     bool loadedInitial_ = false;
-    bool posted_ = false;               // a batch of daemons has been queued
-    std::unique_ptr<Worker> bus_;       // the connection and what is known of the units
-
-    std::atomic<std::size_t> daemons_{0};
-    std::atomic<std::size_t> skipped_{0};
-    std::atomic<bool> connected_{false};
+    Counts counts_;
+    std::unique_ptr<SystemdShell> shell_;   // the connection (SystemdShell.h)
 };
 
 } // namespace Feed

@@ -11,14 +11,6 @@ namespace {
 
 constexpr std::string_view serviceSuffix = ".service";
 
-constexpr bool keysFitIndex(const auto& keys) {
-    for (std::string_view k : keys)
-        if (k.empty() || k.size() > GenericAgent::maxIndexKeyBytes) return false;
-    return true;
-}
-static_assert(keysFitIndex(unitOptionKeys) && keysFitIndex(unitDataKeys),
-              "every option and data key of a unit must fit the SNMP index");
-
 bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
 
 std::string_view trimmed(std::string_view s) {
@@ -31,17 +23,6 @@ std::string_view trimmed(std::string_view s) {
 void put(std::map<std::string, std::string>& to, std::string_view key, std::string value) {
     if (value.empty()) return;
     to.emplace(std::string(key), cutToBytes(std::move(value), maxValueBytes));
-}
-
-std::string counter(std::uint64_t v) { return v == unitInfinity ? std::string() : std::to_string(v); }
-
-std::string joined(const std::vector<std::string>& items) {
-    std::string out;
-    for (const std::string& s : items) {
-        if (!out.empty()) out += ' ';
-        out += s;
-    }
-    return out;
 }
 
 } // namespace
@@ -64,7 +45,7 @@ std::vector<std::string> parseUnitPatterns(std::string_view patterns) {
 }
 
 bool unitMatches(std::string_view unitId, const std::vector<std::string>& patterns) {
-    if (!daemonNameOf(unitId)) return false;
+    if (!daemonNameOf(unitId) || isTemplateUnit(unitId)) return false;
     std::string id(unitId);
     return std::any_of(patterns.begin(), patterns.end(), [&](const std::string& p) {
         return ::fnmatch(p.c_str(), id.c_str(), FNM_NOESCAPE) == 0;
@@ -80,45 +61,42 @@ bool daemonNameFits(std::string_view name) {
     return !name.empty() && name.size() <= GenericAgent::maxDaemonNameBytes;
 }
 
+bool isTemplateUnit(std::string_view unitId) { return unitId.ends_with("@" + std::string(serviceSuffix)); }
+
 bool unitIsDaemon(const UnitInfo& unit) {
     const std::string& s = unit.loadState;
-    return s == "loaded" || s == "masked" || s == "bad-setting" || s == "error";
+    return s == "loaded" || s == "not-found" || s == "bad-setting" || s == "error" || s == "masked";
+}
+
+bool unitFileEnabled(std::string_view state) {
+    return state == "enabled" || state == "enabled-runtime" || state == "transient";
 }
 
 bool unitRunning(const UnitInfo& unit) {
-    return unit.subState == "running" || unit.subState.starts_with("reload");
+    return unit.loadState == "loaded" && (unit.subState == "running" || unit.subState.starts_with("reload"));
 }
 
-DaemonState daemonStateOf(const UnitInfo& u) {
+DaemonState daemonStateOf(const UnitInfo& u, const MappingOptions& options) {
     DaemonState d;
     d.hasConfig = true;
-    d.enabled = u.unitFileState == "enabled" || u.unitFileState == "enabled-runtime";
-    put(d.options, "Description", u.description);
-    put(d.options, "LoadState", u.loadState);
-    put(d.options, "UnitFileState", u.unitFileState);
-    put(d.options, "UnitFilePreset", u.unitFilePreset);
-    put(d.options, "FragmentPath", u.fragmentPath);
-    put(d.options, "DropInPaths", joined(u.dropInPaths));
-    put(d.options, "Type", u.type);
-    put(d.options, "Restart", u.restart);
-    put(d.options, "User", u.user);
-    put(d.options, "ExecStart", u.execStart.empty() ? std::string() : commandLineText(u.execStart));
-
+    d.enabled = unitFileEnabled(u.unitFileState);
     d.hasStatus = true;
     d.running = unitRunning(u);
-    put(d.data, "ActiveState", u.activeState);
-    put(d.data, "SubState", u.subState);
-    put(d.data, "Result", u.result);
-    put(d.data, "MainPID", u.mainPid == 0 ? std::string() : std::to_string(u.mainPid));
-    put(d.data, "NRestarts", std::to_string(u.nRestarts));
-    bool exited = u.execMainExitTimestamp != 0 && u.execMainExitTimestamp != unitInfinity;
-    put(d.data, "ExecMainStatus", exited ? std::to_string(u.execMainStatus) : std::string());
-    put(d.data, "ExecMainExitTimestamp", isoTimestamp(u.execMainExitTimestamp));
-    put(d.data, "ActiveEnterTimestamp", isoTimestamp(u.activeEnterTimestamp));
-    put(d.data, "InactiveEnterTimestamp", isoTimestamp(u.inactiveEnterTimestamp));
-    put(d.data, "MemoryCurrent", counter(u.memoryCurrent));
-    put(d.data, "CPUUsageNSec", counter(u.cpuUsageNSec));
-    put(d.data, "TasksCurrent", counter(u.tasksCurrent));
+    for (const UnitProperty& p : unitProperties()) {
+        if (p.serve == Serve::none) continue;
+        put(p.serve == Serve::option ? d.options : d.data, p.name, propertyText(p, u, options.wholeCommandLines));
+    }
+    return d;
+}
+
+DaemonState daemonStateOfFile(std::string_view unitFileState, std::string_view path) {
+    DaemonState d;
+    d.hasConfig = true;
+    d.enabled = unitFileEnabled(unitFileState);
+    d.hasStatus = true;
+    d.running = false;
+    put(d.options, "UnitFileState", std::string(unitFileState));
+    put(d.options, "FragmentPath", std::string(path));
     return d;
 }
 

@@ -25,7 +25,7 @@ ALLOWED = {
     "mib": ["GenericAgent", "snmpstring", "snmpplugin", "netsnmp"],
     "feed": ["GenericAgent", "launcher", "orbel"],
     "feedfile": ["feed", "rapidjson", "xxhash"],
-    "feedsystemd": ["feed", "libsystemd"],
+    "feedsystemd": ["feed", "libsystemd", "xxhash"],
     "feedsupervisor": ["feed", "libcurl", "expat"],
     "notify": ["GenericAgent", "launcher", "orbel", "feed", "netsnmp"],
     "history": ["notify", "GenericAgent", "snmpstring", "launcher", "orbel"],

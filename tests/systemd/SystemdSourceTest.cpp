@@ -153,10 +153,11 @@ TEST_F(SystemdSourceTest, InitialLoadServesTheTestServices) {
     EXPECT_FALSE(s.at("velmar-once").running);
     EXPECT_EQ(s.at("velmar-once").data.at("SubState"), "exited");
     EXPECT_TRUE(running(s, "velmar-worker@1"));
-    EXPECT_EQ(s.at("velmar-long").options.at("ExecStart"), "/bin/sleep infinity");
+    // The executable only: arguments can hold secrets (--serve-command-lines serves them).
+    EXPECT_EQ(s.at("velmar-long").options.at("ExecStart"), "/bin/sleep");
     EXPECT_TRUE(s.at("velmar-long").data.count("MainPID"));
     EXPECT_FALSE(s.count("velmar-a-service-whose-name-is-well-over-32-bytes"));
-    EXPECT_EQ(source->skippedUnits(), 1u);
+    EXPECT_EQ(source->health().skippedNow, 1u);
     bool said = false;
     for (const auto& l : served.lines) said |= l.find("velmar-a-service-whose-name-is-well-over-32-bytes") != std::string::npos;
     EXPECT_TRUE(said);

@@ -152,7 +152,7 @@ class AgentOnSandboxTest(SandboxTest):
                 continue  # restarts every second: running comes and goes
             self.assertEqual(enabled[name], h.TRUE if is_enabled else h.FALSE, name)
             self.assertEqual(running[name], h.TRUE if is_running else h.FALSE, name)
-        self.assertEqual(get_one(self.agent.port, value_oid("option", "velmar-long", "ExecStart")), b"/bin/sleep infinity")
+        self.assertEqual(get_one(self.agent.port, value_oid("option", "velmar-long", "ExecStart")), b"/bin/sleep")
         self.assertEqual(get_one(self.agent.port, value_oid("data", "velmar-once", "SubState")), b"exited")
         pid = SANDBOX.run("systemctl show -P MainPID velmar-long").strip()
         self.assertEqual(get_one(self.agent.port, value_oid("data", "velmar-long", "MainPID")), pid.encode())

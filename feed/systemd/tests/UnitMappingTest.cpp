@@ -43,7 +43,7 @@ TEST(UnitMapping, RunningServiceIsEnabledAndRunningWithItsOptionsAndData) {
         {"Description", "OpenBSD Secure Shell server"}, {"LoadState", "loaded"},
         {"UnitFileState", "enabled"}, {"UnitFilePreset", "enabled"},
         {"FragmentPath", "/lib/systemd/system/ssh.service"}, {"Type", "notify"},
-        {"Restart", "on-failure"}, {"ExecStart", "/usr/sbin/sshd -D $SSHD_OPTS"}};
+        {"Restart", "on-failure"}, {"ExecStart", "/usr/sbin/sshd"}};
     EXPECT_EQ(d.options, options);
     std::map<std::string, std::string> data{
         {"ActiveState", "active"}, {"SubState", "running"}, {"Result", "success"}, {"MainPID", "612"},
@@ -52,12 +52,23 @@ TEST(UnitMapping, RunningServiceIsEnabledAndRunningWithItsOptionsAndData) {
     EXPECT_EQ(d.data, data);
 }
 
-TEST(UnitMapping, EnabledOnlyForEnabledAndEnabledRuntime) {
+// Arguments can hold secrets: only the executable unless the operator asks for the line.
+TEST(UnitMapping, ExecStartIsTheExecutableUnlessWholeLinesAreAsked) {
+    UnitInfo u = runningService();
+    u.execPath = "/usr/sbin/sshd";
+    u.execStart = {"sshd", "-D", "--db-password=hunter2"};
+    EXPECT_EQ(Feed::daemonStateOf(u).options.at("ExecStart"), "/usr/sbin/sshd");
+    EXPECT_EQ(Feed::daemonStateOf(u, {.wholeCommandLines = true}).options.at("ExecStart"),
+              "sshd -D --db-password=hunter2");
+}
+
+TEST(UnitMapping, EnabledForEnabledEnabledRuntimeAndTransient) {
     struct Case { const char* state; bool enabled; };
     for (Case c : {Case{"enabled", true}, Case{"enabled-runtime", true}, Case{"disabled", false},
                    Case{"static", false}, Case{"masked", false}, Case{"masked-runtime", false},
                    Case{"linked", false}, Case{"indirect", false}, Case{"generated", false},
-                   Case{"transient", false}, Case{"alias", false}, Case{"", false}}) {
+                   Case{"transient", true}, Case{"alias", false}, Case{"linked-runtime", false},
+                   Case{"bad", false}, Case{"", false}}) {
         SCOPED_TRACE(c.state);
         UnitInfo u = runningService();
         u.unitFileState = c.state;
@@ -139,12 +150,51 @@ TEST(UnitMapping, FailedExitStatusIsShownAfterTheExit) {
     u.result = "exit-code";
     u.mainPid = 0;
     u.execMainStatus = 3;
+    u.execMainCode = 1;             // CLD_EXITED
     u.execMainExitTimestamp = 1795633807500000ull;
     Feed::DaemonState d = Feed::daemonStateOf(u);
     EXPECT_EQ(d.data.at("ExecMainStatus"), "3");
+    EXPECT_EQ(d.data.at("ExecMainCode"), "exited");
     EXPECT_EQ(d.data.at("Result"), "exit-code");
+    u.execMainCode = 2;             // CLD_KILLED: the status is the signal
+    EXPECT_EQ(Feed::daemonStateOf(u).data.at("ExecMainCode"), "killed");
     u.execMainExitTimestamp = 0;    // started again: no exit yet
     EXPECT_EQ(Feed::daemonStateOf(u).data.count("ExecMainStatus"), 0u);
+    EXPECT_EQ(Feed::daemonStateOf(u).data.count("ExecMainCode"), 0u);
+}
+
+// A unit that failed to load is served, not running, with systemd's reason.
+TEST(UnitMapping, UnitThatFailedToLoadIsNotRunningAndSaysWhy) {
+    for (const char* load : {"bad-setting", "error", "not-found", "masked"}) {
+        SCOPED_TRACE(load);
+        UnitInfo u = runningService();   // even with a main process still running
+        u.loadState = load;
+        u.loadError = "Unit ssh.service has a bad unit file setting.";
+        Feed::DaemonState d = Feed::daemonStateOf(u);
+        EXPECT_FALSE(d.running);
+        EXPECT_EQ(d.options.at("LoadState"), load);
+        EXPECT_EQ(d.options.at("LoadError"), "Unit ssh.service has a bad unit file setting.");
+    }
+}
+
+TEST(UnitMapping, AUnitThatIsOnlyAFileHasItsStateAndPath) {
+    Feed::DaemonState d = Feed::daemonStateOfFile("disabled", "/etc/systemd/system/off.service");
+    EXPECT_TRUE(d.hasConfig);
+    EXPECT_FALSE(d.enabled);
+    EXPECT_TRUE(d.hasStatus);
+    EXPECT_FALSE(d.running);
+    EXPECT_EQ(d.options, (std::map<std::string, std::string>{{"UnitFileState", "disabled"},
+                                                             {"FragmentPath", "/etc/systemd/system/off.service"}}));
+    EXPECT_TRUE(d.data.empty());
+    EXPECT_TRUE(Feed::daemonStateOfFile("enabled", "/x.service").enabled);
+}
+
+TEST(UnitMapping, TemplatesDoNotMatchTheirInstancesDo) {
+    const std::vector<std::string> all{"*.service"};
+    EXPECT_FALSE(Feed::unitMatches("velmar-worker@.service", all));
+    EXPECT_TRUE(Feed::unitMatches("velmar-worker@one.service", all));
+    EXPECT_TRUE(Feed::isTemplateUnit("getty@.service"));
+    EXPECT_FALSE(Feed::isTemplateUnit("getty@tty1.service"));
 }
 
 TEST(UnitMapping, DropInPathsAreSpaceSeparated) {
@@ -157,7 +207,7 @@ TEST(UnitMapping, DropInPathsAreSpaceSeparated) {
 TEST(UnitMapping, LoadStatesThatAreDaemons) {
     struct Case { const char* load; bool daemon; };
     for (Case c : {Case{"loaded", true}, Case{"masked", true}, Case{"bad-setting", true}, Case{"error", true},
-                   Case{"not-found", false}, Case{"stub", false}, Case{"merged", false}, Case{"", false}}) {
+                   Case{"not-found", true}, Case{"stub", false}, Case{"merged", false}, Case{"", false}}) {
         SCOPED_TRACE(c.load);
         UnitInfo u = runningService();
         u.loadState = c.load;
@@ -195,8 +245,7 @@ TEST(UnitMapping, NameFitsUpTo32Bytes) {
 }
 
 TEST(UnitMapping, EveryKeyFitsTheIndex) {
-    for (auto keys : {std::vector<std::string_view>(Feed::unitOptionKeys.begin(), Feed::unitOptionKeys.end()),
-                      std::vector<std::string_view>(Feed::unitDataKeys.begin(), Feed::unitDataKeys.end())})
+    for (auto keys : {Feed::unitOptionKeys(), Feed::unitDataKeys()})
         for (std::string_view k : keys) EXPECT_LE(k.size(), GenericAgent::maxIndexKeyBytes) << k;
 }
 
@@ -205,13 +254,15 @@ TEST(UnitMapping, ProducedKeysAreTheListedOnes) {
     u.user = "sshd";
     u.dropInPaths = {"/x.conf"};
     u.execMainExitTimestamp = 1;
+    u.execMainCode = 1;
+    u.loadError = "Unit ssh.service has a bad unit file setting.";
     u.inactiveEnterTimestamp = 2000000;
     Feed::DaemonState d = Feed::daemonStateOf(u);
     std::vector<std::string_view> options, data;
     for (const auto& [k, v] : d.options) options.push_back(k);
     for (const auto& [k, v] : d.data) data.push_back(k);
-    std::vector<std::string_view> wantOptions(Feed::unitOptionKeys.begin(), Feed::unitOptionKeys.end());
-    std::vector<std::string_view> wantData(Feed::unitDataKeys.begin(), Feed::unitDataKeys.end());
+    std::vector<std::string_view> wantOptions = Feed::unitOptionKeys();
+    std::vector<std::string_view> wantData = Feed::unitDataKeys();
     std::sort(wantOptions.begin(), wantOptions.end());
     std::sort(wantData.begin(), wantData.end());
     EXPECT_EQ(options, wantOptions);
