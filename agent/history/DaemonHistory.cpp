@@ -89,7 +89,10 @@ void DaemonHistory::changed(const std::string& daemon, const DaemonFlags& flags,
     const std::uint32_t running = std::max<std::uint32_t>(seen.running, flags.running != r->running());
     const std::uint32_t enabled = std::max<std::uint32_t>(seen.enabled, flags.enabled != r->enabled());
     if (!running && !enabled) return;
-    const Stamp now = now_ ? now_() : Stamp{};
+    Stamp now = now_ ? now_() : Stamp{};
+    // 0 means "no change since the row appeared": a change within the agent's first
+    // hundredth of a second reads as 1.
+    now.ticks = std::max<std::uint32_t>(now.ticks, 1);
     if (running) {
         r->runningChanges += running;
         r->lastRunningChange = now.ticks;

@@ -60,7 +60,7 @@ public:
         Snmp::String name;                     // the model's counted name (shared)
         std::uint32_t runningChanges = 0;
         std::uint32_t enabledChanges = 0;
-        std::uint32_t lastRunningChange = 0;   // ticks; 0: none since the row appeared
+        std::uint32_t lastRunningChange = 0;   // ticks, at least 1; 0: none since the row appeared
         std::uint32_t lastEnabledChange = 0;   // ticks; 0: none
         std::uint32_t lastRunningSeconds = 0;  // wall time of the last running change, UTC
         std::uint16_t lastRunningMillis = 0;   //   (seconds since 1970 and milliseconds)

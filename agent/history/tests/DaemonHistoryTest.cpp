@@ -124,6 +124,19 @@ TEST(DaemonHistory, EnabledChangesAreCountedApart) {
     EXPECT_FALSE(f.row("bgpd").hasRunningTime());
 }
 
+TEST(DaemonHistory, AChangeInTheAgentsFirstHundredthReadsAsOneTickNotNone) {
+    Fixture f;
+    f.add("bgpd");
+    f.watch.start();
+    f.clock.ticks = 0;
+    f.status("bgpd").runningIs(false);
+    f.config("bgpd").enabledIs(false);
+    f.run();
+    EXPECT_EQ(f.row("bgpd").runningChanges, 1u);
+    EXPECT_EQ(f.row("bgpd").lastRunningChange, 1u);
+    EXPECT_EQ(f.row("bgpd").lastEnabledChange, 1u);
+}
+
 TEST(DaemonHistory, AFlipUndoneBeforeTheWriterIsDoneCountsBothChanges) {
     Fixture f;
     f.add("bgpd");
