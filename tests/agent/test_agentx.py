@@ -8,7 +8,6 @@ by process id, and every wait is bounded.
 
 import copy
 import random
-import re
 import signal
 import socket
 import sys
@@ -32,31 +31,7 @@ def mixed_state(seed, daemons=30):
     return state
 
 
-# Debian's libnetsnmp 5.9.3 leaks the peer address it allocates for each read of a Unix-domain
-# socket when that read fails (as it does with ECONNRESET once a master dies with our answer
-# still unread): one struct sockaddr_un, 110 bytes, from calloc, per failed read.  Under
-# AddressSanitizer that leak makes the agent's exit code 1; it is accepted when it is the only
-# thing the sanitizers report.
-LIBRARY_LEAK_SIZE = 110
-LEAK_BLOCK = re.compile(r"^(Direct|Indirect) leak of (\d+) byte\(s\) in (\d+) object\(s\) allocated from:\n"
-                        r"((?:[ \t]+#\d+ [^\n]*(?:\n|$))*)", re.M)
-
-
-def sanitizer_problems(stderr):
-    """What the sanitizers reported in stderr apart from the library's leak above: a list of texts."""
-    problems = []
-    for marker in ("ERROR: AddressSanitizer", "runtime error:", "ERROR: UndefinedBehaviorSanitizer"):
-        if marker in stderr:
-            problems.append(marker)
-    for m in LEAK_BLOCK.finditer(stderr):
-        kind, size, count, frames = m.group(1), int(m.group(2)), int(m.group(3)), m.group(4).splitlines()
-        known = (kind == "Direct" and size == LIBRARY_LEAK_SIZE * count and len(frames) >= 2
-                 and "calloc" in frames[0] and "libnetsnmp.so" in frames[1])
-        if not known:
-            problems.append(m.group(0))
-    if "LeakSanitizer" in stderr and not LEAK_BLOCK.search(stderr):
-        problems.append("unparsed leak report")
-    return problems
+sanitizer_problems = h.sanitizer_problems
 
 
 def whole_subtree(expected):

@@ -224,7 +224,10 @@ class StoppedSystemdTest(unittest.TestCase):
         time.sleep(3.0)
         after = rss_kb(agent.pid)
         print("RSS %d kB before, %d kB after" % (before, after), file=sys.stderr)
-        self.assertLess(after - before, 1024, "RSS grew by %d kB" % (after - before))
+        # AddressSanitizer keeps freed memory in quarantine, so RSS says nothing about what the
+        # agent gives back in that build; the calls' bound above holds in both.
+        if not h.sanitized():
+            self.assertLess(after - before, 1024, "RSS grew by %d kB" % (after - before))
         self.assertIsNotNone(within(agent.port, flag_oid("running", "velmar-long"), h.TRUE), agent.stderr())
 
 

@@ -312,7 +312,8 @@ TEST(UnitTracker, UnitsThatFailedToLoadAreServedWithTheirLoadStateAndError) {
 TEST(UnitTracker, AMaskedFileIsADaemonNotEnabled) {
     Fixture f;
     f.sd.files = {{"/etc/systemd/system/velmar-off.service", "masked"}};
-    const DaemonState& d = *byName(f.sync()).at("velmar-off");
+    auto first = byName(f.sync());
+    const DaemonState& d = *first.at("velmar-off");
     EXPECT_FALSE(d.enabled);
     EXPECT_EQ(d.options.at("UnitFileState"), "masked");
 }
