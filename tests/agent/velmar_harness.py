@@ -629,3 +629,36 @@ def sanitized(binary=None):
     except (OSError, subprocess.SubprocessError):
         return False
     return "libasan" in libs
+
+
+def flag_oid(table, name):
+    """The value instance of a flag table's row for daemon name."""
+    sub, col, _ = TABLES[table]
+    return sub + (1, col) + index_of(name)
+
+
+def value_oid(table, name, key):
+    """The value instance of an option or data table's row (name, key)."""
+    sub, col, _ = TABLES[table]
+    return sub + (1, col) + index_of(name, key)
+
+
+def get_one(port, oid):
+    """The value of one object, or None when the agent has no such row."""
+    rc, rows, err = get(port, [oid])
+    if rc != 0 or not rows or not isinstance(rows[0][1], (int, bytes)):
+        return None
+    return rows[0][1]
+
+
+def within(port, oid, wanted, limit=1.0, since=None):
+    """Polls a GET of oid until it reads wanted (None: no row; a callable: a test of the
+    value) or limit seconds pass since `since` (default: now); the seconds it took, or None."""
+    start = since if since is not None else time.monotonic()
+    while True:
+        got = get_one(port, oid)
+        if (wanted(got) if callable(wanted) else got == wanted):
+            return time.monotonic() - start
+        if time.monotonic() - start > limit:
+            return None
+        time.sleep(0.02)

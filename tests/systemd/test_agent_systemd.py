@@ -38,36 +38,7 @@ def tearDownModule():
         SANDBOX.stop()
 
 
-def flag_oid(table, name):
-    sub, col, _ = h.TABLES[table]
-    return sub + (1, col) + h.index_of(name)
-
-
-def value_oid(table, name, key):
-    sub, col, _ = h.TABLES[table]
-    return sub + (1, col) + h.index_of(name, key)
-
-
-def get_one(port, oid):
-    """The value of one object, or None when the agent has no such row."""
-    rc, rows, err = h.get(port, [oid])
-    if rc != 0 or not rows or not isinstance(rows[0][1], (int, bytes)):
-        return None
-    return rows[0][1]
-
-
-def within(port, oid, wanted, limit=1.0):
-    """Polls a GET of oid until it reads wanted (None: no row) or limit seconds pass; the
-    seconds it took, or None."""
-    start = time.monotonic()
-    got = None
-    while True:
-        got = get_one(port, oid)
-        if got == wanted:
-            return time.monotonic() - start
-        if time.monotonic() - start > limit:
-            return None
-        time.sleep(0.02)
+flag_oid, value_oid, get_one, within = h.flag_oid, h.value_oid, h.get_one, h.within
 
 
 def sandbox_services():
