@@ -33,9 +33,13 @@ struct DaemonMib::NotifieeList {
     std::vector<DaemonMib::NotifieeConst*> attached;
 };
 
-DaemonMibAccess::List& DaemonMibAccess::list(const DaemonMib& m) { return m.notifieeList_->list; }
+DaemonMibAccess::List& DaemonMibAccess::list(const DaemonMib& m) {
+    return m.notifieeList_->list;
+}
 
-void DaemonMibAccess::attach(const DaemonMib& m, DaemonMib::NotifieeConst* n) { m.notifieeList_->attached.push_back(n); }
+void DaemonMibAccess::attach(const DaemonMib& m, DaemonMib::NotifieeConst* n) {
+    m.notifieeList_->attached.push_back(n);
+}
 
 void DaemonMibAccess::detach(const DaemonMib& m, DaemonMib::NotifieeConst* n) {
     auto& attached = m.notifieeList_->attached;
@@ -190,8 +194,12 @@ Orbel::Ptr<DaemonMib> daemonMibFactory(Orbel::Name name) {
     return Orbel::Ptr<DaemonMib>(new Made(std::move(name)));
 }
 
-std::uint32_t DaemonMib::notifiees() const noexcept { return notifieeList_->list.count(); }
-std::uint32_t DaemonMib::notifieesModCount() const noexcept { return notifieeList_->list.modCount(); }
+std::uint32_t DaemonMib::notifiees() const noexcept {
+    return notifieeList_->list.count();
+}
+std::uint32_t DaemonMib::notifieesModCount() const noexcept {
+    return notifieeList_->list.modCount();
+}
 
 void DaemonMib::zeroReferencesIs(bool) {
     forEachObserver(*this, zeroReferencesId, [](DaemonMib::NotifieeConst& n) { n.onZeroReferences(); });
@@ -199,33 +207,81 @@ void DaemonMib::zeroReferencesIs(bool) {
 
 // The named operations, each the table mechanism with its table's constants.
 
-Orbel::Ptr<EnabledTableEntry> DaemonMib::newEnabledTable(Snmp::String n, const Orbel::Ptr<Config const>& c) { return Table<EnabledTable>::newRow(*this, n, c); }
-Orbel::Ptr<EnabledTableEntry> DaemonMib::enabledTableIs(Snmp::String n, const Orbel::Ptr<Config const>& c) { return Table<EnabledTable>::is(*this, n, c); }
-Orbel::Ptr<EnabledTableEntry> DaemonMib::enabledTableDel(Snmp::String n) { return Table<EnabledTable>::del(*this, n); }
-Orbel::Ptr<EnabledTableEntry> DaemonMib::enabledTableDel(EnabledTableMap::Iterator& it) { return Table<EnabledTable>::del(*this, it); }
-void DaemonMib::enabledTableDelAll() { Table<EnabledTable>::delAll(*this); }
-void DaemonMib::enabledTableNotify(Snmp::String n) { Table<EnabledTable>::notify(*this, n); }
+Orbel::Ptr<EnabledTableEntry> DaemonMib::newEnabledTable(Snmp::String n, const Orbel::Ptr<Config const>& c) {
+    return Table<EnabledTable>::newRow(*this, n, c);
+}
+Orbel::Ptr<EnabledTableEntry> DaemonMib::enabledTableIs(Snmp::String n, const Orbel::Ptr<Config const>& c) {
+    return Table<EnabledTable>::is(*this, n, c);
+}
+Orbel::Ptr<EnabledTableEntry> DaemonMib::enabledTableDel(Snmp::String n) {
+    return Table<EnabledTable>::del(*this, n);
+}
+Orbel::Ptr<EnabledTableEntry> DaemonMib::enabledTableDel(EnabledTableMap::Iterator& it) {
+    return Table<EnabledTable>::del(*this, it);
+}
+void DaemonMib::enabledTableDelAll() {
+    Table<EnabledTable>::delAll(*this);
+}
+void DaemonMib::enabledTableNotify(Snmp::String n) {
+    Table<EnabledTable>::notify(*this, n);
+}
 
-Orbel::Ptr<OptionTableEntry> DaemonMib::newOptionTable(const OptionTableIndex& i, const Orbel::Ptr<Config const>& c) { return Table<OptionTable>::newRow(*this, i, c); }
-Orbel::Ptr<OptionTableEntry> DaemonMib::optionTableIs(const OptionTableIndex& i, const Orbel::Ptr<Config const>& c) { return Table<OptionTable>::is(*this, i, c); }
-Orbel::Ptr<OptionTableEntry> DaemonMib::optionTableDel(const OptionTableIndex& i) { return Table<OptionTable>::del(*this, i); }
-Orbel::Ptr<OptionTableEntry> DaemonMib::optionTableDel(OptionTableMap::Iterator& it) { return Table<OptionTable>::del(*this, it); }
-void DaemonMib::optionTableDelAll() { Table<OptionTable>::delAll(*this); }
-void DaemonMib::optionTableNotify(const OptionTableIndex& i) { Table<OptionTable>::notify(*this, i); }
+Orbel::Ptr<OptionTableEntry> DaemonMib::newOptionTable(const OptionTableIndex& i, const Orbel::Ptr<Config const>& c) {
+    return Table<OptionTable>::newRow(*this, i, c);
+}
+Orbel::Ptr<OptionTableEntry> DaemonMib::optionTableIs(const OptionTableIndex& i, const Orbel::Ptr<Config const>& c) {
+    return Table<OptionTable>::is(*this, i, c);
+}
+Orbel::Ptr<OptionTableEntry> DaemonMib::optionTableDel(const OptionTableIndex& i) {
+    return Table<OptionTable>::del(*this, i);
+}
+Orbel::Ptr<OptionTableEntry> DaemonMib::optionTableDel(OptionTableMap::Iterator& it) {
+    return Table<OptionTable>::del(*this, it);
+}
+void DaemonMib::optionTableDelAll() {
+    Table<OptionTable>::delAll(*this);
+}
+void DaemonMib::optionTableNotify(const OptionTableIndex& i) {
+    Table<OptionTable>::notify(*this, i);
+}
 
-Orbel::Ptr<RunningTableEntry> DaemonMib::newRunningTable(Snmp::String n, const Orbel::Ptr<Status const>& s) { return Table<RunningTable>::newRow(*this, n, s); }
-Orbel::Ptr<RunningTableEntry> DaemonMib::runningTableIs(Snmp::String n, const Orbel::Ptr<Status const>& s) { return Table<RunningTable>::is(*this, n, s); }
-Orbel::Ptr<RunningTableEntry> DaemonMib::runningTableDel(Snmp::String n) { return Table<RunningTable>::del(*this, n); }
-Orbel::Ptr<RunningTableEntry> DaemonMib::runningTableDel(RunningTableMap::Iterator& it) { return Table<RunningTable>::del(*this, it); }
-void DaemonMib::runningTableDelAll() { Table<RunningTable>::delAll(*this); }
-void DaemonMib::runningTableNotify(Snmp::String n) { Table<RunningTable>::notify(*this, n); }
+Orbel::Ptr<RunningTableEntry> DaemonMib::newRunningTable(Snmp::String n, const Orbel::Ptr<Status const>& s) {
+    return Table<RunningTable>::newRow(*this, n, s);
+}
+Orbel::Ptr<RunningTableEntry> DaemonMib::runningTableIs(Snmp::String n, const Orbel::Ptr<Status const>& s) {
+    return Table<RunningTable>::is(*this, n, s);
+}
+Orbel::Ptr<RunningTableEntry> DaemonMib::runningTableDel(Snmp::String n) {
+    return Table<RunningTable>::del(*this, n);
+}
+Orbel::Ptr<RunningTableEntry> DaemonMib::runningTableDel(RunningTableMap::Iterator& it) {
+    return Table<RunningTable>::del(*this, it);
+}
+void DaemonMib::runningTableDelAll() {
+    Table<RunningTable>::delAll(*this);
+}
+void DaemonMib::runningTableNotify(Snmp::String n) {
+    Table<RunningTable>::notify(*this, n);
+}
 
-Orbel::Ptr<DataTableEntry> DaemonMib::newDataTable(const DataTableIndex& i, const Orbel::Ptr<Status const>& s) { return Table<DataTable>::newRow(*this, i, s); }
-Orbel::Ptr<DataTableEntry> DaemonMib::dataTableIs(const DataTableIndex& i, const Orbel::Ptr<Status const>& s) { return Table<DataTable>::is(*this, i, s); }
-Orbel::Ptr<DataTableEntry> DaemonMib::dataTableDel(const DataTableIndex& i) { return Table<DataTable>::del(*this, i); }
-Orbel::Ptr<DataTableEntry> DaemonMib::dataTableDel(DataTableMap::Iterator& it) { return Table<DataTable>::del(*this, it); }
-void DaemonMib::dataTableDelAll() { Table<DataTable>::delAll(*this); }
-void DaemonMib::dataTableNotify(const DataTableIndex& i) { Table<DataTable>::notify(*this, i); }
+Orbel::Ptr<DataTableEntry> DaemonMib::newDataTable(const DataTableIndex& i, const Orbel::Ptr<Status const>& s) {
+    return Table<DataTable>::newRow(*this, i, s);
+}
+Orbel::Ptr<DataTableEntry> DaemonMib::dataTableIs(const DataTableIndex& i, const Orbel::Ptr<Status const>& s) {
+    return Table<DataTable>::is(*this, i, s);
+}
+Orbel::Ptr<DataTableEntry> DaemonMib::dataTableDel(const DataTableIndex& i) {
+    return Table<DataTable>::del(*this, i);
+}
+Orbel::Ptr<DataTableEntry> DaemonMib::dataTableDel(DataTableMap::Iterator& it) {
+    return Table<DataTable>::del(*this, it);
+}
+void DaemonMib::dataTableDelAll() {
+    Table<DataTable>::delAll(*this);
+}
+void DaemonMib::dataTableNotify(const DataTableIndex& i) {
+    Table<DataTable>::notify(*this, i);
+}
 
 // Observers.
 
@@ -251,8 +307,10 @@ void DaemonMib::NotifieeConst::isRegisteredNotifieeIs(bool registered) {
     Orbel::Entity::NotifieeConst::isRegisteredNotifieeIs(registered);
     DaemonMib* m = orphaned_ ? nullptr : notifier_;
     if (!m) return;
-    if (registered) DaemonMibAccess::list(*m).pushBack(this);
-    else DaemonMibAccess::list(*m).remove(this);
+    if (registered)
+        DaemonMibAccess::list(*m).pushBack(this);
+    else
+        DaemonMibAccess::list(*m).remove(this);
 }
 
 Orbel::String DaemonMib::NotifieeConst::name() const {
@@ -265,8 +323,10 @@ void DaemonMib::NotifieeConst::isWeakReferenceIs(bool weak) {
     Orbel::Entity::NotifieeConst::isWeakReferenceIs(weak);
     DaemonMib* m = orphaned_ ? nullptr : notifier_;
     if (!m) return;
-    if (weak) m->deleteRef();  // may free the container; it then unlinks and orphans us
-    else m->newRef();
+    if (weak)
+        m->deleteRef(); // may free the container; it then unlinks and orphans us
+    else
+        m->newRef();
 }
 
 DaemonMib::NotifieeConst::~NotifieeConst() {
@@ -277,7 +337,7 @@ DaemonMib::NotifieeConst::~NotifieeConst() {
     // A container that is already being destroyed has no reference left to give back;
     // taking and dropping one would start its destruction a second time.
     if (DaemonMibAccess::destroying(*m)) return;
-    if (isWeakReference()) m->newRef();  // keeps the count balanced for the release below
+    if (isWeakReference()) m->newRef(); // keeps the count balanced for the release below
     m->deleteRef();
 }
 

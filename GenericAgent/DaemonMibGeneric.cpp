@@ -79,29 +79,30 @@ void checkValCall(const GenericIf::AttributeOp& op, const Orbel::Ptr<const Gener
 }
 
 template <class Row, class Source>
-Orbel::Ptr<GenericIf> flagRowOp(GenericIf& self, const Row& row, const Orbel::Ptr<const Source>& source,
-                                bool flag, const char* sourceName, const char* flagName, const GenericIf::AttributeOp& op,
+Orbel::Ptr<GenericIf> flagRowOp(GenericIf& self, const Row& row, const Orbel::Ptr<const Source>& source, bool flag,
+                                const char* sourceName, const char* flagName, const GenericIf::AttributeOp& op,
                                 const Orbel::Ptr<const GenericIf>& index, const Orbel::Ptr<const GenericIf>& argument) {
     refuseConstModification(self, op);
     switch (op.attributeId) {
-    case 130:
-        checkScalar(op, index, "agentName");
-        return Snmp::String::genericIf(row.agentName(), self.isConst());
-    case 131:
-        checkScalar(op, index, sourceName);
-        return Orbel::TypeRegistry::instance().genericIf(source.ptr(), self.isConst());
-    case 132:
-        checkScalar(op, index, flagName);
-        return Orbel::genericBool(flag, self.isConst());
-    default:
-        return self.GenericIf::attributeOp(op, index, argument);
+        case 130:
+            checkScalar(op, index, "agentName");
+            return Snmp::String::genericIf(row.agentName(), self.isConst());
+        case 131:
+            checkScalar(op, index, sourceName);
+            return Orbel::TypeRegistry::instance().genericIf(source.ptr(), self.isConst());
+        case 132:
+            checkScalar(op, index, flagName);
+            return Orbel::genericBool(flag, self.isConst());
+        default:
+            return self.GenericIf::attributeOp(op, index, argument);
     }
 }
 
 template <class Row, class Index, class Source>
 Orbel::Ptr<GenericIf> valueRowOp(GenericIf& self, const Row& row, const Orbel::Ptr<const Source>& source,
                                  const char* sourceName, const GenericIf::AttributeOp& op,
-                                 const Orbel::Ptr<const GenericIf>& index, const Orbel::Ptr<const GenericIf>& argument) {
+                                 const Orbel::Ptr<const GenericIf>& index,
+                                 const Orbel::Ptr<const GenericIf>& argument) {
     refuseConstModification(self, op);
     // Operands of the option and data rows are argument lists or nothing.
     auto checkOperand = [&] {
@@ -109,27 +110,27 @@ Orbel::Ptr<GenericIf> valueRowOp(GenericIf& self, const Row& row, const Orbel::P
             throw Orbel::TypeException("Orbel::GenericIf::List_");
     };
     switch (op.attributeId) {
-    case 130:
-        checkScalar(op, index, "index");
-        checkOperand();
-        return new typename Index::GenericIf_(row.index(), self.isConst());
-    case 131:
-        checkScalar(op, index, "agentName");
-        checkOperand();
-        return Snmp::String::genericIf(row.agentName(), self.isConst());
-    case 132:
-        checkScalar(op, index, "key");
-        checkOperand();
-        return Snmp::String::genericIf(row.key(), self.isConst());
-    case 133:
-        checkScalar(op, index, sourceName);
-        checkOperand();
-        return Orbel::TypeRegistry::instance().genericIf(source.ptr(), self.isConst());
-    case 134:
-        checkValCall(op, index, argument);
-        return Snmp::String::genericIf(Snmp::String(row.val()), self.isConst());
-    default:
-        return self.GenericIf::attributeOp(op, index, argument);
+        case 130:
+            checkScalar(op, index, "index");
+            checkOperand();
+            return new typename Index::GenericIf_(row.index(), self.isConst());
+        case 131:
+            checkScalar(op, index, "agentName");
+            checkOperand();
+            return Snmp::String::genericIf(row.agentName(), self.isConst());
+        case 132:
+            checkScalar(op, index, "key");
+            checkOperand();
+            return Snmp::String::genericIf(row.key(), self.isConst());
+        case 133:
+            checkScalar(op, index, sourceName);
+            checkOperand();
+            return Orbel::TypeRegistry::instance().genericIf(source.ptr(), self.isConst());
+        case 134:
+            checkValCall(op, index, argument);
+            return Snmp::String::genericIf(Snmp::String(row.val()), self.isConst());
+        default:
+            return self.GenericIf::attributeOp(op, index, argument);
     }
 }
 
@@ -210,36 +211,50 @@ const bool registeredAtLoad = (registerDaemonMibTypes(), true);
 }
 
 template <>
-const Orbel::TypeDescriptor* RowGenericIf<EnabledTableEntry>::type() const noexcept { return typeNamed("GenericAgent::EnabledTableEntry"); }
+const Orbel::TypeDescriptor* RowGenericIf<EnabledTableEntry>::type() const noexcept {
+    return typeNamed("GenericAgent::EnabledTableEntry");
+}
 template <>
-const Orbel::TypeDescriptor* RowGenericIf<OptionTableEntry>::type() const noexcept { return typeNamed("GenericAgent::OptionTableEntry"); }
+const Orbel::TypeDescriptor* RowGenericIf<OptionTableEntry>::type() const noexcept {
+    return typeNamed("GenericAgent::OptionTableEntry");
+}
 template <>
-const Orbel::TypeDescriptor* RowGenericIf<RunningTableEntry>::type() const noexcept { return typeNamed("GenericAgent::RunningTableEntry"); }
+const Orbel::TypeDescriptor* RowGenericIf<RunningTableEntry>::type() const noexcept {
+    return typeNamed("GenericAgent::RunningTableEntry");
+}
 template <>
-const Orbel::TypeDescriptor* RowGenericIf<DataTableEntry>::type() const noexcept { return typeNamed("GenericAgent::DataTableEntry"); }
+const Orbel::TypeDescriptor* RowGenericIf<DataTableEntry>::type() const noexcept {
+    return typeNamed("GenericAgent::DataTableEntry");
+}
 
 template <>
-Orbel::Ptr<GenericIf> RowGenericIf<EnabledTableEntry>::attributeOp(const AttributeOp& op, const Orbel::Ptr<const GenericIf>& index,
-                                                                  const Orbel::Ptr<const GenericIf>& argument) {
+Orbel::Ptr<GenericIf> RowGenericIf<EnabledTableEntry>::attributeOp(const AttributeOp& op,
+                                                                   const Orbel::Ptr<const GenericIf>& index,
+                                                                   const Orbel::Ptr<const GenericIf>& argument) {
     return flagRowOp(*this, *row_, row_->agentConfig(), row_->enabled(), "agentConfig", "enabled", op, index, argument);
 }
 
 template <>
-Orbel::Ptr<GenericIf> RowGenericIf<RunningTableEntry>::attributeOp(const AttributeOp& op, const Orbel::Ptr<const GenericIf>& index,
-                                                                  const Orbel::Ptr<const GenericIf>& argument) {
+Orbel::Ptr<GenericIf> RowGenericIf<RunningTableEntry>::attributeOp(const AttributeOp& op,
+                                                                   const Orbel::Ptr<const GenericIf>& index,
+                                                                   const Orbel::Ptr<const GenericIf>& argument) {
     return flagRowOp(*this, *row_, row_->agentStatus(), row_->running(), "agentStatus", "running", op, index, argument);
 }
 
 template <>
-Orbel::Ptr<GenericIf> RowGenericIf<OptionTableEntry>::attributeOp(const AttributeOp& op, const Orbel::Ptr<const GenericIf>& index,
-                                                                 const Orbel::Ptr<const GenericIf>& argument) {
-    return valueRowOp<OptionTableEntry, OptionTableIndex>(*this, *row_, row_->agentConfig(), "agentConfig", op, index, argument);
+Orbel::Ptr<GenericIf> RowGenericIf<OptionTableEntry>::attributeOp(const AttributeOp& op,
+                                                                  const Orbel::Ptr<const GenericIf>& index,
+                                                                  const Orbel::Ptr<const GenericIf>& argument) {
+    return valueRowOp<OptionTableEntry, OptionTableIndex>(*this, *row_, row_->agentConfig(), "agentConfig", op, index,
+                                                          argument);
 }
 
 template <>
-Orbel::Ptr<GenericIf> RowGenericIf<DataTableEntry>::attributeOp(const AttributeOp& op, const Orbel::Ptr<const GenericIf>& index,
-                                                               const Orbel::Ptr<const GenericIf>& argument) {
-    return valueRowOp<DataTableEntry, DataTableIndex>(*this, *row_, row_->agentStatus(), "agentStatus", op, index, argument);
+Orbel::Ptr<GenericIf> RowGenericIf<DataTableEntry>::attributeOp(const AttributeOp& op,
+                                                                const Orbel::Ptr<const GenericIf>& index,
+                                                                const Orbel::Ptr<const GenericIf>& argument) {
+    return valueRowOp<DataTableEntry, DataTableIndex>(*this, *row_, row_->agentStatus(), "agentStatus", op, index,
+                                                      argument);
 }
 
 // The container's generic interface and its adapter.
@@ -261,12 +276,17 @@ DaemonMib::GenericIf_::~GenericIf_() {
     adapter_->isRegisteredNotifieeIs(false);
 }
 
-DaemonMib::GenericIf_::GenericIf_Adapter_* DaemonMib::GenericIf_::adapter() const noexcept { return adapter_.ptr(); }
+DaemonMib::GenericIf_::GenericIf_Adapter_* DaemonMib::GenericIf_::adapter() const noexcept {
+    return adapter_.ptr();
+}
 
-const Orbel::TypeDescriptor* DaemonMib::GenericIf_::type() const noexcept { return typeNamed("GenericAgent::DaemonMib"); }
+const Orbel::TypeDescriptor* DaemonMib::GenericIf_::type() const noexcept {
+    return typeNamed("GenericAgent::DaemonMib");
+}
 
-Orbel::Ptr<GenericIf> DaemonMib::GenericIf_::attributeOp(const AttributeOp& op, const Orbel::Ptr<const GenericIf>& index,
-                                                        const Orbel::Ptr<const GenericIf>& argument) {
+Orbel::Ptr<GenericIf> DaemonMib::GenericIf_::attributeOp(const AttributeOp& op,
+                                                         const Orbel::Ptr<const GenericIf>& index,
+                                                         const Orbel::Ptr<const GenericIf>& argument) {
     if (op.op >= opModifying && isConst()) throw Orbel::ConstException("attempting to modify a const instance");
     if (op.attributeId < enabledTableId || op.attributeId > dataTableId)
         return GenericIf::attributeOp(op, index, argument);
@@ -276,26 +296,28 @@ Orbel::Ptr<GenericIf> DaemonMib::GenericIf_::attributeOp(const AttributeOp& op, 
     if (!index) throw Orbel::BadIndexAttributeException(name);
     auto nameKey = dynamic_cast<const Snmp::String::GenericIf_*>(index.ptr());
     switch (op.attributeId) {
-    case enabledTableId:
-        if (!nameKey) throw Orbel::TypeException("Snmp::String");
-        if (auto row = mib_->enabledTable(nameKey->value())) return new EnabledTableEntry::GenericIf_(row.ptr(), isConst());
-        return nullptr;
-    case runningTableId:
-        if (!nameKey) throw Orbel::TypeException("Snmp::String");
-        if (auto row = mib_->runningTable(nameKey->value())) return new RunningTableEntry::GenericIf_(row.ptr(), isConst());
-        return nullptr;
-    case optionTableId: {
-        auto k = dynamic_cast<const OptionTableIndex::GenericIf_*>(index.ptr());
-        if (!k) throw Orbel::TypeException(OptionTableIndex::typeName);
-        if (auto row = mib_->optionTable(k->val())) return new OptionTableEntry::GenericIf_(row.ptr(), isConst());
-        return nullptr;
-    }
-    default: {
-        auto k = dynamic_cast<const DataTableIndex::GenericIf_*>(index.ptr());
-        if (!k) throw Orbel::TypeException(DataTableIndex::typeName);
-        if (auto row = mib_->dataTable(k->val())) return new DataTableEntry::GenericIf_(row.ptr(), isConst());
-        return nullptr;
-    }
+        case enabledTableId:
+            if (!nameKey) throw Orbel::TypeException("Snmp::String");
+            if (auto row = mib_->enabledTable(nameKey->value()))
+                return new EnabledTableEntry::GenericIf_(row.ptr(), isConst());
+            return nullptr;
+        case runningTableId:
+            if (!nameKey) throw Orbel::TypeException("Snmp::String");
+            if (auto row = mib_->runningTable(nameKey->value()))
+                return new RunningTableEntry::GenericIf_(row.ptr(), isConst());
+            return nullptr;
+        case optionTableId: {
+            auto k = dynamic_cast<const OptionTableIndex::GenericIf_*>(index.ptr());
+            if (!k) throw Orbel::TypeException(OptionTableIndex::typeName);
+            if (auto row = mib_->optionTable(k->val())) return new OptionTableEntry::GenericIf_(row.ptr(), isConst());
+            return nullptr;
+        }
+        default: {
+            auto k = dynamic_cast<const DataTableIndex::GenericIf_*>(index.ptr());
+            if (!k) throw Orbel::TypeException(DataTableIndex::typeName);
+            if (auto row = mib_->dataTable(k->val())) return new DataTableEntry::GenericIf_(row.ptr(), isConst());
+            return nullptr;
+        }
     }
 }
 
@@ -311,8 +333,10 @@ void DaemonMib::GenericIf_::drain(unsigned t, bool forced) {
     const Orbel::AttributeId id = enabledTableId + t;
     const unsigned count = pending_[t].count;
     pending_[t].count = 0;
-    if (count > 1 || forced) onAttribute(id);
-    else if (count == 1) onAttributeKey(id, pending_[t].lastKey);
+    if (count > 1 || forced)
+        onAttribute(id);
+    else if (count == 1)
+        onAttributeKey(id, pending_[t].lastKey);
 }
 
 void DaemonMib::GenericIf_::handleNotification(Orbel::ActivityConfig*) {
@@ -330,9 +354,13 @@ void DaemonMib::GenericIf_::handleNotification(Orbel::ActivityConfig*) {
     }
 }
 
-void DaemonMib::GenericIf_::hasNotificationActiveIs(bool active) { GenericIf::hasNotificationActiveIs(active); }
+void DaemonMib::GenericIf_::hasNotificationActiveIs(bool active) {
+    GenericIf::hasNotificationActiveIs(active);
+}
 
-DaemonMib::GenericIf_::GenericIf_Adapter_::~GenericIf_Adapter_() { destroying_ = true; }
+DaemonMib::GenericIf_::GenericIf_Adapter_::~GenericIf_Adapter_() {
+    destroying_ = true;
+}
 
 void DaemonMib::GenericIf_::GenericIf_Adapter_::onEnabledTable(Snmp::String agentName) {
     if (target_) target_->tableKeyChanged(0, Snmp::String::genericIf(agentName, true));
@@ -346,14 +374,30 @@ void DaemonMib::GenericIf_::GenericIf_Adapter_::onRunningTable(Snmp::String agen
 void DaemonMib::GenericIf_::GenericIf_Adapter_::onDataTable(const DataTableIndex& index) {
     if (target_) target_->tableKeyChanged(3, new DataTableIndex::GenericIf_(index, true));
 }
-void DaemonMib::GenericIf_::GenericIf_Adapter_::onEnabledTableorbelImmediate() { if (target_) target_->onAttribute(enabledTableId); }
-void DaemonMib::GenericIf_::GenericIf_Adapter_::onOptionTableorbelImmediate() { if (target_) target_->onAttribute(optionTableId); }
-void DaemonMib::GenericIf_::GenericIf_Adapter_::onRunningTableorbelImmediate() { if (target_) target_->onAttribute(runningTableId); }
-void DaemonMib::GenericIf_::GenericIf_Adapter_::onDataTableorbelImmediate() { if (target_) target_->onAttribute(dataTableId); }
-void DaemonMib::GenericIf_::GenericIf_Adapter_::onEnabledTable() { if (target_) target_->onAttribute(enabledTableId); }
-void DaemonMib::GenericIf_::GenericIf_Adapter_::onOptionTable() { if (target_) target_->onAttribute(optionTableId); }
-void DaemonMib::GenericIf_::GenericIf_Adapter_::onRunningTable() { if (target_) target_->onAttribute(runningTableId); }
-void DaemonMib::GenericIf_::GenericIf_Adapter_::onDataTable() { if (target_) target_->onAttribute(dataTableId); }
+void DaemonMib::GenericIf_::GenericIf_Adapter_::onEnabledTableorbelImmediate() {
+    if (target_) target_->onAttribute(enabledTableId);
+}
+void DaemonMib::GenericIf_::GenericIf_Adapter_::onOptionTableorbelImmediate() {
+    if (target_) target_->onAttribute(optionTableId);
+}
+void DaemonMib::GenericIf_::GenericIf_Adapter_::onRunningTableorbelImmediate() {
+    if (target_) target_->onAttribute(runningTableId);
+}
+void DaemonMib::GenericIf_::GenericIf_Adapter_::onDataTableorbelImmediate() {
+    if (target_) target_->onAttribute(dataTableId);
+}
+void DaemonMib::GenericIf_::GenericIf_Adapter_::onEnabledTable() {
+    if (target_) target_->onAttribute(enabledTableId);
+}
+void DaemonMib::GenericIf_::GenericIf_Adapter_::onOptionTable() {
+    if (target_) target_->onAttribute(optionTableId);
+}
+void DaemonMib::GenericIf_::GenericIf_Adapter_::onRunningTable() {
+    if (target_) target_->onAttribute(runningTableId);
+}
+void DaemonMib::GenericIf_::GenericIf_Adapter_::onDataTable() {
+    if (target_) target_->onAttribute(dataTableId);
+}
 
 void DaemonMib::GenericIf_::GenericIf_Adapter_::onNotificationException(Orbel::AttributeId attributeId) {
     if (target_) target_->onNotificationException(attributeId);

@@ -302,8 +302,10 @@ public:
     Orbel::Ptr<EnabledTableEntry> enabledTable(const Snmp::String& agentName) const { return enabledTable_[agentName]; }
     const EnabledTableMap& enabledTable() const noexcept { return enabledTable_; }
 
-    Orbel::Ptr<OptionTableEntry> newOptionTable(const OptionTableIndex& index, const Orbel::Ptr<Config const>& agentConfig);
-    Orbel::Ptr<OptionTableEntry> optionTableIs(const OptionTableIndex& index, const Orbel::Ptr<Config const>& agentConfig);
+    Orbel::Ptr<OptionTableEntry> newOptionTable(const OptionTableIndex& index,
+                                                const Orbel::Ptr<Config const>& agentConfig);
+    Orbel::Ptr<OptionTableEntry> optionTableIs(const OptionTableIndex& index,
+                                               const Orbel::Ptr<Config const>& agentConfig);
     Orbel::Ptr<OptionTableEntry> optionTableDel(const OptionTableIndex& index);
     Orbel::Ptr<OptionTableEntry> optionTableDel(OptionTableMap::Iterator& it);
     void optionTableDelAll();
@@ -437,26 +439,26 @@ private:
 };
 
 // Each row type's answers are defined beside the type descriptors.
-#define VELMAR_ROW_GENERIC_IF_SPECIALIZE(Row)                                                                  \
-    template <>                                                                                               \
-    const Orbel::TypeDescriptor* RowGenericIf<Row>::type() const noexcept;                                    \
-    template <>                                                                                               \
-    Orbel::Ptr<Orbel::GenericIf> RowGenericIf<Row>::attributeOp(                                             \
-        const AttributeOp& op, const Orbel::Ptr<const Orbel::GenericIf>& index,                               \
-        const Orbel::Ptr<const Orbel::GenericIf>& argument);
+#define VELMAR_ROW_GENERIC_IF_SPECIALIZE(Row)                                                                    \
+    template <>                                                                                                  \
+    const Orbel::TypeDescriptor* RowGenericIf<Row>::type() const noexcept;                                       \
+    template <>                                                                                                  \
+    Orbel::Ptr<Orbel::GenericIf> RowGenericIf<Row>::attributeOp(const AttributeOp& op,                           \
+                                                                const Orbel::Ptr<const Orbel::GenericIf>& index, \
+                                                                const Orbel::Ptr<const Orbel::GenericIf>& argument);
 VELMAR_ROW_GENERIC_IF_SPECIALIZE(EnabledTableEntry)
 VELMAR_ROW_GENERIC_IF_SPECIALIZE(OptionTableEntry)
 VELMAR_ROW_GENERIC_IF_SPECIALIZE(RunningTableEntry)
 VELMAR_ROW_GENERIC_IF_SPECIALIZE(DataTableEntry)
 #undef VELMAR_ROW_GENERIC_IF_SPECIALIZE
 
-#define VELMAR_ROW_GENERIC_IF(Row)                                         \
-    class Row::GenericIf_ : public RowGenericIf<Row> {                     \
-    public:                                                                \
-        using RowGenericIf::RowGenericIf;                                  \
-                                                                           \
-    protected:                                                             \
-        ~GenericIf_() override = default;                                  \
+#define VELMAR_ROW_GENERIC_IF(Row)                     \
+    class Row::GenericIf_ : public RowGenericIf<Row> { \
+    public:                                            \
+        using RowGenericIf::RowGenericIf;              \
+                                                       \
+    protected:                                         \
+        ~GenericIf_() override = default;              \
     };
 VELMAR_ROW_GENERIC_IF(EnabledTableEntry)
 VELMAR_ROW_GENERIC_IF(OptionTableEntry)

@@ -59,10 +59,18 @@ std::ostream& stream(std::ostream& os, const Index& index) {
 }
 } // namespace
 
-Orbel::String8 valueToStrep(const OptionTableIndex& index) { return strep(index); }
-Orbel::String8 valueToStrep(const DataTableIndex& index) { return strep(index); }
-std::ostream& operator<<(std::ostream& os, const OptionTableIndex& index) { return stream(os, index); }
-std::ostream& operator<<(std::ostream& os, const DataTableIndex& index) { return stream(os, index); }
+Orbel::String8 valueToStrep(const OptionTableIndex& index) {
+    return strep(index);
+}
+Orbel::String8 valueToStrep(const DataTableIndex& index) {
+    return strep(index);
+}
+std::ostream& operator<<(std::ostream& os, const OptionTableIndex& index) {
+    return stream(os, index);
+}
+std::ostream& operator<<(std::ostream& os, const DataTableIndex& index) {
+    return stream(os, index);
+}
 
 template <class Index>
 const Orbel::TypeDescriptor* TableIndexGenericIf<Index>::type() const noexcept {
@@ -71,9 +79,9 @@ const Orbel::TypeDescriptor* TableIndexGenericIf<Index>::type() const noexcept {
 }
 
 template <class Index>
-Orbel::Ptr<Orbel::GenericIf> TableIndexGenericIf<Index>::attributeOp(const AttributeOp& op,
-                                                                    const Orbel::Ptr<const Orbel::GenericIf>& index,
-                                                                    const Orbel::Ptr<const Orbel::GenericIf>& argument) {
+Orbel::Ptr<Orbel::GenericIf> TableIndexGenericIf<Index>::attributeOp(
+    const AttributeOp& op, const Orbel::Ptr<const Orbel::GenericIf>& index,
+    const Orbel::Ptr<const Orbel::GenericIf>& argument) {
     if (isConst() && op.op >= opModifying) throw Orbel::ConstException("attempting to modify a const instance");
     if (op.attributeId == 2 || op.attributeId == 3) {
         const char* name = op.attributeId == 2 ? "agentName" : "key";
@@ -129,7 +137,11 @@ AgentVal lookup(const AgentValMap& values, const Snmp::String& key) {
 }
 } // namespace
 
-AgentVal OptionTableEntry::val() const { return lookup(agentConfig_->options(), index_.key()); }
-AgentVal DataTableEntry::val() const { return lookup(agentStatus_->data(), index_.key()); }
+AgentVal OptionTableEntry::val() const {
+    return lookup(agentConfig_->options(), index_.key());
+}
+AgentVal DataTableEntry::val() const {
+    return lookup(agentStatus_->data(), index_.key());
+}
 
 } // namespace GenericAgent

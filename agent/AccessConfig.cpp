@@ -75,7 +75,8 @@ std::vector<AccessFinding> checkAccessConfig(const std::string& path) {
         } else if (d == "agentaddress") {
             refuse("agentaddress is not used by this agent: it listens only where --listen says");
         } else if (d == "includefile" || d == "includedir" || d == "includesearch") {
-            refuse(w[0] + " is not allowed: the agent checks the access configuration it reads, so every "
+            refuse(w[0] +
+                   " is not allowed: the agent checks the access configuration it reads, so every "
                    "directive must be in this file");
         } else if (d == "rouser" && w.size() > 1) {
             const std::string& name = w[1] == "-s" && w.size() > 3 ? w[3] : w[1];
@@ -89,7 +90,8 @@ std::vector<AccessFinding> checkAccessConfig(const std::string& path) {
             out.push_back({false, path + ": line " + std::to_string(u.line) + ": rouser " + u.name +
                                       " has no createUser " + u.name +
                                       " in this file: unless the persistent directory already holds that user, "
-                                      "nobody can query as " + u.name});
+                                      "nobody can query as " +
+                                      u.name});
     return out;
 }
 

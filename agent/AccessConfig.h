@@ -24,8 +24,8 @@
 namespace Agent {
 
 struct AccessFinding {
-    bool refused;        // false: a warning
-    std::string text;    // "PATH: line N: what and why"
+    bool refused;     // false: a warning
+    std::string text; // "PATH: line N: what and why"
 };
 
 // Reads path; a file that cannot be read gives one refused finding saying why.

@@ -48,7 +48,8 @@ std::string defaultModule() {
 std::string listenProblem(const std::string& value) {
     const auto colon = value.find(':');
     if (colon == std::string::npos || colon + 1 == value.size())
-        return "--listen " + value + ": give a transport and an address or port, e.g. udp:127.0.0.1:1161, "
+        return "--listen " + value +
+               ": give a transport and an address or port, e.g. udp:127.0.0.1:1161, "
                "udp6:[::1]:1161, tcp:127.0.0.1:1161";
     std::string transport = value.substr(0, colon);
     for (auto& c : transport) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -89,17 +90,20 @@ void build(CLI::App& app, AgentOptions& o) {
                    "Seconds between pings of the AgentX master; a lost master is reconnected on the next ping")
         ->check(CLI::Range(1, 3600))
         ->default_val(5);
-    app.add_option("--state", o.stateFile, "The launcher state file (JSON), watched for changes (this, --systemd or --supervisor)");
+    app.add_option("--state", o.stateFile,
+                   "The launcher state file (JSON), watched for changes (this, --systemd or --supervisor)");
     addSourceOptions(app, o);
     app.add_option("--config", o.configFile,
                    "Access configuration in Net-SNMP snmpd.conf syntax (rocommunity, createUser, rouser, view, "
-                   "access...) and notification sinks (trap2sink, informsink, trapsess); default: read-only community public from 127.0.0.1 (and ::1) only");
+                   "access...) and notification sinks (trap2sink, informsink, trapsess); default: read-only community "
+                   "public from 127.0.0.1 (and ::1) only");
     app.add_option("--persistent-dir", o.persistentDir,
                    "Directory for Net-SNMP's persistent files (v3 engine boots); default: a private temporary one");
     app.add_option("--context", o.contexts,
                    "Also initialise the module in this SNMP context (repeatable); tables are served only in the "
                    "default context");
-    app.add_option("--module", o.modulePath, "The module library to load")->default_str("VelmarDaemonMIB.so beside the agent");
+    app.add_option("--module", o.modulePath, "The module library to load")
+        ->default_str("VelmarDaemonMIB.so beside the agent");
     app.add_option("--trace", o.trace,
                    "Trace levels per facility, e.g. Snmp/0-2,8 or Snmp/* (the TRACE variable does the same; lines go "
                    "to standard error or to the file named by TRACEFILE)");
@@ -134,7 +138,6 @@ void build(CLI::App& app, AgentOptions& o) {
 
 } // namespace
 
-
 std::string joined(const std::vector<std::string>& items) {
     std::string out;
     for (const auto& i : items) out += (out.empty() ? "" : ",") + i;
@@ -166,7 +169,8 @@ int parseOptions(int argc, char** argv, AgentOptions& opts) {
             const std::string arg = argv[i];
             if (arg == "--") break;
             if (arg.rfind("--", 0) != 0 || arg.size() < 3) continue;
-            const std::string name = arg.substr(2, arg.find('=') == std::string::npos ? std::string::npos : arg.find('=') - 2);
+            const std::string name =
+                arg.substr(2, arg.find('=') == std::string::npos ? std::string::npos : arg.find('=') - 2);
             if (std::find(known.begin(), known.end(), name) != known.end()) continue;
             const std::string hint = closestOption(arg, known);
             std::cerr << "velmar-snmp-agent: unknown option --" << name
@@ -193,7 +197,8 @@ int parseOptions(int argc, char** argv, AgentOptions& opts) {
             return 2;
         }
     }
-    if (!opts.agentx.empty() && !opts.allowTcpAgentx && opts.agentx.front() != '/' && opts.agentx.rfind("unix:", 0) != 0) {
+    if (!opts.agentx.empty() && !opts.allowTcpAgentx && opts.agentx.front() != '/' &&
+        opts.agentx.rfind("unix:", 0) != 0) {
         std::cerr << "velmar-snmp-agent: --agentx " << opts.agentx
                   << ": not a Unix socket; over TCP any local user can register this subtree at the master first and "
                      "answer for it (AgentX has no authentication). Use snmpd's Unix socket (agentXSocket), or give "

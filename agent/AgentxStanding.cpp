@@ -24,15 +24,15 @@ extern netsnmp_session* main_session;
 // master accepted the registration.
 int agentx_close_session(netsnmp_session* ss, int why);
 void agentx_unregister_callbacks(netsnmp_session* ss);
-int agentx_register(netsnmp_session* ss, oid start[], size_t startlen, int priority, int range_subid,
-                    oid range_ubound, int timeout, u_char flags, const char* contextName);
+int agentx_register(netsnmp_session* ss, oid start[], size_t startlen, int priority, int range_subid, oid range_ubound,
+                    int timeout, u_char flags, const char* contextName);
 }
 
 namespace Agent {
 
 namespace {
 
-constexpr int agentxCloseShutdown = 5;   // RFC 2741 6.2.2, reasonShutdown
+constexpr int agentxCloseShutdown = 5; // RFC 2741 6.2.2, reasonShutdown
 constexpr auto firstRetry = std::chrono::seconds(1);
 constexpr auto lastRetry = std::chrono::seconds(60);
 constexpr auto unreachableRepeat = std::chrono::seconds(60);
@@ -47,8 +47,8 @@ struct Registration {
     std::string context;
 
     bool same(const register_parameters& p) const {
-        return name.size() == p.namelen && std::equal(name.begin(), name.end(), p.name) && rangeSubid == p.range_subid &&
-               context == (p.contextName ? p.contextName : "");
+        return name.size() == p.namelen && std::equal(name.begin(), name.end(), p.name) &&
+               rangeSubid == p.range_subid && context == (p.contextName ? p.contextName : "");
     }
 };
 
@@ -59,7 +59,7 @@ AgentxStanding::Impl* instance = nullptr;
 struct AgentxStanding::Impl {
     std::string master;
     Log log;
-    unsigned pendingRefusals = 0;   // refusal lines not yet matched with a registration
+    unsigned pendingRefusals = 0; // refusal lines not yet matched with a registration
     long lastRefusalCode = 0;
     std::vector<Registration> refused;
     bool hadSession = false;
@@ -82,8 +82,9 @@ struct AgentxStanding::Impl {
             if (!saidUnreachable || now - lastUnreachable >= unreachableRepeat) {
                 std::string why = whyUnreachable(master);
                 if (why.empty()) why = "the connection failed";
-                log(true, "cannot reach the AgentX master at " + master + ": " + why + "; trying again (said again every " +
-                              std::to_string(unreachableRepeat.count()) + " s while it lasts)");
+                log(true, "cannot reach the AgentX master at " + master + ": " + why +
+                              "; trying again (said again every " + std::to_string(unreachableRepeat.count()) +
+                              " s while it lasts)");
                 saidUnreachable = true;
                 lastUnreachable = now;
             }
@@ -95,8 +96,9 @@ struct AgentxStanding::Impl {
 
     void onRegister(int minor, const register_parameters& p) {
         if (minor == SNMPD_CALLBACK_UNREGISTER_OID) {
-            refused.erase(std::remove_if(refused.begin(), refused.end(), [&](const Registration& r) { return r.same(p); }),
-                          refused.end());
+            refused.erase(
+                std::remove_if(refused.begin(), refused.end(), [&](const Registration& r) { return r.same(p); }),
+                refused.end());
             return;
         }
         if (pendingRefusals == 0) return;
@@ -149,7 +151,9 @@ AgentxStanding::~AgentxStanding() {
     delete impl_;
 }
 
-std::size_t AgentxStanding::refused() const noexcept { return impl_->refused.size(); }
+std::size_t AgentxStanding::refused() const noexcept {
+    return impl_->refused.size();
+}
 
 void AgentxStanding::stopping() noexcept {
     impl_->stopping = true;
@@ -165,12 +169,13 @@ void AgentxStanding::stopping() noexcept {
 
 std::string AgentxStanding::refusalText() const {
     const std::size_t n = impl_->refused.size();
-    const auto wait = std::max<long long>(1, std::chrono::duration_cast<std::chrono::seconds>(
-                                                 impl_->nextRetry - std::chrono::steady_clock::now())
-                                                 .count());
+    const auto wait = std::max<long long>(
+        1,
+        std::chrono::duration_cast<std::chrono::seconds>(impl_->nextRetry - std::chrono::steady_clock::now()).count());
     return "the master at " + impl_->master + " refused " + std::to_string(n) +
            (n == 1 ? " registration" : " registrations") + " of VELMAR-DAEMON-MIB (" + subtreeText() +
-           "): the master already has this subtree: another subagent or the dlmod bridge; not serving, trying again in " +
+           "): the master already has this subtree: another subagent or the dlmod bridge; not serving, trying again "
+           "in " +
            std::to_string(wait) + " s and then less and less often";
 }
 
@@ -198,8 +203,10 @@ AgentxStanding::State AgentxStanding::poll(std::chrono::steady_clock::time_point
                                            it->rangeUbound, it->timeout, it->flags,
                                            it->context.empty() ? nullptr : it->context.c_str());
             d.pendingRefusals = 0;
-            if (ok == 1) it = d.refused.erase(it);
-            else ++it;
+            if (ok == 1)
+                it = d.refused.erase(it);
+            else
+                ++it;
             if (main_session == nullptr) return State::noSession;
         }
         d.backoff = std::min<std::chrono::seconds>(d.backoff * 2, lastRetry);
@@ -228,12 +235,18 @@ std::string AgentxStanding::whyUnreachable(const std::string& master) {
     ::close(fd);
     if (rc == 0) return {};
     switch (e) {
-    case ENOENT: return "no such file (" + path + "): is snmpd running with \"master agentx\" and this agentXSocket?";
-    case EACCES: return "permission denied on " + path + " (or a directory above it): agentXPerms in snmpd's configuration "
-                        "decide who may connect";
-    case ECONNREFUSED: return "nothing listens on " + path + " (a socket left by a stopped master?)";
-    case ENOTSOCK: return path + " is not a socket";
-    default: return std::strerror(e);
+        case ENOENT:
+            return "no such file (" + path + "): is snmpd running with \"master agentx\" and this agentXSocket?";
+        case EACCES:
+            return "permission denied on " + path +
+                   " (or a directory above it): agentXPerms in snmpd's configuration "
+                   "decide who may connect";
+        case ECONNREFUSED:
+            return "nothing listens on " + path + " (a socket left by a stopped master?)";
+        case ENOTSOCK:
+            return path + " is not a socket";
+        default:
+            return std::strerror(e);
     }
 }
 

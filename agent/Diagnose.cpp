@@ -56,7 +56,9 @@ NetSnmpComplaints::NetSnmpComplaints() {
     });
 }
 
-NetSnmpComplaints::~NetSnmpComplaints() { Log::observeNetSnmp({}); }
+NetSnmpComplaints::~NetSnmpComplaints() {
+    Log::observeNetSnmp({});
+}
 
 std::vector<std::string> NetSnmpComplaints::aboutFile(const std::string& path) const {
     std::vector<std::string> out;
@@ -86,8 +88,8 @@ std::optional<std::string> NetSnmpComplaints::failedEndpoint() const {
 namespace {
 
 struct Parsed {
-    std::string transport;   // lower case
-    std::string rest;        // what follows "transport:"
+    std::string transport; // lower case
+    std::string rest;      // what follows "transport:"
 };
 
 Parsed split(const std::string& address) {
@@ -104,8 +106,12 @@ Parsed split(const std::string& address) {
     return p;
 }
 
-bool isIpv6(const std::string& transport) { return transport == "udp6" || transport == "tcp6" || transport == "udpv6" || transport == "tcpv6"; }
-bool isTcp(const std::string& transport) { return transport.rfind("tcp", 0) == 0; }
+bool isIpv6(const std::string& transport) {
+    return transport == "udp6" || transport == "tcp6" || transport == "udpv6" || transport == "tcpv6";
+}
+bool isTcp(const std::string& transport) {
+    return transport.rfind("tcp", 0) == 0;
+}
 
 // Fills the socket address as Net-SNMP would for a local (listening) address.
 bool parseInet(const Parsed& p, sockaddr_storage& ss, socklen_t& len) {
@@ -122,12 +128,17 @@ bool parseInet(const Parsed& p, sockaddr_storage& ss, socklen_t& len) {
 
 std::string bindReason(int err) {
     switch (err) {
-    case EADDRINUSE: return "address in use (another process is listening there)";
-    case EADDRNOTAVAIL: return "not an address of this host";
-    case EACCES:
-    case EPERM: return "permission denied (ports below 1024 need root or CAP_NET_BIND_SERVICE)";
-    case EAFNOSUPPORT: return "this address family is not available on this host";
-    default: return std::strerror(err);
+        case EADDRINUSE:
+            return "address in use (another process is listening there)";
+        case EADDRNOTAVAIL:
+            return "not an address of this host";
+        case EACCES:
+        case EPERM:
+            return "permission denied (ports below 1024 need root or CAP_NET_BIND_SERVICE)";
+        case EAFNOSUPPORT:
+            return "this address family is not available on this host";
+        default:
+            return std::strerror(err);
     }
 }
 
@@ -165,7 +176,7 @@ std::string whyCannotListen(const std::string& address) {
     const int fd = ::socket(family, (isTcp(p.transport) ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, 0);
     if (fd < 0) return bindReason(errno);
     int one = 1;
-    if (isTcp(p.transport)) ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);   // as Net-SNMP does
+    if (isTcp(p.transport)) ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one); // as Net-SNMP does
     if (family == AF_INET6) ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one);
     std::string why;
     if (::bind(fd, reinterpret_cast<sockaddr*>(&ss), len) != 0) why = bindReason(errno);

@@ -46,7 +46,7 @@ void setUnsigned(netsnmp_variable_list* vb, u_char type, std::uint64_t v) {
 
 int handle(netsnmp_mib_handler*, netsnmp_handler_registration* reg, netsnmp_agent_request_info* reqinfo,
            netsnmp_request_info* requests) {
-    if (reqinfo->mode != MODE_GET) return SNMP_ERR_NOERROR;   // the scalar group turns GETNEXT into GET
+    if (reqinfo->mode != MODE_GET) return SNMP_ERR_NOERROR; // the scalar group turns GETNEXT into GET
     const auto* health = static_cast<const FeedHealthMib*>(reg->my_reg_void);
     const Feed::StateFeed& feed = health->feed();
     const Feed::SourceHealth h = feed.source().health();
@@ -62,33 +62,57 @@ int handle(netsnmp_mib_handler*, netsnmp_handler_registration* reg, netsnmp_agen
             continue;
         }
         switch (vb->name[at]) {
-        case source: setText(vb, feed.source().description()); break;
-        case state: {
-            const long v = FeedHealthMib::stateValue(h.state);
-            snmp_set_var_typed_value(vb, ASN_INTEGER, &v, sizeof v);
-            break;
-        }
-        case changeAge: setUnsigned(vb, ASN_GAUGE, FeedHealthMib::ageSeconds(feed.lastChange(), now)); break;
-        case readAge: setUnsigned(vb, ASN_GAUGE, FeedHealthMib::ageSeconds(h.lastRead, now)); break;
-        case lastChange: {
-            const std::string d = FeedHealthMib::dateAndTime(feed.lastChange());
-            snmp_set_var_typed_value(vb, ASN_OCTET_STR, d.data(), d.size());
-            break;
-        }
-        case lastRead: {
-            const std::string d = FeedHealthMib::dateAndTime(h.lastRead);
-            snmp_set_var_typed_value(vb, ASN_OCTET_STR, d.data(), d.size());
-            break;
-        }
-        case lastRefusal: setText(vb, h.lastRefusal); break;
-        case daemons: setUnsigned(vb, ASN_GAUGE, feed.daemons()); break;
-        case rows: setUnsigned(vb, ASN_GAUGE, feed.rows()); break;
-        case reloads: setUnsigned(vb, ASN_COUNTER, h.reloads); break;
-        case refusals: setUnsigned(vb, ASN_COUNTER, h.refused); break;
-        case skippedNow: setUnsigned(vb, ASN_GAUGE, h.skippedNow); break;
-        case skipped: setUnsigned(vb, ASN_COUNTER, h.skipped); break;
-        case lastSkip: setText(vb, h.lastSkip); break;
-        default: netsnmp_set_request_error(reqinfo, r, SNMP_NOSUCHOBJECT); break;
+            case source:
+                setText(vb, feed.source().description());
+                break;
+            case state: {
+                const long v = FeedHealthMib::stateValue(h.state);
+                snmp_set_var_typed_value(vb, ASN_INTEGER, &v, sizeof v);
+                break;
+            }
+            case changeAge:
+                setUnsigned(vb, ASN_GAUGE, FeedHealthMib::ageSeconds(feed.lastChange(), now));
+                break;
+            case readAge:
+                setUnsigned(vb, ASN_GAUGE, FeedHealthMib::ageSeconds(h.lastRead, now));
+                break;
+            case lastChange: {
+                const std::string d = FeedHealthMib::dateAndTime(feed.lastChange());
+                snmp_set_var_typed_value(vb, ASN_OCTET_STR, d.data(), d.size());
+                break;
+            }
+            case lastRead: {
+                const std::string d = FeedHealthMib::dateAndTime(h.lastRead);
+                snmp_set_var_typed_value(vb, ASN_OCTET_STR, d.data(), d.size());
+                break;
+            }
+            case lastRefusal:
+                setText(vb, h.lastRefusal);
+                break;
+            case daemons:
+                setUnsigned(vb, ASN_GAUGE, feed.daemons());
+                break;
+            case rows:
+                setUnsigned(vb, ASN_GAUGE, feed.rows());
+                break;
+            case reloads:
+                setUnsigned(vb, ASN_COUNTER, h.reloads);
+                break;
+            case refusals:
+                setUnsigned(vb, ASN_COUNTER, h.refused);
+                break;
+            case skippedNow:
+                setUnsigned(vb, ASN_GAUGE, h.skippedNow);
+                break;
+            case skipped:
+                setUnsigned(vb, ASN_COUNTER, h.skipped);
+                break;
+            case lastSkip:
+                setText(vb, h.lastSkip);
+                break;
+            default:
+                netsnmp_set_request_error(reqinfo, r, SNMP_NOSUCHOBJECT);
+                break;
         }
     }
     return SNMP_ERR_NOERROR;
@@ -105,7 +129,7 @@ std::uint32_t FeedHealthMib::ageSeconds(std::chrono::system_clock::time_point si
                                         std::chrono::system_clock::time_point now) {
     if (since == std::chrono::system_clock::time_point{}) return never;
     const auto s = std::chrono::duration_cast<std::chrono::seconds>(now - since).count();
-    if (s < 0) return 0;   // the clock was set back
+    if (s < 0) return 0; // the clock was set back
     return s >= static_cast<long long>(never) ? never - 1 : static_cast<std::uint32_t>(s);
 }
 
@@ -116,11 +140,17 @@ std::string FeedHealthMib::dateAndTime(std::chrono::system_clock::time_point t) 
     std::tm tm{};
     ::gmtime_r(&secs, &tm);
     const int year = tm.tm_year + 1900;
-    const char bytes[11] = {static_cast<char>(year >> 8), static_cast<char>(year & 0xff),
-                            static_cast<char>(tm.tm_mon + 1), static_cast<char>(tm.tm_mday),
-                            static_cast<char>(tm.tm_hour), static_cast<char>(tm.tm_min),
+    const char bytes[11] = {static_cast<char>(year >> 8),
+                            static_cast<char>(year & 0xff),
+                            static_cast<char>(tm.tm_mon + 1),
+                            static_cast<char>(tm.tm_mday),
+                            static_cast<char>(tm.tm_hour),
+                            static_cast<char>(tm.tm_min),
                             static_cast<char>(tm.tm_sec > 59 ? 59 : tm.tm_sec),
-                            static_cast<char>((ms % 1000) / 100), '+', 0, 0};
+                            static_cast<char>((ms % 1000) / 100),
+                            '+',
+                            0,
+                            0};
     return std::string(bytes, sizeof bytes);
 }
 
@@ -134,12 +164,18 @@ std::string FeedHealthMib::text(const std::string& s) {
 
 long FeedHealthMib::stateValue(Feed::SourceState state) {
     switch (state) {
-    case Feed::SourceState::ok: return 1;
-    case Feed::SourceState::refused: return 2;
-    case Feed::SourceState::gone: return 3;
-    case Feed::SourceState::busLost: return 4;
-    case Feed::SourceState::notLoaded: return 5;
-    case Feed::SourceState::unresponsive: return 6;
+        case Feed::SourceState::ok:
+            return 1;
+        case Feed::SourceState::refused:
+            return 2;
+        case Feed::SourceState::gone:
+            return 3;
+        case Feed::SourceState::busLost:
+            return 4;
+        case Feed::SourceState::notLoaded:
+            return 5;
+        case Feed::SourceState::unresponsive:
+            return 6;
     }
     return 5;
 }

@@ -55,9 +55,10 @@ public:
     static const std::vector<unsigned long>& subtree();
 
     // The values as served, for the handler and for tests.
-    static std::uint32_t ageSeconds(std::chrono::system_clock::time_point since, std::chrono::system_clock::time_point now);
-    static std::string dateAndTime(std::chrono::system_clock::time_point t);   // 11 octets UTC; 8 zeros: never
-    static std::string text(const std::string& s);                               // cut to maxTextBytes
+    static std::uint32_t ageSeconds(std::chrono::system_clock::time_point since,
+                                    std::chrono::system_clock::time_point now);
+    static std::string dateAndTime(std::chrono::system_clock::time_point t); // 11 octets UTC; 8 zeros: never
+    static std::string text(const std::string& s);                           // cut to maxTextBytes
     static long stateValue(Feed::SourceState state);
 
     const Feed::StateFeed& feed() const noexcept { return feed_; }

@@ -19,14 +19,16 @@ namespace Agent {
 namespace {
 
 constexpr oid entry = 1;
-constexpr oid firstColumn = 2;   // column 1 is the index, not served
+constexpr oid firstColumn = 2; // column 1 is the index, not served
 constexpr oid lastColumn = 6;
 constexpr oid runningChanges = 2, enabledChanges = 3, lastRunningChange = 4, lastEnabledChange = 5,
               lastRunningChangeTime = 6;
 
 using Record = DaemonHistory::Record;
 
-bool hasInstance(const Record& r, oid column) { return column != lastRunningChangeTime || r.hasRunningTime(); }
+bool hasInstance(const Record& r, oid column) {
+    return column != lastRunningChangeTime || r.hasRunningTime();
+}
 
 // The first row at or after (or strictly after) name that has an instance in column.
 const Record* rowFrom(const DaemonHistory& h, const Record* r, oid column) {
@@ -55,7 +57,7 @@ std::optional<Instance> nextAfter(const DaemonHistory& h, const oid* rest, std::
             const oid len = rest[1];
             if (len <= 255) {
                 std::string key;
-                bool cut = false;   // a value over 255: rows equal so far are before the request
+                bool cut = false; // a value over 255: rows equal so far are before the request
                 std::size_t i = 0;
                 for (; i < len && 2 + i < n; ++i) {
                     if (rest[2 + i] > 255) {
@@ -74,7 +76,7 @@ std::optional<Instance> nextAfter(const DaemonHistory& h, const oid* rest, std::
                     row = h.find(k);
                     if (!row) row = h.next(k);
                 } else {
-                    row = h.next(Snmp::String(key));   // the row itself is at or before the request
+                    row = h.next(Snmp::String(key)); // the row itself is at or before the request
                 }
                 row = rowFrom(h, row, column);
             }
@@ -101,23 +103,23 @@ const Record* exactRow(const DaemonHistory& h, const oid* rest, std::size_t n) {
 
 void setValue(netsnmp_variable_list* vb, oid column, const Record& r) {
     switch (column) {
-    case runningChanges:
-    case enabledChanges: {
-        const u_long v = column == runningChanges ? r.runningChanges : r.enabledChanges;
-        snmp_set_var_typed_value(vb, ASN_COUNTER, &v, sizeof v);
-        break;
-    }
-    case lastRunningChange:
-    case lastEnabledChange: {
-        const u_long v = column == lastRunningChange ? r.lastRunningChange : r.lastEnabledChange;
-        snmp_set_var_typed_value(vb, ASN_TIMETICKS, &v, sizeof v);
-        break;
-    }
-    case lastRunningChangeTime: {
-        const std::string d = FeedHealthMib::dateAndTime(r.lastRunningTime());
-        snmp_set_var_typed_value(vb, ASN_OCTET_STR, d.data(), d.size());
-        break;
-    }
+        case runningChanges:
+        case enabledChanges: {
+            const u_long v = column == runningChanges ? r.runningChanges : r.enabledChanges;
+            snmp_set_var_typed_value(vb, ASN_COUNTER, &v, sizeof v);
+            break;
+        }
+        case lastRunningChange:
+        case lastEnabledChange: {
+            const u_long v = column == lastRunningChange ? r.lastRunningChange : r.lastEnabledChange;
+            snmp_set_var_typed_value(vb, ASN_TIMETICKS, &v, sizeof v);
+            break;
+        }
+        case lastRunningChangeTime: {
+            const std::string d = FeedHealthMib::dateAndTime(r.lastRunningTime());
+            snmp_set_var_typed_value(vb, ASN_OCTET_STR, d.data(), d.size());
+            break;
+        }
     }
 }
 
@@ -135,33 +137,39 @@ int handle(netsnmp_mib_handler*, netsnmp_handler_registration* reg, netsnmp_agen
         const oid* rest = vb->name + table.size();
         std::size_t n = vb->name_length > table.size() ? vb->name_length - table.size() : 0;
         switch (reqinfo->mode) {
-        case MODE_GET: {
-            const Record* row = nullptr;
-            oid column = 0;
-            if (cmp == 0 && n >= 2 && rest[0] == entry) {
-                column = rest[1];
-                row = exactRow(h, rest + 1, n - 1);
+            case MODE_GET: {
+                const Record* row = nullptr;
+                oid column = 0;
+                if (cmp == 0 && n >= 2 && rest[0] == entry) {
+                    column = rest[1];
+                    row = exactRow(h, rest + 1, n - 1);
+                }
+                if (column < firstColumn || column > lastColumn)
+                    netsnmp_set_request_error(reqinfo, r, SNMP_NOSUCHOBJECT);
+                else if (!row || !hasInstance(*row, column))
+                    netsnmp_set_request_error(reqinfo, r, SNMP_NOSUCHINSTANCE);
+                else
+                    setValue(vb, column, *row);
+                break;
             }
-            if (column < firstColumn || column > lastColumn) netsnmp_set_request_error(reqinfo, r, SNMP_NOSUCHOBJECT);
-            else if (!row || !hasInstance(*row, column)) netsnmp_set_request_error(reqinfo, r, SNMP_NOSUCHINSTANCE);
-            else setValue(vb, column, *row);
-            break;
-        }
-        case MODE_GETNEXT: {
-            std::optional<Instance> next;
-            if (cmp < 0 || n == 0 || (cmp == 0 && rest[0] < entry)) next = nextAfter(h, nullptr, 0);
-            else if (cmp == 0 && rest[0] == entry) next = nextAfter(h, rest + 1, n - 1);
-            if (!next) break;   // nothing here: the agent goes on to what follows the table
-            std::vector<oid> name(table.begin(), table.end());
-            name.push_back(entry);
-            name.push_back(next->column);
-            name.push_back(next->row->name.size());
-            for (unsigned char c : next->row->name.view()) name.push_back(c);
-            snmp_set_var_objid(vb, name.data(), name.size());
-            setValue(vb, next->column, *next->row);
-            break;
-        }
-        default: break;   // a read-only registration: the agent refuses writes before this
+            case MODE_GETNEXT: {
+                std::optional<Instance> next;
+                if (cmp < 0 || n == 0 || (cmp == 0 && rest[0] < entry))
+                    next = nextAfter(h, nullptr, 0);
+                else if (cmp == 0 && rest[0] == entry)
+                    next = nextAfter(h, rest + 1, n - 1);
+                if (!next) break; // nothing here: the agent goes on to what follows the table
+                std::vector<oid> name(table.begin(), table.end());
+                name.push_back(entry);
+                name.push_back(next->column);
+                name.push_back(next->row->name.size());
+                for (unsigned char c : next->row->name.view()) name.push_back(c);
+                snmp_set_var_objid(vb, name.data(), name.size());
+                setValue(vb, next->column, *next->row);
+                break;
+            }
+            default:
+                break; // a read-only registration: the agent refuses writes before this
         }
     }
     return SNMP_ERR_NOERROR;
@@ -177,13 +185,14 @@ const std::vector<unsigned long>& HistoryMib::table() {
 
 HistoryMib::HistoryMib(const DaemonHistory& history) : history_(history) {
     std::vector<oid> root(table().begin(), table().end());
-    netsnmp_handler_registration* reg = netsnmp_create_handler_registration("velmarDaemonHistoryTable", handle,
-                                                                            root.data(), root.size(), HANDLER_CAN_RONLY);
+    netsnmp_handler_registration* reg = netsnmp_create_handler_registration(
+        "velmarDaemonHistoryTable", handle, root.data(), root.size(), HANDLER_CAN_RONLY);
     if (!reg) throw std::runtime_error("cannot register velmarDaemonHistoryTable (velmarDaemonMIB.2.3)");
     reg->my_reg_void = this;
     if (netsnmp_register_handler(reg) != MIB_REGISTERED_OK)
         // Net-SNMP has freed reg.
-        throw std::runtime_error("cannot register velmarDaemonHistoryTable (velmarDaemonMIB.2.3): the subtree is taken");
+        throw std::runtime_error(
+            "cannot register velmarDaemonHistoryTable (velmarDaemonMIB.2.3): the subtree is taken");
     registration_ = reg;
 }
 

@@ -57,7 +57,7 @@ private:
 // lives in the library file at `library`.
 std::vector<netsnmp_handler_registration*> registrationsInto(const std::string& library) {
     std::vector<netsnmp_handler_registration*> found;
-    std::vector<std::pair<std::string, bool>> files;   // file name -> is the library
+    std::vector<std::pair<std::string, bool>> files; // file name -> is the library
     auto inLibrary = [&](Netsnmp_Node_Handler* fn) {
         Dl_info info{};
         if (!fn || !::dladdr(reinterpret_cast<void*>(fn), &info) || !info.dli_fname) return false;
@@ -118,7 +118,9 @@ void withdrawModuleLeftovers(const std::string& modulePath) {
 
 Host::Host(Feed::StateFeed::Log log) : log_(std::move(log)) {}
 
-Host::~Host() { release(); }
+Host::~Host() {
+    release();
+}
 
 void Host::loadState(std::unique_ptr<Feed::Source> source) {
     if (mib_) throw std::logic_error("Host::loadState: state already loaded");
@@ -147,7 +149,9 @@ void Host::loadModule(const std::string& modulePath, const std::vector<std::stri
     if (!replyLimit_) replyLimit_ = std::make_unique<ReplySizeLimit>();
 }
 
-void Host::onFeedEvent(int, void* host) { static_cast<Host*>(host)->feed_->handleEvent(); }
+void Host::onFeedEvent(int, void* host) {
+    static_cast<Host*>(host)->feed_->handleEvent();
+}
 
 void Host::startFeed() {
     if (!feed_) throw std::logic_error("Host::startFeed: no state loaded");

@@ -55,10 +55,10 @@ public:
 
     // Loads the module library and initialises it in the default context and then in each
     // of contexts, serves the feed's health and the daemon history beside it (FeedHealthMib,
-    // HistoryMib; default context, when state is loaded), and keeps every reply of the agent within what its transport carries
-    // (ReplySizeLimit). Needs Net-SNMP's agent library initialised (handlers are registered).
-    // Throws Orbel::Exception when the library cannot be loaded; nothing stays loaded
-    // then. Precondition: no module loaded yet (std::logic_error otherwise).
+    // HistoryMib; default context, when state is loaded), and keeps every reply of the agent within what its transport
+    // carries (ReplySizeLimit). Needs Net-SNMP's agent library initialised (handlers are registered). Throws
+    // Orbel::Exception when the library cannot be loaded; nothing stays loaded then. Precondition: no module loaded yet
+    // (std::logic_error otherwise).
     void loadModule(const std::string& modulePath, const std::vector<std::string>& contexts);
 
     // Registers the feed's descriptor with Net-SNMP's select loop (register_readfd; each
@@ -116,9 +116,9 @@ private:
     std::unique_ptr<FeedHealthMib> health_;
     std::unique_ptr<DaemonHistory> history_;
     std::unique_ptr<HistoryMib> historyMib_;
-    std::string modulePath_;   // the module's library: the leftovers are what leads into it
+    std::string modulePath_; // the module's library: the leftovers are what leads into it
     bool feedRegistered_ = false;
-    int activityFd_ = -1;   // wake-up eventfd of the activity loop (runActivitiesFromSelectLoop)
+    int activityFd_ = -1; // wake-up eventfd of the activity loop (runActivitiesFromSelectLoop)
 };
 
 // "enterprises.32473.3.17" with the build's enterprise number: the subtree served.

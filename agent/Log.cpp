@@ -27,16 +27,16 @@ enum class Kind { stderrText, journal, syslog, file };
 struct State {
     std::mutex mutex;
     Kind kind = Kind::stderrText;
-    std::string path;          // of the log file
-    int fd = STDERR_FILENO;    // where stderrText, journal and file lines go
-    bool routed = false;       // Net-SNMP's log comes here
-    std::string pending;       // a Net-SNMP message not ended by a newline yet
+    std::string path;       // of the log file
+    int fd = STDERR_FILENO; // where stderrText, journal and file lines go
+    bool routed = false;    // Net-SNMP's log comes here
+    std::string pending;    // a Net-SNMP message not ended by a newline yet
     Observer observer;
-    LogLimit limit;            // Net-SNMP's lines of each kind, per interval
+    LogLimit limit; // Net-SNMP's lines of each kind, per interval
 };
 
 State& state() {
-    static State* s = new State;   // never destroyed: lines may come during exit
+    static State* s = new State; // never destroyed: lines may come during exit
     return *s;
 }
 
@@ -72,7 +72,7 @@ void writeAll(int fd, const std::string& text) {
     while (left > 0) {
         ssize_t n = ::write(fd, p, left);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;   // nowhere left to say it
+        if (n <= 0) return; // nowhere left to say it
         p += n;
         left -= static_cast<size_t>(n);
     }
@@ -81,16 +81,16 @@ void writeAll(int fd, const std::string& text) {
 // One line without newline; the caller holds the mutex.
 void writeLocked(State& s, Level level, const std::string& line) {
     switch (s.kind) {
-    case Kind::syslog:
-        ::syslog(static_cast<int>(level), "%s", line.c_str());
-        return;
-    case Kind::journal:
-        writeAll(s.fd, "<" + std::to_string(static_cast<int>(level)) + ">" + line + "\n");
-        return;
-    case Kind::stderrText:
-    case Kind::file:
-        writeAll(s.fd, timestamp() + " " + levelText(level) + " " + appName + ": " + line + "\n");
-        return;
+        case Kind::syslog:
+            ::syslog(static_cast<int>(level), "%s", line.c_str());
+            return;
+        case Kind::journal:
+            writeAll(s.fd, "<" + std::to_string(static_cast<int>(level)) + ">" + line + "\n");
+            return;
+        case Kind::stderrText:
+        case Kind::file:
+            writeAll(s.fd, timestamp() + " " + levelText(level) + " " + appName + ": " + line + "\n");
+            return;
     }
 }
 
@@ -171,11 +171,16 @@ int onNetSnmpLog(int, int, void* serverarg, void*) {
 
 const char* levelText(Level level) {
     switch (level) {
-    case Level::error: return "error";
-    case Level::warning: return "warning";
-    case Level::notice: return "notice";
-    case Level::info: return "info";
-    case Level::debug: return "debug";
+        case Level::error:
+            return "error";
+        case Level::warning:
+            return "warning";
+        case Level::notice:
+            return "notice";
+        case Level::info:
+            return "info";
+        case Level::debug:
+            return "debug";
     }
     return "notice";
 }
@@ -184,10 +189,14 @@ std::string open(const std::string& destination) {
     State& s = state();
     Kind kind;
     std::string path;
-    if (destination == "auto") kind = stderrIsJournal() ? Kind::journal : Kind::stderrText;
-    else if (destination == "stderr") kind = Kind::stderrText;
-    else if (destination == "journal") kind = Kind::journal;
-    else if (destination == "syslog") kind = Kind::syslog;
+    if (destination == "auto")
+        kind = stderrIsJournal() ? Kind::journal : Kind::stderrText;
+    else if (destination == "stderr")
+        kind = Kind::stderrText;
+    else if (destination == "journal")
+        kind = Kind::journal;
+    else if (destination == "syslog")
+        kind = Kind::syslog;
     else if (destination.rfind("file:", 0) == 0 && destination.size() > 5) {
         kind = Kind::file;
         path = destination.substr(5);
@@ -213,10 +222,14 @@ std::string destination() {
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     switch (s.kind) {
-    case Kind::stderrText: return "stderr";
-    case Kind::journal: return "journal";
-    case Kind::syslog: return "syslog";
-    case Kind::file: return "file:" + s.path;
+        case Kind::stderrText:
+            return "stderr";
+        case Kind::journal:
+            return "journal";
+        case Kind::syslog:
+            return "syslog";
+        case Kind::file:
+            return "file:" + s.path;
     }
     return "stderr";
 }

@@ -29,9 +29,9 @@ public:
     using Clock = std::chrono::steady_clock;
 
     struct Settings {
-        std::size_t burst = 10;                        // lines of a kind written per interval
+        std::size_t burst = 10; // lines of a kind written per interval
         std::chrono::seconds interval{60};
-        std::size_t maxKinds = 64;                     // kinds tracked per interval
+        std::size_t maxKinds = 64; // kinds tracked per interval
     };
 
     LogLimit() = default;
@@ -60,7 +60,7 @@ private:
         Clock::time_point start;
         std::size_t written = 0;
         std::size_t dropped = 0;
-        std::string example;                           // the first line of the kind
+        std::string example; // the first line of the kind
     };
     void endWindows(Clock::time_point now, bool all);
     std::string summary(const Window& w, Clock::time_point now) const;

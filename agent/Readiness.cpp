@@ -11,7 +11,9 @@ namespace {
 
 bool readySent = false;
 
-void onWatchdogAlarm(unsigned int, void*) { sd_notify(0, "WATCHDOG=1"); }
+void onWatchdogAlarm(unsigned int, void*) {
+    sd_notify(0, "WATCHDOG=1");
+}
 
 } // namespace
 
@@ -21,9 +23,13 @@ void ready(const std::string& text) {
     readySent = true;
 }
 
-void status(const std::string& text) { sd_notify(0, ("STATUS=" + text).c_str()); }
+void status(const std::string& text) {
+    sd_notify(0, ("STATUS=" + text).c_str());
+}
 
-void stopping() { sd_notify(0, "STOPPING=1"); }
+void stopping() {
+    sd_notify(0, "STOPPING=1");
+}
 
 std::uint64_t startWatchdog() {
     uint64_t usec = 0;

@@ -27,13 +27,13 @@ bool installed = false;
 int onAccessCheck(int, int, void* serverArg, void*) {
     auto* params = static_cast<view_parameters*>(serverArg);
     if (params && params->pdu) limitReplySize(*params->pdu);
-    return SNMPERR_SUCCESS;   // an access decision is not ours: errorcode stays as it is
+    return SNMPERR_SUCCESS; // an access decision is not ours: errorcode stays as it is
 }
 
 } // namespace
 
 std::size_t replyLimitFor(const snmp_pdu& request) {
-    const int configured = netsnmp_max_send_msg_size();   // sendMessageMaxSize, or 2^31 - 1
+    const int configured = netsnmp_max_send_msg_size(); // sendMessageMaxSize, or 2^31 - 1
     std::size_t limit = configured > 0 ? static_cast<std::size_t>(configured) : 0;
     if (isDomain(request, udpDomain) || isDomain(request, udp6Domain))
         limit = limit ? std::min(limit, maxUdpReply) : maxUdpReply;
@@ -56,7 +56,9 @@ ReplySizeLimit::ReplySizeLimit() {
     installed = installed_ = true;
 }
 
-ReplySizeLimit::~ReplySizeLimit() { remove(); }
+ReplySizeLimit::~ReplySizeLimit() {
+    remove();
+}
 
 void ReplySizeLimit::remove() {
     if (!installed_) return;

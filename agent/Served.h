@@ -15,9 +15,9 @@ namespace Agent {
 struct Served {
     std::size_t daemons = 0;
     std::size_t enabledRows = 0;
-    std::size_t optionRows = 0;    // options with a non-empty value
+    std::size_t optionRows = 0; // options with a non-empty value
     std::size_t runningRows = 0;
-    std::size_t dataRows = 0;      // data items with a non-empty value
+    std::size_t dataRows = 0; // data items with a non-empty value
     std::size_t rows() const noexcept { return enabledRows + optionRows + runningRows + dataRows; }
     std::string text() const;
 };

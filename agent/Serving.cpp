@@ -29,7 +29,9 @@ Feed::SystemdSource::Options systemdOptions(const SourceSettings& s) {
     return o;
 }
 
-std::string unitsText(const SourceSettings& s) { return s.units.empty() ? std::string(Feed::defaultUnitPatterns) : s.units; }
+std::string unitsText(const SourceSettings& s) {
+    return s.units.empty() ? std::string(Feed::defaultUnitPatterns) : s.units;
+}
 
 } // namespace
 
@@ -63,11 +65,17 @@ std::string servedText(const Feed::StateFeed& feed) {
 Serving::Serving(Settings settings, Feed::StateFeed::Log feedLog, Notifier::Log notifyLog)
     : settings_(std::move(settings)), notifyLog_(std::move(notifyLog)), host_(std::move(feedLog)) {}
 
-Serving::~Serving() { release(); }
+Serving::~Serving() {
+    release();
+}
 
-void Serving::loadState() { host_.loadState(makeSource(settings_.source)); }
+void Serving::loadState() {
+    host_.loadState(makeSource(settings_.source));
+}
 
-void Serving::loadModule() { host_.loadModule(settings_.modulePath, settings_.contexts); }
+void Serving::loadModule() {
+    host_.loadModule(settings_.modulePath, settings_.contexts);
+}
 
 void Serving::start(bool activitiesFromSelectLoop) {
     host_.startFeed();

@@ -45,16 +45,16 @@ namespace Agent {
 // Where the launcher's state comes from: a JSON state file, systemd's service units, or a
 // supervisord's processes.
 struct SourceSettings {
-    std::string stateFile;                      // without systemd: the launcher's state file
-    bool systemd = false;                       // systemd's service units instead
-    std::string units;                          // their patterns as given; empty: every service
+    std::string stateFile;                       // without systemd: the launcher's state file
+    bool systemd = false;                        // systemd's service units instead
+    std::string units;                           // their patterns as given; empty: every service
     std::optional<std::chrono::seconds> refresh; // between counter readings; empty: the source's default
-    std::string systemBus;                      // empty: $DBUS_SYSTEM_BUS_ADDRESS, else the system bus
-    bool supervisor = false;                    // a supervisord's processes instead (SupervisorSettings.h)
-    std::string supervisorAddress;              // socket path, unix://PATH or http://HOST:PORT; empty: the default
-    std::string supervisorEvents;               // the listener's datagram socket; empty: polled only
-    std::string supervisorAuth;                 // a USER:PASSWORD file; empty: none
-    bool serveCommandLines = false;             // whole command lines, not just the executable
+    std::string systemBus;                       // empty: $DBUS_SYSTEM_BUS_ADDRESS, else the system bus
+    bool supervisor = false;                     // a supervisord's processes instead (SupervisorSettings.h)
+    std::string supervisorAddress;               // socket path, unix://PATH or http://HOST:PORT; empty: the default
+    std::string supervisorEvents;                // the listener's datagram socket; empty: polled only
+    std::string supervisorAuth;                  // a USER:PASSWORD file; empty: none
+    bool serveCommandLines = false;              // whole command lines, not just the executable
 };
 
 // The source the settings name. Throws std::invalid_argument ("units PATTERNS: why") for a
@@ -78,10 +78,10 @@ class Serving {
 public:
     struct Settings {
         SourceSettings source;
-        std::string modulePath;              // the module library
-        std::vector<std::string> contexts;   // initialised besides the default context
+        std::string modulePath;            // the module library
+        std::vector<std::string> contexts; // initialised besides the default context
         NotifyScheduler::Settings notify;
-        std::vector<std::string> notifyData;  // data keys a running change carries (NotifyData.h)
+        std::vector<std::string> notifyData; // data keys a running change carries (NotifyData.h)
     };
 
     // feedLog receives the feed's lines, notifyLog the notifier's (on the loop thread).
@@ -127,7 +127,7 @@ private:
     Settings settings_;
     Notifier::Log notifyLog_;
     Host host_;
-    std::unique_ptr<Notifier> notifier_;   // sends through the process's sinks or master
+    std::unique_ptr<Notifier> notifier_; // sends through the process's sinks or master
 };
 
 } // namespace Agent

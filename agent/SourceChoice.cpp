@@ -89,6 +89,8 @@ std::unique_ptr<Feed::Source> makeSource(const AgentOptions& o) {
     }
 }
 
-std::string sourceText(const AgentOptions& o) { return sourceText(sourceSettings(o)); }
+std::string sourceText(const AgentOptions& o) {
+    return sourceText(sourceSettings(o));
+}
 
 } // namespace Agent

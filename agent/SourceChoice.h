@@ -44,5 +44,4 @@ std::unique_ptr<Feed::Source> makeSource(const AgentOptions& opts);
 // "systemd (system bus unix:path=/run/dbus/system_bus_socket, units *.service)".
 std::string sourceText(const AgentOptions& opts);
 
-
 } // namespace Agent

@@ -29,17 +29,17 @@ namespace {
 
 // sysDescr: the agent, its version, what it serves and the system it runs on.
 std::string systemDescription() {
-    std::string text =
-        std::string(agentName) + " " + agentVersion + ": VELMAR-DAEMON-MIB, the launcher's daemon state";
+    std::string text = std::string(agentName) + " " + agentVersion + ": VELMAR-DAEMON-MIB, the launcher's daemon state";
     struct utsname u {};
     if (::uname(&u) == 0) text += std::string(" (") + u.sysname + " " + u.release + " " + u.machine + ")";
     return text;
 }
 
 // Net-SNMP's access directives, which only a master agent reads.
-constexpr const char* accessTokens[] = {"rocommunity", "rwcommunity", "rocommunity6", "rwcommunity6", "rouser",
-                                        "rwuser", "com2sec", "com2sec6", "group", "view", "access", "authcommunity",
-                                        "authuser", "authgroup", "authaccess", "setaccess", "createUser"};
+constexpr const char* accessTokens[] = {"rocommunity", "rwcommunity",   "rocommunity6", "rwcommunity6", "rouser",
+                                        "rwuser",      "com2sec",       "com2sec6",     "group",        "view",
+                                        "access",      "authcommunity", "authuser",     "authgroup",    "authaccess",
+                                        "setaccess",   "createUser"};
 
 } // namespace
 
@@ -66,7 +66,8 @@ std::string configureNetSnmp(const AgentOptions& opts, const std::filesystem::pa
         persistentDir = std::filesystem::absolute(opts.persistentDir, ec);
         if (!ec) std::filesystem::create_directories(persistentDir, ec);
         if (ec || !std::filesystem::is_directory(persistentDir))
-            return "--persistent-dir " + opts.persistentDir + ": " + (ec ? ec.message() : std::string("not a directory"));
+            return "--persistent-dir " + opts.persistentDir + ": " +
+                   (ec ? ec.message() : std::string("not a directory"));
     }
     const bool subagent = !opts.agentx.empty();
     {
@@ -84,11 +85,12 @@ std::string configureNetSnmp(const AgentOptions& opts, const std::filesystem::pa
     Log::routeNetSnmp();
     netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_CONFIGURATION_DIR, dir.c_str());
     netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, persistentDir.c_str());
-    if (!configFile.empty()) netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_OPTIONALCONFIG, configFile.c_str());
-    netsnmp_set_mib_directory(dir.c_str());  // the agent itself loads no MIB files
+    if (!configFile.empty())
+        netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_OPTIONALCONFIG, configFile.c_str());
+    netsnmp_set_mib_directory(dir.c_str()); // the agent itself loads no MIB files
     setenv("MIBS", "", 1);
     netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DONT_LOG_TCPWRAPPERS_CONNECTS, 1);
-    netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG, 1);  // alarms from the loop
+    netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG, 1); // alarms from the loop
     if (!opts.debug.empty()) {
         debug_register_tokens(opts.debug.c_str());
         snmp_set_do_debugging(1);

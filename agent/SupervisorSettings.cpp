@@ -13,7 +13,9 @@ std::string addressOf(const SourceSettings& s) {
     return s.supervisorAddress.empty() ? std::string(Feed::SupervisorSource::defaultSocket) : s.supervisorAddress;
 }
 
-std::string patternsOf(const SourceSettings& s) { return s.units.empty() ? std::string("*") : s.units; }
+std::string patternsOf(const SourceSettings& s) {
+    return s.units.empty() ? std::string("*") : s.units;
+}
 
 } // namespace
 
@@ -39,7 +41,7 @@ Feed::SupervisorSource::Options supervisorOptions(const SourceSettings& s) {
     }
     o.eventsSocket = s.supervisorEvents;
     std::chrono::seconds refresh = s.refresh.value_or(defaultRefresh);
-    o.refresh = refresh.count() > 0 ? std::chrono::milliseconds(refresh) : o.fullRead;   // 0: the full reads only
+    o.refresh = refresh.count() > 0 ? std::chrono::milliseconds(refresh) : o.fullRead; // 0: the full reads only
     o.command = s.serveCommandLines ? Feed::CommandShown::whole : Feed::CommandShown::executable;
     if (!s.supervisorAuth.empty()) std::tie(o.username, o.password) = readSupervisorAuth(s.supervisorAuth);
     return o;

@@ -29,7 +29,6 @@ namespace {
 oid daemonMibOid[] = {1, 3, 6, 1, 4, 1, VELMAR_ENTERPRISE_NUMBER, 3, 17};
 bool daemonMibListed = false;
 
-
 } // namespace
 
 const std::string& agentObjectIdText() {
@@ -46,7 +45,7 @@ void initSystemGroup(const std::string& description, const std::filesystem::path
     // The defaults as a configuration file of the search path: Net-SNMP reads it before
     // the optional file (--config), whose directives then win.
     std::ofstream(configDir / "velmar-snmp-agent.conf") << "sysdescr " << description << "\n"
-                                                         << "sysobjectid " << agentObjectIdText() << "\n";
+                                                        << "sysobjectid " << agentObjectIdText() << "\n";
     register_sysORTable(daemonMibOid, OID_LENGTH(daemonMibOid),
                         "VELMAR-DAEMON-MIB: the launcher's daemons, their configuration and status");
     daemonMibListed = true;

@@ -50,7 +50,9 @@ using Agent::agentVersion;
 
 using Agent::Log::Level;
 
-void logLine(Level level, const std::string& text) { Agent::Log::write(level, text); }
+void logLine(Level level, const std::string& text) {
+    Agent::Log::write(level, text);
+}
 
 int signalPipe[2] = {-1, -1};
 volatile sig_atomic_t stopRequested = 0;
@@ -59,9 +61,12 @@ volatile sig_atomic_t stopRequested = 0;
 // handled on the loop's thread (onSignalPipe), never by default (which would end the process).
 void onSignal(int sig) {
     char c = 's';
-    if (sig == SIGHUP) c = 'h';
-    else if (sig == SIGUSR1) c = 'u';
-    else stopRequested = 1;
+    if (sig == SIGHUP)
+        c = 'h';
+    else if (sig == SIGUSR1)
+        c = 'u';
+    else
+        stopRequested = 1;
     [[maybe_unused]] ssize_t n = ::write(signalPipe[1], &c, 1);
 }
 
@@ -75,11 +80,13 @@ void onSignalPipe(int fd, void*) {
         for (ssize_t i = 0; i < n; ++i) {
             if (buf[i] == 'h') {
                 // The log file first, so that this line is the first in a rotated one.
-                if (std::string err = Agent::Log::reopen(); !err.empty()) logLine(Level::error, "SIGHUP: " + err);
-                else if (Agent::Log::destination().rfind("file:", 0) == 0) logLine(Level::notice, "SIGHUP: log file reopened");
+                if (std::string err = Agent::Log::reopen(); !err.empty())
+                    logLine(Level::error, "SIGHUP: " + err);
+                else if (Agent::Log::destination().rfind("file:", 0) == 0)
+                    logLine(Level::notice, "SIGHUP: log file reopened");
                 if (servingNow && servingNow->host().feed()) {
-                    logLine(Level::notice, "SIGHUP: reading the " + servingNow->host().feed()->source().description() +
-                                               " again");
+                    logLine(Level::notice,
+                            "SIGHUP: reading the " + servingNow->host().feed()->source().description() + " again");
                     servingNow->host().feed()->source().reread();
                 }
             } else if (buf[i] == 'u') {
@@ -90,11 +97,12 @@ void onSignalPipe(int fd, void*) {
 }
 
 void installSignals() {
-    if (::pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) throw std::runtime_error("pipe: " + std::string(strerror(errno)));
+    if (::pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
+        throw std::runtime_error("pipe: " + std::string(strerror(errno)));
     struct sigaction sa {};
     sa.sa_handler = onSignal;
     sigemptyset(&sa.sa_mask);
-    sa.sa_flags = 0;  // no SA_RESTART: select returns at once
+    sa.sa_flags = 0; // no SA_RESTART: select returns at once
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
     sigaction(SIGHUP, &sa, nullptr);
@@ -144,7 +152,8 @@ int main(int argc, char** argv) {
     if (!opts.configFile.empty()) {
         bool refused = false;
         for (const auto& f : Agent::checkAccessConfig(opts.configFile)) {
-            logLine(f.refused ? Level::error : Level::warning, (f.refused ? "--config refused: " : "--config: ") + f.text);
+            logLine(f.refused ? Level::error : Level::warning,
+                    (f.refused ? "--config refused: " : "--config: ") + f.text);
             refused = refused || f.refused;
         }
         if (refused) return 2;
@@ -204,8 +213,8 @@ int main(int argc, char** argv) {
         int rc = 0;
         if (sourceProblems > 0) {
             logLine(Level::error, "--check: the " + serving.feed().source().description() + " has " +
-                                      std::to_string(sourceProblems) + (sourceProblems == 1 ? " problem" : " problems") +
-                                      " (above)");
+                                      std::to_string(sourceProblems) +
+                                      (sourceProblems == 1 ? " problem" : " problems") + " (above)");
             rc = 2;
         }
         std::string addresses;
@@ -214,7 +223,8 @@ int main(int argc, char** argv) {
             // Not contacted (a registration would take the subtree), but a socket that cannot be
             // reached now is worth saying.
             if (std::string why = Agent::AgentxStanding::whyUnreachable(opts.agentx); !why.empty())
-                logLine(Level::warning, "--check: the AgentX master at " + opts.agentx + " cannot be reached now: " + why);
+                logLine(Level::warning,
+                        "--check: the AgentX master at " + opts.agentx + " cannot be reached now: " + why);
         } else {
             for (const auto& l : opts.listen) {
                 if (std::string why = Agent::addressSyntaxProblem(l); !why.empty()) {
@@ -283,8 +293,8 @@ int main(int argc, char** argv) {
         if (stood == now) return;
         stood = now;
         if (now == Standing::registered) {
-            const std::string line =
-                serving.servingLine(subagent ? "as AgentX subagent of " + opts.agentx : "on " + Agent::joined(opts.listen));
+            const std::string line = serving.servingLine(subagent ? "as AgentX subagent of " + opts.agentx
+                                                                  : "on " + Agent::joined(opts.listen));
             logLine(Level::notice, line);
             Agent::Readiness::ready(line);
         } else if (now == Standing::noSession) {

@@ -34,7 +34,7 @@ struct ContainerRow {
     netsnmp_index index;
     char* value;
     std::size_t valueLength;
-    oid oids[1];  // index sub-identifiers, allocated to length
+    oid oids[1]; // index sub-identifiers, allocated to length
 };
 
 int containerHandler(netsnmp_mib_handler*, netsnmp_handler_registration*, netsnmp_agent_request_info* reqinfo,
@@ -82,7 +82,7 @@ netsnmp_variable_list* naiveGetNext(void** loopContext, void** dataContext, nets
 
 netsnmp_variable_list* naiveGetFirst(void** loopContext, void** dataContext, netsnmp_variable_list* put,
                                      netsnmp_iterator_info* info) {
-    *loopContext = info->myvoid;  // the head of the list
+    *loopContext = info->myvoid; // the head of the list
     return naiveGetNext(loopContext, dataContext, put, info);
 }
 
@@ -110,8 +110,8 @@ int naiveHandler(netsnmp_mib_handler*, netsnmp_handler_registration*, netsnmp_ag
 // The floor.
 
 struct Floor {
-    std::vector<oid> first;     // root.1.3.<series start>
-    std::vector<oid> prefix;    // first without its last sub-identifier
+    std::vector<oid> first;  // root.1.3.<series start>
+    std::vector<oid> prefix; // first without its last sub-identifier
     std::string value;
 };
 
@@ -123,8 +123,7 @@ int floorHandler(netsnmp_mib_handler* handler, netsnmp_handler_registration*, ne
         netsnmp_variable_list* vb = request->requestvb;
         if (reqinfo->mode == MODE_GETNEXT) {
             const std::size_t n = floor->first.size();
-            if (vb->name_length == n &&
-                std::memcmp(vb->name, floor->prefix.data(), (n - 1) * sizeof(oid)) == 0) {
+            if (vb->name_length == n && std::memcmp(vb->name, floor->prefix.data(), (n - 1) * sizeof(oid)) == 0) {
                 // The next one of the series: count the last sub-identifier up, in place.
                 vb->name[n - 1] += 1;
             } else {
@@ -148,9 +147,13 @@ netsnmp_handler_registration* registration(const char* name, Netsnmp_Node_Handle
 
 } // namespace
 
-std::vector<oid> baselineRoot(unsigned n) { return {1, 3, 6, 1, 4, 1, 32473, 99, n, 1, 2}; }
+std::vector<oid> baselineRoot(unsigned n) {
+    return {1, 3, 6, 1, 4, 1, 32473, 99, n, 1, 2};
+}
 
-std::vector<oid> moduleOptionRoot() { return {1, 3, 6, 1, 4, 1, VELMAR_ENTERPRISE_NUMBER, 3, 17, 1, 2}; }
+std::vector<oid> moduleOptionRoot() {
+    return {1, 3, 6, 1, 4, 1, VELMAR_ENTERPRISE_NUMBER, 3, 17, 1, 2};
+}
 
 void registerContainerTable(const std::vector<oid>& root, const std::vector<Row>& rows) {
     netsnmp_container* container = netsnmp_container_find("velmarBenchContainer:table_container");

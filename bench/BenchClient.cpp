@@ -95,8 +95,8 @@ double now() {
 
 struct Way {
     std::string name;
-    std::vector<oid> root;      // the table; rows are root.1.3.<index>
-    std::size_t limit = 0;      // walk at most this many varbinds (0: the whole table)
+    std::vector<oid> root; // the table; rows are root.1.3.<index>
+    std::size_t limit = 0; // walk at most this many varbinds (0: the whole table)
 };
 
 // A sample of agent and client clocks.
@@ -152,9 +152,9 @@ private:
 struct WalkResult {
     std::size_t varbinds = 0;
     std::size_t requests = 0;
-    bool complete = false;           // every row came back and nothing else
+    bool complete = false; // every row came back and nothing else
     std::uint64_t checksum = 1469598103934665603ull;
-    std::vector<std::vector<oid>> indexes;   // when asked to keep them
+    std::vector<std::vector<oid>> indexes; // when asked to keep them
     std::string problem;
 };
 
@@ -216,9 +216,9 @@ WalkResult walk(Client& client, const Way& way, std::size_t rows, long maxRepeti
 
 struct GetResult {
     std::size_t requests = 0;
-    std::size_t answered = 0;       // a value came back
-    std::size_t noSuch = 0;         // noSuchInstance / noSuchObject
-    std::vector<double> latencies;  // seconds, one per request
+    std::size_t answered = 0;      // a value came back
+    std::size_t noSuch = 0;        // noSuchInstance / noSuchObject
+    std::vector<double> latencies; // seconds, one per request
     std::string problem;
 };
 
@@ -244,8 +244,10 @@ GetResult gets(Client& client, const Way& way, const std::vector<std::vector<oid
         }
         if (response->variables) {
             const u_char t = response->variables->type;
-            if (t == SNMP_NOSUCHINSTANCE || t == SNMP_NOSUCHOBJECT) ++g.noSuch;
-            else if (t == ASN_OCTET_STR) ++g.answered;
+            if (t == SNMP_NOSUCHINSTANCE || t == SNMP_NOSUCHOBJECT)
+                ++g.noSuch;
+            else if (t == ASN_OCTET_STR)
+                ++g.answered;
         }
         snmp_free_pdu(response);
     }
@@ -303,29 +305,41 @@ int main(int argc, char** argv) {
             if (i + 1 >= argc) fail(a + " needs a value");
             return argv[++i];
         };
-        if (a == "--peer") peer = value();
-        else if (a == "--community") community = value();
-        else if (a == "--pids") for (const auto& p : split(value(), ',')) pids.push_back(std::stoi(p));
-        else if (a == "--rows") rows = std::stoul(value());
+        if (a == "--peer")
+            peer = value();
+        else if (a == "--community")
+            community = value();
+        else if (a == "--pids")
+            for (const auto& p : split(value(), ',')) pids.push_back(std::stoi(p));
+        else if (a == "--rows")
+            rows = std::stoul(value());
         else if (a == "--way") {
             const std::string v = value();
             const auto eq = v.find('=');
             if (eq == std::string::npos) fail("--way NAME=OID");
             ways.push_back({v.substr(0, eq), parseOid(v.substr(eq + 1))});
-        } else if (a == "--workloads") workloads = split(value(), ',');
-        else if (a == "--gets") getCount = std::stoul(value());
-        else if (a == "--absent") absentCount = std::stoul(value());
-        else if (a == "--repeat") repeat = std::max<std::size_t>(1, std::stoul(value()));
+        } else if (a == "--workloads")
+            workloads = split(value(), ',');
+        else if (a == "--gets")
+            getCount = std::stoul(value());
+        else if (a == "--absent")
+            absentCount = std::stoul(value());
+        else if (a == "--repeat")
+            repeat = std::max<std::size_t>(1, std::stoul(value()));
         else if (a == "--limit" || a == "--get-limit" || a == "--repeat-way") {
             const std::string v = value();
             const auto eq = v.find('=');
             if (eq == std::string::npos) fail(a + " NAME=COUNT");
-            (a == "--limit" ? limits : a == "--get-limit" ? getLimits : repeats)[v.substr(0, eq)] =
-                std::stoul(v.substr(eq + 1));
-        } else if (a == "--timeout-ms") timeoutMs = std::stol(value());
-        else fail("unknown argument " + a);
+            (a == "--limit"       ? limits
+             : a == "--get-limit" ? getLimits
+                                  : repeats)[v.substr(0, eq)] = std::stoul(v.substr(eq + 1));
+        } else if (a == "--timeout-ms")
+            timeoutMs = std::stol(value());
+        else
+            fail("unknown argument " + a);
     }
-    if (peer.empty() || pids.empty() || ways.empty() || rows == 0) fail("--peer, --pids, --rows and --way are required");
+    if (peer.empty() || pids.empty() || ways.empty() || rows == 0)
+        fail("--peer, --pids, --rows and --way are required");
     for (Way& w : ways)
         if (limits.count(w.name)) w.limit = limits[w.name];
 

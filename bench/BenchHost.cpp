@@ -51,7 +51,9 @@ namespace {
 constexpr const char* appName = "velmar-bench-host";
 volatile sig_atomic_t stopRequested = 0;
 
-void onSignal(int) { stopRequested = 1; }
+void onSignal(int) {
+    stopRequested = 1;
+}
 
 [[noreturn]] void usage(const std::string& why) {
     std::cerr << appName << ": " << why << "\n"
@@ -86,16 +88,22 @@ int main(int argc, char** argv) {
             if (i + 1 >= argc) usage(a + " needs a value");
             return argv[++i];
         };
-        if (a == "--state") stateFile = value();
-        else if (a == "--module") modulePath = value();
-        else if (a == "--listen") listen = value();
-        else if (a == "--agentx") agentx = value();
-        else if (a == "--dir") dir = value();
+        if (a == "--state")
+            stateFile = value();
+        else if (a == "--module")
+            modulePath = value();
+        else if (a == "--listen")
+            listen = value();
+        else if (a == "--agentx")
+            agentx = value();
+        else if (a == "--dir")
+            dir = value();
         else if (a == "--ways") {
             ways.clear();
             std::stringstream s(value());
             for (std::string w; std::getline(s, w, ',');) ways.insert(w);
-        } else usage("unknown argument " + a);
+        } else
+            usage("unknown argument " + a);
     }
     if (stateFile.empty() || modulePath.empty() || listen.empty() == agentx.empty()) usage("missing arguments");
     const bool subagent = !agentx.empty();
@@ -103,10 +111,9 @@ int main(int argc, char** argv) {
     // The model, filled by the state feed exactly as velmar-snmp-agent fills it.
     Orbel::Ptr<GenericAgent::DaemonMib> mib = GenericAgent::daemonMibFactory("daemonMIB");
     Statebase::root()->entityIs(GenericAgent::daemonMibStatePath, mib);
-    auto feed = std::make_unique<Feed::StateFeed>(std::make_unique<Feed::FileSource>(stateFile), mib,
-                                                  [](Feed::Severity, const std::string& line) {
-        std::cerr << appName << ": " << line << std::endl;
-    });
+    auto feed = std::make_unique<Feed::StateFeed>(
+        std::make_unique<Feed::FileSource>(stateFile), mib,
+        [](Feed::Severity, const std::string& line) { std::cerr << appName << ": " << line << std::endl; });
     try {
         feed->loadInitial();
     } catch (const std::exception& e) {
@@ -160,7 +167,8 @@ int main(int argc, char** argv) {
             for (std::size_t i = shuffled.size(); i > 1; --i) std::swap(shuffled[i - 1], shuffled[r.below(i)]);
             Bench::registerNaiveIteratorTable(Bench::baselineRoot(3), shuffled);
         }
-        if (ways.count("floor")) Bench::registerFloorHandler(Bench::baselineRoot(4), typicalIndexLength(rows), typicalValue(rows));
+        if (ways.count("floor"))
+            Bench::registerFloorHandler(Bench::baselineRoot(4), typicalIndexLength(rows), typicalValue(rows));
     } catch (const std::exception& e) {
         std::cerr << appName << ": " << e.what() << "\n";
         return 1;

@@ -9,32 +9,77 @@ namespace Bench {
 namespace {
 
 const char* const daemonWords[] = {
-    "bgpd",        "ospfd",     "ntpd",          "sshd",         "lldpd",     "lacpd",          "stpd",
-    "vrrpd",       "snmpd",     "sflowd",        "syslogd",      "watchdogd", "dhcp-relay",     "isisd",
-    "pimd",        "bfdd",      "zebra",         "evpn-agent",   "mlag-sync", "telemetry-agent", "route-reflector",
-    "acl-manager", "qos-shaper", "port-security", "ptp4l",       "igmp-snooping", "vxlan-tunnel", "nat-gateway",
+    "bgpd",        "ospfd",      "ntpd",          "sshd",       "lldpd",         "lacpd",           "stpd",
+    "vrrpd",       "snmpd",      "sflowd",        "syslogd",    "watchdogd",     "dhcp-relay",      "isisd",
+    "pimd",        "bfdd",       "zebra",         "evpn-agent", "mlag-sync",     "telemetry-agent", "route-reflector",
+    "acl-manager", "qos-shaper", "port-security", "ptp4l",      "igmp-snooping", "vxlan-tunnel",    "nat-gateway",
 };
 
 const char* const keyWords[] = {
-    "mtu",        "vrf",         "port",          "log-level",   "router-id",   "asn",          "timeout",
-    "interval",   "servers",     "priority",      "mode",        "rate",        "description",  "hold-time",
-    "keepalive",  "max-paths",   "source-address", "community", "auth-key",    "retries",      "pid",
-    "uptime",     "restarts",    "last-exit",     "sessions",    "peers-established", "prefixes-received",
+    "mtu",
+    "vrf",
+    "port",
+    "log-level",
+    "router-id",
+    "asn",
+    "timeout",
+    "interval",
+    "servers",
+    "priority",
+    "mode",
+    "rate",
+    "description",
+    "hold-time",
+    "keepalive",
+    "max-paths",
+    "source-address",
+    "community",
+    "auth-key",
+    "retries",
+    "pid",
+    "uptime",
+    "restarts",
+    "last-exit",
+    "sessions",
+    "peers-established",
+    "prefixes-received",
 };
 
 const char* const valueWords[] = {
-    "true",  "false", "info", "warning", "fast", "slow", "rstp", "mgmt", "default", "enabled", "disabled",
-    "up",    "down",  "exit code 1", "stopped by launcher", "no upstream interface is up",
+    "true",
+    "false",
+    "info",
+    "warning",
+    "fast",
+    "slow",
+    "rstp",
+    "mgmt",
+    "default",
+    "enabled",
+    "disabled",
+    "up",
+    "down",
+    "exit code 1",
+    "stopped by launcher",
+    "no upstream interface is up",
 };
 
 std::string daemonName(Random& r, std::size_t i) {
     const std::string word = daemonWords[r.below(std::size(daemonWords))];
     char suffix[24];
     switch (r.below(4)) {
-    case 0: std::snprintf(suffix, sizeof suffix, "%zu", i); break;                   // bgpd17
-    case 1: std::snprintf(suffix, sizeof suffix, "-vrf%04zu", i); break;              // bgpd-vrf0017
-    case 2: std::snprintf(suffix, sizeof suffix, "-%zu-%zu", i % 97, i); break;      // bgpd-17-17
-    default: std::snprintf(suffix, sizeof suffix, "@%zx", i * 2654435761u % 0xffffff); break;
+        case 0:
+            std::snprintf(suffix, sizeof suffix, "%zu", i);
+            break; // bgpd17
+        case 1:
+            std::snprintf(suffix, sizeof suffix, "-vrf%04zu", i);
+            break; // bgpd-vrf0017
+        case 2:
+            std::snprintf(suffix, sizeof suffix, "-%zu-%zu", i % 97, i);
+            break; // bgpd-17-17
+        default:
+            std::snprintf(suffix, sizeof suffix, "@%zx", i * 2654435761u % 0xffffff);
+            break;
     }
     std::string name = word + suffix;
     if (name.size() > 32) name.resize(32);
@@ -44,49 +89,53 @@ std::string daemonName(Random& r, std::size_t i) {
 std::string keyName(Random& r, std::size_t i) {
     char b[80];
     switch (r.below(6)) {
-    case 0:  // a plain word: "mtu"
-        return std::string(keyWords[r.below(std::size(keyWords))]) + (i ? std::to_string(i) : "");
-    case 1:  // neighbor.10.12.0.7.remote-as
-        std::snprintf(b, sizeof b, "neighbor.10.%zu.%zu.%zu.%s", r.below(256), r.below(256), i % 256,
-                      keyWords[r.below(std::size(keyWords))]);
-        return b;
-    case 2:  // interface.Ethernet1/12/3.description
-        std::snprintf(b, sizeof b, "interface.Ethernet%zu/%zu/%zu.%s", r.below(4) + 1, r.below(48) + 1, i % 4 + 1,
-                      keyWords[r.below(std::size(keyWords))]);
-        return b;
-    case 3:  // vlan412
-        std::snprintf(b, sizeof b, "vlan%zu", i + 1);
-        return b;
-    case 4:  // k7
-        std::snprintf(b, sizeof b, "k%zu", i);
-        return b;
-    default:  // counters.rx.queue-3.dropped-packets
-        std::snprintf(b, sizeof b, "counters.%s.queue-%zu.%s", r.below(2) ? "rx" : "tx", i,
-                      keyWords[r.below(std::size(keyWords))]);
-        return b;
+        case 0: // a plain word: "mtu"
+            return std::string(keyWords[r.below(std::size(keyWords))]) + (i ? std::to_string(i) : "");
+        case 1: // neighbor.10.12.0.7.remote-as
+            std::snprintf(b, sizeof b, "neighbor.10.%zu.%zu.%zu.%s", r.below(256), r.below(256), i % 256,
+                          keyWords[r.below(std::size(keyWords))]);
+            return b;
+        case 2: // interface.Ethernet1/12/3.description
+            std::snprintf(b, sizeof b, "interface.Ethernet%zu/%zu/%zu.%s", r.below(4) + 1, r.below(48) + 1, i % 4 + 1,
+                          keyWords[r.below(std::size(keyWords))]);
+            return b;
+        case 3: // vlan412
+            std::snprintf(b, sizeof b, "vlan%zu", i + 1);
+            return b;
+        case 4: // k7
+            std::snprintf(b, sizeof b, "k%zu", i);
+            return b;
+        default: // counters.rx.queue-3.dropped-packets
+            std::snprintf(b, sizeof b, "counters.%s.queue-%zu.%s", r.below(2) ? "rx" : "tx", i,
+                          keyWords[r.below(std::size(keyWords))]);
+            return b;
     }
 }
 
 std::string valueText(Random& r) {
     char b[160];
     switch (r.below(6)) {
-    case 0: return std::to_string(r.below(100000));
-    case 1: return valueWords[r.below(std::size(valueWords))];
-    case 2:
-        std::snprintf(b, sizeof b, "192.0.2.%zu,192.0.2.%zu,198.51.100.%zu", r.below(256), r.below(256), r.below(256));
-        return b;
-    case 3: return std::to_string(r.below(2));
-    case 4:
-        std::snprintf(b, sizeof b, "%zud%zuh%zum", r.below(30), r.below(24), r.below(60));
-        return b;
-    default: {
-        // A line of text of 20 to 120 bytes.
-        std::string s = "uplink to spine";
-        const std::size_t n = 20 + r.below(101);
-        while (s.size() < n) s += std::string(" ") + valueWords[r.below(std::size(valueWords))];
-        s.resize(n);
-        return s;
-    }
+        case 0:
+            return std::to_string(r.below(100000));
+        case 1:
+            return valueWords[r.below(std::size(valueWords))];
+        case 2:
+            std::snprintf(b, sizeof b, "192.0.2.%zu,192.0.2.%zu,198.51.100.%zu", r.below(256), r.below(256),
+                          r.below(256));
+            return b;
+        case 3:
+            return std::to_string(r.below(2));
+        case 4:
+            std::snprintf(b, sizeof b, "%zud%zuh%zum", r.below(30), r.below(24), r.below(60));
+            return b;
+        default: {
+            // A line of text of 20 to 120 bytes.
+            std::string s = "uplink to spine";
+            const std::size_t n = 20 + r.below(101);
+            while (s.size() < n) s += std::string(" ") + valueWords[r.below(std::size(valueWords))];
+            s.resize(n);
+            return s;
+        }
     }
 }
 

@@ -21,11 +21,16 @@ int main(int argc, char** argv) {
             return 2;
         }
         const std::string v = argv[++i];
-        if (a == "--option-rows") shape.optionRows = std::stoul(v);
-        else if (a == "--data-rows") shape.dataRows = std::stoul(v);
-        else if (a == "--mean-keys") shape.meanKeys = std::stoul(v);
-        else if (a == "--seed") shape.seed = std::stoull(v);
-        else if (a == "--out") out = v;
+        if (a == "--option-rows")
+            shape.optionRows = std::stoul(v);
+        else if (a == "--data-rows")
+            shape.dataRows = std::stoul(v);
+        else if (a == "--mean-keys")
+            shape.meanKeys = std::stoul(v);
+        else if (a == "--seed")
+            shape.seed = std::stoull(v);
+        else if (a == "--out")
+            out = v;
         else {
             std::cerr << "velmar-bench-state: unknown argument " << a << "\n";
             return 2;
@@ -54,8 +59,10 @@ int main(int argc, char** argv) {
         options += s.options.size();
         data += s.data.size();
     }
-    std::printf("{\"daemons\": %zu, \"option_rows\": %zu, \"data_rows\": %zu, \"model_rows\": %zu, "
-                "\"string_bytes\": %zu, \"row_string_bytes\": %zu, \"file_bytes\": %zu}\n",
-                state.size(), options, data, Bench::modelRows(state), Bench::stringBytes(state), Bench::rowStringBytes(state), json.size());
+    std::printf(
+        "{\"daemons\": %zu, \"option_rows\": %zu, \"data_rows\": %zu, \"model_rows\": %zu, "
+        "\"string_bytes\": %zu, \"row_string_bytes\": %zu, \"file_bytes\": %zu}\n",
+        state.size(), options, data, Bench::modelRows(state), Bench::stringBytes(state), Bench::rowStringBytes(state),
+        json.size());
     return 0;
 }

@@ -33,7 +33,9 @@ using namespace std::chrono_literals;
 using GenericAgent::Config;
 using GenericAgent::Status;
 
-std::size_t heapInUse() { return mallinfo2().uordblks; }
+std::size_t heapInUse() {
+    return mallinfo2().uordblks;
+}
 
 struct Daemon {
     Orbel::Ptr<Config> config;
@@ -62,8 +64,10 @@ int main(int argc, char** argv) {
     std::size_t daemons = 10000, flips = 100;
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string a = argv[i], v = argv[i + 1];
-        if (a == "--daemons") daemons = std::stoul(v);
-        else if (a == "--flips") flips = std::stoul(v);
+        if (a == "--daemons")
+            daemons = std::stoul(v);
+        else if (a == "--flips")
+            flips = std::stoul(v);
         else {
             std::cerr << "velmar-bench-history: unknown argument " << a << "\n";
             return 2;
@@ -83,7 +87,9 @@ int main(int argc, char** argv) {
     watch->stop();
     delete watch;
 
-    auto* history = new Agent::DaemonHistory(mib, [] { return Agent::DaemonHistory::Stamp{1, std::chrono::system_clock::now()}; });
+    auto* history = new Agent::DaemonHistory(mib, [] {
+        return Agent::DaemonHistory::Stamp{1, std::chrono::system_clock::now()};
+    });
     const std::size_t h3 = heapInUse();
     history->baselineIs([&] {
         std::vector<std::pair<std::string, Agent::DaemonFlags>> all;
@@ -107,7 +113,7 @@ int main(int argc, char** argv) {
         }
         for (std::size_t i = daemons; i < daemons + daemons / 10; ++i) model.push_back(add(*mib, name(i), true));
         Orbel::ActivityLoop::instance().runPending();
-        history->first();   // a walk settles what came
+        history->first(); // a walk settles what came
         w.stop();
     }
     const double afterChurn = double(history->bytes()) / double(history->size());
@@ -121,11 +127,13 @@ int main(int argc, char** argv) {
     using Clock = Agent::NotifyScheduler::Clock;
     Clock::time_point now{};
     std::vector<Agent::Notification> sent;
-    Agent::NotifyScheduler scheduler({1000ms, 100}, [&](const Agent::Notification& n) { sent.push_back(n); }, now);
+    Agent::NotifyScheduler scheduler(
+        {1000ms, 100}, [&](const Agent::Notification& n) { sent.push_back(n); }, now);
     Agent::DaemonHistory stormHistory(stormMib, [&] {
         return Agent::DaemonHistory::Stamp{static_cast<std::uint32_t>((now - Clock::time_point{}) / 10ms), {}};
     });
-    Agent::ModelWatch stormWatch(stormMib, [&](const std::string& d, const Agent::DaemonFlags& f) { scheduler.changed(d, f, now); });
+    Agent::ModelWatch stormWatch(
+        stormMib, [&](const std::string& d, const Agent::DaemonFlags& f) { scheduler.changed(d, f, now); });
     stormWatch.listenerIs(&stormHistory);
     for (const auto& [n, f] : stormWatch.start()) scheduler.baselineIs(n, f);
     bool running = true;
@@ -134,7 +142,7 @@ int main(int argc, char** argv) {
         scheduler.tick(now);
         running = !running;
         bgpd.status->runningIs(running);
-        Orbel::ActivityLoop::instance().runPending();   // applied before the next flip
+        Orbel::ActivityLoop::instance().runPending(); // applied before the next flip
     }
     for (int i = 0; i < 30 && scheduler.nextDue(); ++i) {
         now = std::max(now, *scheduler.nextDue());
@@ -144,12 +152,13 @@ int main(int argc, char** argv) {
     const bool finalLast = !sent.empty() && sent.back().running == running;
     stormWatch.stop();
 
-    std::printf("{\"daemons\": %zu, \"history_bytes_per_daemon\": %.1f, \"history_heap_bytes_per_daemon\": %.1f, "
-                "\"after_churn_daemons\": %zu, \"after_churn_rows\": %zu, \"after_churn_bytes_per_daemon\": %.1f, "
-                "\"record_bytes\": %zu, \"watch_heap_bytes_per_daemon\": %.1f, "
-                "\"storm_flips\": %zu, \"storm_running_changes\": %u, \"storm_notifications\": %zu, "
-                "\"storm_final_state_last\": %s}\n",
-                daemons, atStart, atStartHeap, served, rows, afterChurn, sizeof(Agent::DaemonHistory::Record),
-                watchHeap, flips, r ? r->runningChanges : 0u, sent.size(), finalLast ? "true" : "false");
+    std::printf(
+        "{\"daemons\": %zu, \"history_bytes_per_daemon\": %.1f, \"history_heap_bytes_per_daemon\": %.1f, "
+        "\"after_churn_daemons\": %zu, \"after_churn_rows\": %zu, \"after_churn_bytes_per_daemon\": %.1f, "
+        "\"record_bytes\": %zu, \"watch_heap_bytes_per_daemon\": %.1f, "
+        "\"storm_flips\": %zu, \"storm_running_changes\": %u, \"storm_notifications\": %zu, "
+        "\"storm_final_state_last\": %s}\n",
+        daemons, atStart, atStartHeap, served, rows, afterChurn, sizeof(Agent::DaemonHistory::Record), watchHeap, flips,
+        r ? r->runningChanges : 0u, sent.size(), finalLast ? "true" : "false");
     return 0;
 }

@@ -68,7 +68,7 @@ const std::vector<Bench::Row>& rowsOf(std::size_t n) {
 // The rows as model keys, and one Config they all refer to.
 struct Keys {
     std::vector<OptionTableIndex> keys;
-    std::vector<std::size_t> order;   // a random permutation
+    std::vector<std::size_t> order; // a random permutation
     Orbel::Ptr<GenericAgent::Config> config = GenericAgent::Config::configFactory("bench");
 };
 
@@ -252,8 +252,12 @@ void firstRow(benchmark::State& state, bool withHint) {
     state.SetItemsProcessed(state.iterations());
 }
 
-void ModuleFirstRowHint(benchmark::State& state) { firstRow(state, true); }
-void ModuleFirstRowNoHint(benchmark::State& state) { firstRow(state, false); }
+void ModuleFirstRowHint(benchmark::State& state) {
+    firstRow(state, true);
+}
+void ModuleFirstRowNoHint(benchmark::State& state) {
+    firstRow(state, false);
+}
 
 void ModuleHandlerGet(benchmark::State& state) {
     const std::size_t n = static_cast<std::size_t>(state.range(0));
@@ -306,7 +310,9 @@ void ModuleHandlerGet(benchmark::State& state) {
 // ---------------------------------------------------------------------------------------
 
 int sideEffects = 0;
-int sideEffect() { return ++sideEffects; }
+int sideEffect() {
+    return ++sideEffects;
+}
 
 void TraceLevelOff(benchmark::State& state) {
     static Orbel::TraceHandle handle("VelmarBench", false);

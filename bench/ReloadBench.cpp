@@ -93,10 +93,14 @@ int main(int argc, char** argv) {
     std::string dir = "/tmp";
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string a = argv[i], v = argv[i + 1];
-        if (a == "--rows") rows = std::stoul(v);
-        else if (a == "--rounds") rounds = std::stoul(v);
-        else if (a == "--cold-rounds") coldRounds = std::max<std::size_t>(1, std::stoul(v));
-        else if (a == "--dir") dir = v;
+        if (a == "--rows")
+            rows = std::stoul(v);
+        else if (a == "--rounds")
+            rounds = std::stoul(v);
+        else if (a == "--cold-rounds")
+            coldRounds = std::max<std::size_t>(1, std::stoul(v));
+        else if (a == "--dir")
+            dir = v;
         else {
             std::cerr << "velmar-bench-reload: unknown argument " << a << "\n";
             return 2;
@@ -141,8 +145,8 @@ int main(int argc, char** argv) {
     Feed::StateFeed feed(std::make_unique<Feed::FileSource>(path), mib,
                          [&](Feed::Severity, const std::string& line) { log.push_back(line); });
     feed.loadInitial();
-    const std::size_t modelRows = mib->enabledTable().size() + mib->optionTable().size() +
-                                  mib->runningTable().size() + mib->dataTable().size();
+    const std::size_t modelRows =
+        mib->enabledTable().size() + mib->optionTable().size() + mib->runningTable().size() + mib->dataTable().size();
     // Row objects before any reload, to check that they survive.
     std::vector<const void*> before;
     for (auto it = mib->optionTable().begin(); !it.isEnd(); ++it) before.push_back(it.ptr());
@@ -190,7 +194,8 @@ int main(int argc, char** argv) {
         usleep(100000);
         cpu = processCpu() - p0;
         for (std::size_t i = logged; i < log.size(); ++i)
-            if (log[i].find("applied 1 change (daemons: 0 added, 0 removed; rows: 0 added, 0 removed; 1 changed in place)") ==
+            if (log[i].find(
+                    "applied 1 change (daemons: 0 added, 0 removed; rows: 0 added, 0 removed; 1 changed in place)") ==
                 std::string::npos)
                 inPlaceOnly = false;
     };
@@ -224,15 +229,17 @@ int main(int argc, char** argv) {
     counter->isRegisteredNotifieeIs(false);
     watch.stop();
 
-    std::printf("{\"key_rows\": %zu, \"model_rows\": %zu, \"file_bytes\": %zu, \"rounds\": %zu, "
-                "\"parse_s\": %.6f, \"reload_s\": %.6f, \"apply_s\": %.9f, \"ratio\": %.4f, "
-                "\"parse_after_release_s\": %.6f, \"reload_after_release_s\": %.6f, "
-                "\"ratio_after_release\": %.4f, \"release_s\": %.6f, "
-                "\"history_rows\": %zu, \"rows_told\": %zu, \"same_row_objects\": %s, \"in_place_only\": %s, \"last_log\": \"%s\"}\n",
-                rows, modelRows, first.size(), rounds, median(parse), median(reload), median(apply),
-                median(reload) / median(parse), median(coldParse), median(cold), median(cold) / median(coldParse),
-                median(release), history.size(), counter->told, sameRows ? "true" : "false",
-                inPlaceOnly ? "true" : "false", log.empty() ? "" : log.back().c_str());
+    std::printf(
+        "{\"key_rows\": %zu, \"model_rows\": %zu, \"file_bytes\": %zu, \"rounds\": %zu, "
+        "\"parse_s\": %.6f, \"reload_s\": %.6f, \"apply_s\": %.9f, \"ratio\": %.4f, "
+        "\"parse_after_release_s\": %.6f, \"reload_after_release_s\": %.6f, "
+        "\"ratio_after_release\": %.4f, \"release_s\": %.6f, "
+        "\"history_rows\": %zu, \"rows_told\": %zu, \"same_row_objects\": %s, \"in_place_only\": %s, \"last_log\": "
+        "\"%s\"}\n",
+        rows, modelRows, first.size(), rounds, median(parse), median(reload), median(apply),
+        median(reload) / median(parse), median(coldParse), median(cold), median(cold) / median(coldParse),
+        median(release), history.size(), counter->told, sameRows ? "true" : "false", inPlaceOnly ? "true" : "false",
+        log.empty() ? "" : log.back().c_str());
     std::filesystem::remove(path);
     return 0;
 }

@@ -34,16 +34,17 @@ std::string makeFile(int daemons, int keys) {
     for (int d = 0; d < daemons; ++d) {
         char name[32];
         std::snprintf(name, sizeof name, "daemon-%04d", d);
-        out += std::string("    \"") + name + "\": {\n      \"config\": {\n        \"enabled\": " +
-               (d % 3 ? "true" : "false") + ",\n        \"options\": {\n";
+        out += std::string("    \"") + name +
+               "\": {\n      \"config\": {\n        \"enabled\": " + (d % 3 ? "true" : "false") +
+               ",\n        \"options\": {\n";
         for (int k = 0; k < keys; ++k) {
             char line[128];
             std::snprintf(line, sizeof line, "          \"option-key-%02d\": \"value-of-option-%02d-for-%s\"%s\n", k, k,
                           name, k + 1 < keys ? "," : "");
             out += line;
         }
-        out += std::string("        }\n      },\n      \"status\": {\n        \"running\": ") + (d % 2 ? "true" : "false") +
-               ",\n        \"data\": {\n";
+        out += std::string("        }\n      },\n      \"status\": {\n        \"running\": ") +
+               (d % 2 ? "true" : "false") + ",\n        \"data\": {\n";
         for (int k = 0; k < keys; ++k) {
             char line[128];
             std::snprintf(line, sizeof line, "          \"data-key-%02d\": \"published-%02d-%d\"%s\n", k, k, d * k,
@@ -118,22 +119,23 @@ public:
     }
     bool key(string_t& k) override {
         switch (depth_) {
-        case 2: {
-            auto [it, fresh] = out.try_emplace(k);
-            daemon_ = &it->second;
-            return fresh && !k.empty() && k.size() <= 32;
-        }
-        case 3:
-            config_ = k == "config";
-            (config_ ? daemon_->hasConfig : daemon_->hasStatus) = true;
-            return config_ || k == "status";
-        case 5: {
-            auto& keys = config_ ? daemon_->options : daemon_->data;
-            auto [it, fresh] = keys.try_emplace(k);
-            value_ = &it->second;
-            return fresh && k.size() <= 64;
-        }
-        default: return true;
+            case 2: {
+                auto [it, fresh] = out.try_emplace(k);
+                daemon_ = &it->second;
+                return fresh && !k.empty() && k.size() <= 32;
+            }
+            case 3:
+                config_ = k == "config";
+                (config_ ? daemon_->hasConfig : daemon_->hasStatus) = true;
+                return config_ || k == "status";
+            case 5: {
+                auto& keys = config_ ? daemon_->options : daemon_->data;
+                auto [it, fresh] = keys.try_emplace(k);
+                value_ = &it->second;
+                return fresh && k.size() <= 64;
+            }
+            default:
+                return true;
         }
     }
     bool end_object() override {
@@ -187,20 +189,28 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "the parsers disagree\n");
         return 1;
     }
-    std::printf("file: %zu bytes, %zu daemons, %zu option and data rows; best of %d runs\n", text.size(),
-                parsed.size(), rows(parsed), runs);
+    std::printf("file: %zu bytes, %zu daemons, %zu option and data rows; best of %d runs\n", text.size(), parsed.size(),
+                rows(parsed), runs);
 
-    std::printf("parse   RapidJSON SAX (parseState)   %8.2f ms\n",
-                bestMillis(runs, [&] { volatile auto n = parseState(text, "bench").size(); (void)n; }));
-    std::printf("nl-dom  nlohmann tree + walk         %8.2f ms\n",
-                bestMillis(runs, [&] { volatile auto n = viaNlohmannDom(text).size(); (void)n; }));
-    std::printf("nl-sax  nlohmann SAX                 %8.2f ms\n",
-                bestMillis(runs, [&] { volatile auto n = viaNlohmannSax(text).size(); (void)n; }));
+    std::printf("parse   RapidJSON SAX (parseState)   %8.2f ms\n", bestMillis(runs, [&] {
+                    volatile auto n = parseState(text, "bench").size();
+                    (void)n;
+                }));
+    std::printf("nl-dom  nlohmann tree + walk         %8.2f ms\n", bestMillis(runs, [&] {
+                    volatile auto n = viaNlohmannDom(text).size();
+                    (void)n;
+                }));
+    std::printf("nl-sax  nlohmann SAX                 %8.2f ms\n", bestMillis(runs, [&] {
+                    volatile auto n = viaNlohmannSax(text).size();
+                    (void)n;
+                }));
 
     LauncherState changed = parsed;
     changed["daemon-1000"].options["option-key-07"] = "another value";
-    std::printf("diff    one value changed            %8.2f ms\n",
-                bestMillis(runs, [&] { volatile auto n = diffStates(parsed, changed).changes(); (void)n; }));
+    std::printf("diff    one value changed            %8.2f ms\n", bestMillis(runs, [&] {
+                    volatile auto n = diffStates(parsed, changed).changes();
+                    (void)n;
+                }));
 
     StateDiff all = diffStates({}, parsed);
     StateDiff one = diffStates(parsed, changed);
@@ -214,8 +224,8 @@ int main(int argc, char** argv) {
     StateApplier applier(GenericAgent::daemonMibFactory("daemonMIB"));
     applier.apply(all);
     std::printf("apply   one value changed            %8.4f ms\n", bestMillis(runs, [&] {
-                    applier.apply(one);
-                    applier.apply(back);
-                }) / 2);
+                                                                       applier.apply(one);
+                                                                       applier.apply(back);
+                                                                   }) / 2);
     return 0;
 }

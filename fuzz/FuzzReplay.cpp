@@ -95,40 +95,50 @@ private:
         if (b.empty() && op < 6) op = 6;
         std::size_t at = below(b.size() + 1);
         switch (op) {
-        case 0: b[below(b.size())] ^= static_cast<char>(1u << below(8)); break;
-        case 1: b[below(b.size())] = static_cast<char>(rng_()); break;
-        case 2: b[below(b.size())] = interesting[below(sizeof interesting - 1)]; break;
-        case 3: {   // delete a range
-            std::size_t from = below(b.size());
-            b.erase(from, 1 + below(std::min<std::size_t>(16, b.size() - from)));
-            break;
-        }
-        case 4: {   // duplicate a range
-            std::size_t from = below(b.size());
-            std::size_t n = 1 + below(std::min<std::size_t>(64, b.size() - from));
-            b.insert(at, b.substr(from, n));
-            break;
-        }
-        case 5: {   // overwrite with a token
-            if (dictionary_.empty()) break;
-            const Bytes& t = dictionary_[below(dictionary_.size())];
-            std::size_t from = below(b.size());
-            b.replace(from, std::min(t.size(), b.size() - from), t);
-            break;
-        }
-        case 6:
-            if (!dictionary_.empty()) {
-                b.insert(at, dictionary_[below(dictionary_.size())]);
+            case 0:
+                b[below(b.size())] ^= static_cast<char>(1u << below(8));
+                break;
+            case 1:
+                b[below(b.size())] = static_cast<char>(rng_());
+                break;
+            case 2:
+                b[below(b.size())] = interesting[below(sizeof interesting - 1)];
+                break;
+            case 3: { // delete a range
+                std::size_t from = below(b.size());
+                b.erase(from, 1 + below(std::min<std::size_t>(16, b.size() - from)));
                 break;
             }
-            [[fallthrough]];
-        case 7: b.insert(at, 1, interesting[below(sizeof interesting - 1)]); break;
-        case 8: b.insert(at, 1, static_cast<char>(rng_())); break;
-        default: {  // splice: a prefix of this one, a suffix of the other
-            std::size_t from = below(other.size() + 1);
-            b = b.substr(0, at) + other.substr(from);
-            break;
-        }
+            case 4: { // duplicate a range
+                std::size_t from = below(b.size());
+                std::size_t n = 1 + below(std::min<std::size_t>(64, b.size() - from));
+                b.insert(at, b.substr(from, n));
+                break;
+            }
+            case 5: { // overwrite with a token
+                if (dictionary_.empty()) break;
+                const Bytes& t = dictionary_[below(dictionary_.size())];
+                std::size_t from = below(b.size());
+                b.replace(from, std::min(t.size(), b.size() - from), t);
+                break;
+            }
+            case 6:
+                if (!dictionary_.empty()) {
+                    b.insert(at, dictionary_[below(dictionary_.size())]);
+                    break;
+                }
+                [[fallthrough]];
+            case 7:
+                b.insert(at, 1, interesting[below(sizeof interesting - 1)]);
+                break;
+            case 8:
+                b.insert(at, 1, static_cast<char>(rng_()));
+                break;
+            default: { // splice: a prefix of this one, a suffix of the other
+                std::size_t from = below(other.size() + 1);
+                b = b.substr(0, at) + other.substr(from);
+                break;
+            }
         }
     }
 
@@ -137,7 +147,9 @@ private:
     std::size_t maxLen_;
 };
 
-void run(const Bytes& b) { LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(b.data()), b.size()); }
+void run(const Bytes& b) {
+    LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(b.data()), b.size());
+}
 
 int usage(const char* self) {
     std::cerr << "usage: " << self << " [--mutations N] [--seed S] [--max-len N] [--dict FILE]... PATH...\n";
@@ -157,17 +169,22 @@ int main(int argc, char** argv) {
             if (i + 1 >= argc) std::exit(usage(argv[0]));
             return argv[++i];
         };
-        if (a == "--mutations") mutations = std::stoull(value());
-        else if (a == "--seed") seed = std::stoull(value());
-        else if (a == "--max-len") maxLen = std::stoull(value());
+        if (a == "--mutations")
+            mutations = std::stoull(value());
+        else if (a == "--seed")
+            seed = std::stoull(value());
+        else if (a == "--max-len")
+            maxLen = std::stoull(value());
         else if (a == "--dict") {
             auto t = readDictionary(value());
             dictionary.insert(dictionary.end(), t.begin(), t.end());
-        } else if (!a.empty() && a[0] == '-') return usage(argv[0]);
+        } else if (!a.empty() && a[0] == '-')
+            return usage(argv[0]);
         else if (fs::is_directory(a)) {
             for (const auto& e : fs::directory_iterator(a))
                 if (e.is_regular_file()) files.push_back(e.path());
-        } else if (fs::is_regular_file(a)) files.push_back(a);
+        } else if (fs::is_regular_file(a))
+            files.push_back(a);
         else {
             std::cerr << argv[0] << ": no such file or directory: " << a << "\n";
             return 2;
@@ -188,10 +205,11 @@ int main(int argc, char** argv) {
     for (std::size_t i = 0; i < mutations; ++i) {
         const Bytes& base = seeds[pick() % seeds.size()];
         const Bytes& other = seeds[pick() % seeds.size()];
-        if (i % 500 == 0) std::cerr << "mutations " << i << " to " << std::min(i + 500, mutations) - 1 << " (seed " << seed << ")\n";
+        if (i % 500 == 0)
+            std::cerr << "mutations " << i << " to " << std::min(i + 500, mutations) - 1 << " (seed " << seed << ")\n";
         run(m.mutate(base, other));
     }
-    std::cout << "replayed " << seeds.size() << " seed inputs and " << mutations << " mutations (seed " << seed
-              << ", " << dictionary.size() << " dictionary tokens): no finding\n";
+    std::cout << "replayed " << seeds.size() << " seed inputs and " << mutations << " mutations (seed " << seed << ", "
+              << dictionary.size() << " dictionary tokens): no finding\n";
     return 0;
 }

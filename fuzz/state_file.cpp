@@ -57,16 +57,24 @@ std::string jsonString(std::string_view s, bool escapeAll) {
             continue;
         }
         if (c < 0x20) {
-            const char* shortForm = c == '\n' ? "\\n" : c == '\t' ? "\\t" : c == '\r' ? "\\r" : c == '\b' ? "\\b"
-                                  : c == '\f' ? "\\f" : nullptr;
-            if (escapeAll && shortForm) out += shortForm;
-            else appendUtf16Escape(out, c);
+            const char* shortForm = c == '\n'   ? "\\n"
+                                    : c == '\t' ? "\\t"
+                                    : c == '\r' ? "\\r"
+                                    : c == '\b' ? "\\b"
+                                    : c == '\f' ? "\\f"
+                                                : nullptr;
+            if (escapeAll && shortForm)
+                out += shortForm;
+            else
+                appendUtf16Escape(out, c);
             ++i;
             continue;
         }
         if (c < 0x80 || !escapeAll) {
-            if (escapeAll && c == '/') out += "\\/";
-            else out += static_cast<char>(c);
+            if (escapeAll && c == '/')
+                out += "\\/";
+            else
+                out += static_cast<char>(c);
             ++i;
             continue;
         }
@@ -177,8 +185,10 @@ void applySection(const Feed::SectionChange& c, bool& has, bool& flag, Keys& key
     has = c.after;
     if (c.flag) flag = *c.flag;
     for (const Feed::KeyChange& k : c.keys) {
-        if (k.value) keys[k.key] = *k.value;
-        else keys.erase(k.key);
+        if (k.value)
+            keys[k.key] = *k.value;
+        else
+            keys.erase(k.key);
     }
     if (!has) flag = false;
 }
@@ -206,9 +216,13 @@ LauncherState derived(const LauncherState& a) {
         std::size_t j = salt;
         for (auto& [k, v] : keys) {
             switch (j++ % 3) {
-            case 0: break;                                       // removed
-            case 1: out[k] = v.empty() ? "x" : ""; break;         // filled or emptied
-            default: out[k] = v.size() < 10240 ? v + "y" : "z";   // changed in place
+                case 0:
+                    break; // removed
+                case 1:
+                    out[k] = v.empty() ? "x" : "";
+                    break; // filled or emptied
+                default:
+                    out[k] = v.size() < 10240 ? v + "y" : "z"; // changed in place
             }
         }
         out["fz" + std::to_string(salt)] = "new";
@@ -217,23 +231,27 @@ LauncherState derived(const LauncherState& a) {
     for (const auto& [name, d] : a) {
         DaemonState s = d;
         switch (i++ % 4) {
-        case 0: continue;   // removed
-        case 1:
-            if (s.hasConfig) {
-                s = DaemonState{false, false, {}, s.hasStatus, !s.running, s.data};
-            } else {
-                s.hasConfig = true;
-                s.enabled = true;
-                s.options = {{"added", "1"}, {"empty", ""}};
-            }
-            if (!s.hasStatus) s.data.clear(), s.running = false;
-            break;
-        case 2:
-            if (s.hasConfig) s.enabled = !s.enabled, changeKeys(s.options, i);
-            if (s.hasStatus) changeKeys(s.data, i + 1);
-            else s.hasStatus = true, s.running = true, s.data = {{"pid", "1"}};
-            break;
-        default: break;     // unchanged
+            case 0:
+                continue; // removed
+            case 1:
+                if (s.hasConfig) {
+                    s = DaemonState{false, false, {}, s.hasStatus, !s.running, s.data};
+                } else {
+                    s.hasConfig = true;
+                    s.enabled = true;
+                    s.options = {{"added", "1"}, {"empty", ""}};
+                }
+                if (!s.hasStatus) s.data.clear(), s.running = false;
+                break;
+            case 2:
+                if (s.hasConfig) s.enabled = !s.enabled, changeKeys(s.options, i);
+                if (s.hasStatus)
+                    changeKeys(s.data, i + 1);
+                else
+                    s.hasStatus = true, s.running = true, s.data = {{"pid", "1"}};
+                break;
+            default:
+                break; // unchanged
         }
         b.emplace(name, std::move(s));
     }
@@ -277,11 +295,14 @@ void checkReparse(const Fuzz::Case& c, const LauncherState& s, bool escapeAll) {
     try {
         back = Feed::parseState(json, fileName);
     } catch (const std::exception& e) {
-        c.finding(escapeAll ? "an accepted state written with escapes is refused" : "an accepted state written back is refused",
+        c.finding(escapeAll ? "an accepted state written with escapes is refused"
+                            : "an accepted state written back is refused",
                   json.substr(0, 2048) + " -> " + e.what());
     }
-    c.check(back == s, escapeAll ? "an accepted state written with escapes parses to another state"
-                                 : "an accepted state written back parses to another state", json);
+    c.check(back == s,
+            escapeAll ? "an accepted state written with escapes parses to another state"
+                      : "an accepted state written back parses to another state",
+            json);
 }
 
 void checkDiffs(const Fuzz::Case& c, const LauncherState& a, const LauncherState& b) {
@@ -360,7 +381,8 @@ void checkSkipping(const Fuzz::Case& c, const std::optional<LauncherState>& stri
     }
     if (strict) {
         c.check(kept == *strict, "the skipping parse keeps other daemons than the strict one", "");
-        c.check(skipped.empty(), "a file accepted whole has skipped entries", skipped.empty() ? "" : skipped[0].message);
+        c.check(skipped.empty(), "a file accepted whole has skipped entries",
+                skipped.empty() ? "" : skipped[0].message);
     }
     const std::string prefix = "state file " + fileName + ": daemon ";
     for (const Feed::SkippedDaemon& d : skipped) {
@@ -390,7 +412,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     };
 
     std::optional<LauncherState> state;
-    Skipping skipping{c, state};   // checked last, whatever the strict parse did
+    Skipping skipping{c, state}; // checked last, whatever the strict parse did
     try {
         state = Feed::parseState(c.bytes(), fileName);
     } catch (const Feed::StateError& e) {

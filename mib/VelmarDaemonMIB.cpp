@@ -115,27 +115,31 @@ struct velmarDaemonDataTable_entry {
 };
 
 // Index helpers: write a row's index into the index varbinds (defined below).
-netsnmp_variable_list* velmarDaemonEnabledTableIterationHelper(velmarDaemonEnabledTable_entry* c, netsnmp_variable_list* v);
-netsnmp_variable_list* velmarDaemonOptionTableIterationHelper(velmarDaemonOptionTable_entry* c, netsnmp_variable_list* v);
-netsnmp_variable_list* velmarDaemonRunningTableIterationHelper(velmarDaemonRunningTable_entry* c, netsnmp_variable_list* v);
+netsnmp_variable_list* velmarDaemonEnabledTableIterationHelper(velmarDaemonEnabledTable_entry* c,
+                                                               netsnmp_variable_list* v);
+netsnmp_variable_list* velmarDaemonOptionTableIterationHelper(velmarDaemonOptionTable_entry* c,
+                                                              netsnmp_variable_list* v);
+netsnmp_variable_list* velmarDaemonRunningTableIterationHelper(velmarDaemonRunningTable_entry* c,
+                                                               netsnmp_variable_list* v);
 netsnmp_variable_list* velmarDaemonDataTableIterationHelper(velmarDaemonDataTable_entry* c, netsnmp_variable_list* v);
 
 // ---------------------------------------------------------------------------------------
 // What differs between the four tables.
 
 // The names a table's functions, traces and registration carry, from its short name.
-#define VELMAR_TABLE_NAMES(Name)                                                                              \
-    static constexpr const char* table = "velmarDaemon" #Name "Table";                                         \
-    static constexpr const char* registrationPrefix = "velmarDaemon" #Name "Table_";                           \
-    static constexpr const char* getFirst = "velmarDaemon" #Name "Table_get_first_data_point";                 \
-    static constexpr const char* getNext = "velmarDaemon" #Name "Table_get_next_data_point";                   \
-    static constexpr const char* makeData = "velmarDaemon" #Name "Table_make_data_context";                    \
-    static constexpr const char* freeData = "velmarDaemon" #Name "Table_free_data_context";                    \
-    static constexpr const char* freeLoop = "velmarDaemon" #Name "Table_free_loop_context_at_end";             \
-    static constexpr const char* helper = "velmarDaemon" #Name "TableIterationHelper";                         \
-    static constexpr const char* handler = "velmarDaemon" #Name "Table_handler";                               \
-    static constexpr const char* initialize = "initialize_table_velmarDaemon" #Name "Table";                   \
-    static constexpr const char* initializeSignature = "void initialize_table_velmarDaemon" #Name "Table(Orbel::String)";
+#define VELMAR_TABLE_NAMES(Name)                                                                   \
+    static constexpr const char* table = "velmarDaemon" #Name "Table";                             \
+    static constexpr const char* registrationPrefix = "velmarDaemon" #Name "Table_";               \
+    static constexpr const char* getFirst = "velmarDaemon" #Name "Table_get_first_data_point";     \
+    static constexpr const char* getNext = "velmarDaemon" #Name "Table_get_next_data_point";       \
+    static constexpr const char* makeData = "velmarDaemon" #Name "Table_make_data_context";        \
+    static constexpr const char* freeData = "velmarDaemon" #Name "Table_free_data_context";        \
+    static constexpr const char* freeLoop = "velmarDaemon" #Name "Table_free_loop_context_at_end"; \
+    static constexpr const char* helper = "velmarDaemon" #Name "TableIterationHelper";             \
+    static constexpr const char* handler = "velmarDaemon" #Name "Table_handler";                   \
+    static constexpr const char* initialize = "initialize_table_velmarDaemon" #Name "Table";       \
+    static constexpr const char* initializeSignature =                                             \
+        "void initialize_table_velmarDaemon" #Name "Table(Orbel::String)";
 
 struct EnabledTable {
     using Entry = GenericAgent::EnabledTableEntry;
@@ -159,7 +163,8 @@ struct EnabledTable {
     static constexpr bool stringValue = false;
     static constexpr std::size_t valueBuffer = 1024;
     static constexpr u_char asnType = ASN_INTEGER;
-    static constexpr const char* conversionFailed = "handle_velmarDaemonEnabledTable - BoolToAsnInteger failed for: enabled";
+    static constexpr const char* conversionFailed =
+        "handle_velmarDaemonEnabledTable - BoolToAsnInteger failed for: enabled";
     static constexpr const char* lengthOutOfRange = nullptr;
     static int convert(const Entry& row, unsigned char* buffer) {
         return Snmp::BoolToAsnIntegerF()(row.enabled(), buffer, static_cast<int>(valueBuffer));
@@ -188,7 +193,8 @@ struct OptionTable {
     static constexpr bool stringValue = true;
     static constexpr std::size_t valueBuffer = 10240;
     static constexpr u_char asnType = ASN_OCTET_STR;
-    static constexpr const char* conversionFailed = "handle_velmarDaemonOptionTable - StringToAsnOctetString failed for: val";
+    static constexpr const char* conversionFailed =
+        "handle_velmarDaemonOptionTable - StringToAsnOctetString failed for: val";
     static constexpr const char* lengthOutOfRange =
         "handle_velmarDaemonOptionTable - entity /<sysname>/snmp/launcher/daemonMIB length out of range: val (";
     static int convert(const Entry& row, unsigned char* buffer) {
@@ -217,7 +223,8 @@ struct RunningTable {
     static constexpr bool stringValue = false;
     static constexpr std::size_t valueBuffer = 1024;
     static constexpr u_char asnType = ASN_INTEGER;
-    static constexpr const char* conversionFailed = "handle_velmarDaemonRunningTable - BoolToAsnInteger failed for: running";
+    static constexpr const char* conversionFailed =
+        "handle_velmarDaemonRunningTable - BoolToAsnInteger failed for: running";
     static constexpr const char* lengthOutOfRange = nullptr;
     static int convert(const Entry& row, unsigned char* buffer) {
         return Snmp::BoolToAsnIntegerF()(row.running(), buffer, static_cast<int>(valueBuffer));
@@ -245,7 +252,8 @@ struct DataTable {
     static constexpr bool stringValue = true;
     static constexpr std::size_t valueBuffer = 10240;
     static constexpr u_char asnType = ASN_OCTET_STR;
-    static constexpr const char* conversionFailed = "handle_velmarDaemonDataTable - StringToAsnOctetString failed for: val";
+    static constexpr const char* conversionFailed =
+        "handle_velmarDaemonDataTable - StringToAsnOctetString failed for: val";
     static constexpr const char* lengthOutOfRange =
         "handle_velmarDaemonDataTable - entity /<sysname>/snmp/launcher/daemonMIB length out of range: val (";
     static int convert(const Entry& row, unsigned char* buffer) {
@@ -268,7 +276,8 @@ netsnmp_variable_list* iterationHelper(typename T::Context* context, netsnmp_var
     unsigned char buffer[T::indexBuffer];
     // Deliberate: the converter's result goes to Net-SNMP unchecked; the model's writers keep
     // names and keys within the index limits (GenericAgentSnmp.h), so it is never negative.
-    int n = Snmp::StringToAsnOctetStringF()(row.agentName(), buffer, static_cast<int>(GenericAgent::maxDaemonNameBytes));
+    int n =
+        Snmp::StringToAsnOctetStringF()(row.agentName(), buffer, static_cast<int>(GenericAgent::maxDaemonNameBytes));
     snmp_set_var_typed_value(v, ASN_OCTET_STR, buffer, n);
     if constexpr (T::components == 2) {
         netsnmp_variable_list* w = v->next_variable;
@@ -288,8 +297,7 @@ bool hintComponent(const netsnmp_variable_list* v, const char* component, Snmp::
         VELMAR_TRACE(2, T::getFirst, "hint component " << component << " is '" << out << "'");
         return true;
     } catch (const Orbel::RangeException& e) {
-        VELMAR_TRACE(0, T::getFirst,
-                     "hint for index " << component << " of " << T::table << " is out of range! " << e);
+        VELMAR_TRACE(0, T::getFirst, "hint for index " << component << " of " << T::table << " is out of range! " << e);
         return false;
     }
 }
@@ -315,16 +323,16 @@ netsnmp_variable_list* getFirstDataPoint(void** loopContext, void**, netsnmp_var
                 if (hintComponent<T>(v, T::nameComponent, name)) found = 1;
             } else {
                 VELMAR_TRACE(0, T::getFirst,
-                             "hint for " << T::nameComponent << " has incorrect type! Expecting " << 4
-                                         << " but got " << static_cast<int>(v->type));
+                             "hint for " << T::nameComponent << " has incorrect type! Expecting " << 4 << " but got "
+                                         << static_cast<int>(v->type));
             }
             if constexpr (T::components == 1) {
                 search = found == 1;
             } else if (const netsnmp_variable_list* w = v->next_variable) {
                 if (w->type != ASN_OCTET_STR) {
                     VELMAR_TRACE(0, T::getFirst,
-                                 "hint for " << T::keyComponent << " has incorrect type! Expecting " << 4
-                                             << " but got " << static_cast<int>(w->type));
+                                 "hint for " << T::keyComponent << " has incorrect type! Expecting " << 4 << " but got "
+                                             << static_cast<int>(w->type));
                 } else if (hintComponent<T>(w, T::keyComponent, key)) {
                     ++found;
                     search = found == 2;
@@ -348,7 +356,8 @@ netsnmp_variable_list* getFirstDataPoint(void** loopContext, void**, netsnmp_var
             }
         } else {
             VELMAR_TRACE(2, T::getFirst,
-                         T::getFirst << " - needed " << T::components << " components, " << "found only " << found);
+                         T::getFirst << " - needed " << T::components << " components, "
+                                     << "found only " << found);
         }
     }
     if (!context) context = new typename T::Context{map.begin()};
@@ -523,13 +532,14 @@ void initializeTable(const Orbel::String8& context, Netsnmp_Node_Handler* handle
 
     auto* tableInfo = static_cast<netsnmp_table_registration_info*>(calloc(1, sizeof(netsnmp_table_registration_info)));
     if (!snmp_varlist_add_variable(&tableInfo->indexes, nullptr, 0, ASN_OCTET_STR, nullptr, 0))
-        VELMAR_TRACE(0, T::initialize,
-                     "Failed to set up " << T::nameComponent << " in netsnmp table_info in context \"" << context << "\"");
+        VELMAR_TRACE(
+            0, T::initialize,
+            "Failed to set up " << T::nameComponent << " in netsnmp table_info in context \"" << context << "\"");
     if constexpr (T::components == 2) {
         if (!snmp_varlist_add_variable(&tableInfo->indexes, nullptr, 0, ASN_OCTET_STR, nullptr, 0))
-            VELMAR_TRACE(0, T::initialize,
-                         "Failed to set up " << T::keyComponent << " in netsnmp table_info in context \"" << context
-                                             << "\"");
+            VELMAR_TRACE(
+                0, T::initialize,
+                "Failed to set up " << T::keyComponent << " in netsnmp table_info in context \"" << context << "\"");
     }
     tableInfo->min_column = T::column;
     tableInfo->max_column = T::column;
@@ -564,42 +574,101 @@ void initializeTable(const Orbel::String8& context, Netsnmp_Node_Handler* handle
 // ---------------------------------------------------------------------------------------
 // The named callbacks, each forwarding to the mechanism with its table's constants.
 
-netsnmp_variable_list* velmarDaemonEnabledTableIterationHelper(velmarDaemonEnabledTable_entry* c, netsnmp_variable_list* v) { return iterationHelper<EnabledTable>(c, v); }
-netsnmp_variable_list* velmarDaemonEnabledTable_get_first_data_point(void** l, void** d, netsnmp_variable_list* v, netsnmp_iterator_info* i) { return getFirstDataPoint<EnabledTable>(l, d, v, i); }
-netsnmp_variable_list* velmarDaemonEnabledTable_get_next_data_point(void** l, void** d, netsnmp_variable_list* v, netsnmp_iterator_info* i) { return getNextDataPoint<EnabledTable>(l, d, v, i); }
-void* velmarDaemonEnabledTable_make_data_context(void* l, netsnmp_iterator_info* i) { return makeDataContext<EnabledTable>(l, i); }
-void velmarDaemonEnabledTable_free_data_context(void* d, netsnmp_iterator_info* i) { freeDataContext<EnabledTable>(d, i); }
-void velmarDaemonEnabledTable_free_loop_context_at_end(void* l, netsnmp_iterator_info* i) { freeLoopContextAtEnd<EnabledTable>(l, i); }
+netsnmp_variable_list* velmarDaemonEnabledTableIterationHelper(velmarDaemonEnabledTable_entry* c,
+                                                               netsnmp_variable_list* v) {
+    return iterationHelper<EnabledTable>(c, v);
+}
+netsnmp_variable_list* velmarDaemonEnabledTable_get_first_data_point(void** l, void** d, netsnmp_variable_list* v,
+                                                                     netsnmp_iterator_info* i) {
+    return getFirstDataPoint<EnabledTable>(l, d, v, i);
+}
+netsnmp_variable_list* velmarDaemonEnabledTable_get_next_data_point(void** l, void** d, netsnmp_variable_list* v,
+                                                                    netsnmp_iterator_info* i) {
+    return getNextDataPoint<EnabledTable>(l, d, v, i);
+}
+void* velmarDaemonEnabledTable_make_data_context(void* l, netsnmp_iterator_info* i) {
+    return makeDataContext<EnabledTable>(l, i);
+}
+void velmarDaemonEnabledTable_free_data_context(void* d, netsnmp_iterator_info* i) {
+    freeDataContext<EnabledTable>(d, i);
+}
+void velmarDaemonEnabledTable_free_loop_context_at_end(void* l, netsnmp_iterator_info* i) {
+    freeLoopContextAtEnd<EnabledTable>(l, i);
+}
 
-netsnmp_variable_list* velmarDaemonOptionTableIterationHelper(velmarDaemonOptionTable_entry* c, netsnmp_variable_list* v) { return iterationHelper<OptionTable>(c, v); }
-netsnmp_variable_list* velmarDaemonOptionTable_get_first_data_point(void** l, void** d, netsnmp_variable_list* v, netsnmp_iterator_info* i) { return getFirstDataPoint<OptionTable>(l, d, v, i); }
-netsnmp_variable_list* velmarDaemonOptionTable_get_next_data_point(void** l, void** d, netsnmp_variable_list* v, netsnmp_iterator_info* i) { return getNextDataPoint<OptionTable>(l, d, v, i); }
-void* velmarDaemonOptionTable_make_data_context(void* l, netsnmp_iterator_info* i) { return makeDataContext<OptionTable>(l, i); }
-void velmarDaemonOptionTable_free_data_context(void* d, netsnmp_iterator_info* i) { freeDataContext<OptionTable>(d, i); }
-void velmarDaemonOptionTable_free_loop_context_at_end(void* l, netsnmp_iterator_info* i) { freeLoopContextAtEnd<OptionTable>(l, i); }
+netsnmp_variable_list* velmarDaemonOptionTableIterationHelper(velmarDaemonOptionTable_entry* c,
+                                                              netsnmp_variable_list* v) {
+    return iterationHelper<OptionTable>(c, v);
+}
+netsnmp_variable_list* velmarDaemonOptionTable_get_first_data_point(void** l, void** d, netsnmp_variable_list* v,
+                                                                    netsnmp_iterator_info* i) {
+    return getFirstDataPoint<OptionTable>(l, d, v, i);
+}
+netsnmp_variable_list* velmarDaemonOptionTable_get_next_data_point(void** l, void** d, netsnmp_variable_list* v,
+                                                                   netsnmp_iterator_info* i) {
+    return getNextDataPoint<OptionTable>(l, d, v, i);
+}
+void* velmarDaemonOptionTable_make_data_context(void* l, netsnmp_iterator_info* i) {
+    return makeDataContext<OptionTable>(l, i);
+}
+void velmarDaemonOptionTable_free_data_context(void* d, netsnmp_iterator_info* i) {
+    freeDataContext<OptionTable>(d, i);
+}
+void velmarDaemonOptionTable_free_loop_context_at_end(void* l, netsnmp_iterator_info* i) {
+    freeLoopContextAtEnd<OptionTable>(l, i);
+}
 
-netsnmp_variable_list* velmarDaemonRunningTableIterationHelper(velmarDaemonRunningTable_entry* c, netsnmp_variable_list* v) { return iterationHelper<RunningTable>(c, v); }
-netsnmp_variable_list* velmarDaemonRunningTable_get_first_data_point(void** l, void** d, netsnmp_variable_list* v, netsnmp_iterator_info* i) { return getFirstDataPoint<RunningTable>(l, d, v, i); }
-netsnmp_variable_list* velmarDaemonRunningTable_get_next_data_point(void** l, void** d, netsnmp_variable_list* v, netsnmp_iterator_info* i) { return getNextDataPoint<RunningTable>(l, d, v, i); }
-void* velmarDaemonRunningTable_make_data_context(void* l, netsnmp_iterator_info* i) { return makeDataContext<RunningTable>(l, i); }
-void velmarDaemonRunningTable_free_data_context(void* d, netsnmp_iterator_info* i) { freeDataContext<RunningTable>(d, i); }
-void velmarDaemonRunningTable_free_loop_context_at_end(void* l, netsnmp_iterator_info* i) { freeLoopContextAtEnd<RunningTable>(l, i); }
+netsnmp_variable_list* velmarDaemonRunningTableIterationHelper(velmarDaemonRunningTable_entry* c,
+                                                               netsnmp_variable_list* v) {
+    return iterationHelper<RunningTable>(c, v);
+}
+netsnmp_variable_list* velmarDaemonRunningTable_get_first_data_point(void** l, void** d, netsnmp_variable_list* v,
+                                                                     netsnmp_iterator_info* i) {
+    return getFirstDataPoint<RunningTable>(l, d, v, i);
+}
+netsnmp_variable_list* velmarDaemonRunningTable_get_next_data_point(void** l, void** d, netsnmp_variable_list* v,
+                                                                    netsnmp_iterator_info* i) {
+    return getNextDataPoint<RunningTable>(l, d, v, i);
+}
+void* velmarDaemonRunningTable_make_data_context(void* l, netsnmp_iterator_info* i) {
+    return makeDataContext<RunningTable>(l, i);
+}
+void velmarDaemonRunningTable_free_data_context(void* d, netsnmp_iterator_info* i) {
+    freeDataContext<RunningTable>(d, i);
+}
+void velmarDaemonRunningTable_free_loop_context_at_end(void* l, netsnmp_iterator_info* i) {
+    freeLoopContextAtEnd<RunningTable>(l, i);
+}
 
-netsnmp_variable_list* velmarDaemonDataTableIterationHelper(velmarDaemonDataTable_entry* c, netsnmp_variable_list* v) { return iterationHelper<DataTable>(c, v); }
-netsnmp_variable_list* velmarDaemonDataTable_get_first_data_point(void** l, void** d, netsnmp_variable_list* v, netsnmp_iterator_info* i) { return getFirstDataPoint<DataTable>(l, d, v, i); }
-netsnmp_variable_list* velmarDaemonDataTable_get_next_data_point(void** l, void** d, netsnmp_variable_list* v, netsnmp_iterator_info* i) { return getNextDataPoint<DataTable>(l, d, v, i); }
-void* velmarDaemonDataTable_make_data_context(void* l, netsnmp_iterator_info* i) { return makeDataContext<DataTable>(l, i); }
-void velmarDaemonDataTable_free_data_context(void* d, netsnmp_iterator_info* i) { freeDataContext<DataTable>(d, i); }
-void velmarDaemonDataTable_free_loop_context_at_end(void* l, netsnmp_iterator_info* i) { freeLoopContextAtEnd<DataTable>(l, i); }
+netsnmp_variable_list* velmarDaemonDataTableIterationHelper(velmarDaemonDataTable_entry* c, netsnmp_variable_list* v) {
+    return iterationHelper<DataTable>(c, v);
+}
+netsnmp_variable_list* velmarDaemonDataTable_get_first_data_point(void** l, void** d, netsnmp_variable_list* v,
+                                                                  netsnmp_iterator_info* i) {
+    return getFirstDataPoint<DataTable>(l, d, v, i);
+}
+netsnmp_variable_list* velmarDaemonDataTable_get_next_data_point(void** l, void** d, netsnmp_variable_list* v,
+                                                                 netsnmp_iterator_info* i) {
+    return getNextDataPoint<DataTable>(l, d, v, i);
+}
+void* velmarDaemonDataTable_make_data_context(void* l, netsnmp_iterator_info* i) {
+    return makeDataContext<DataTable>(l, i);
+}
+void velmarDaemonDataTable_free_data_context(void* d, netsnmp_iterator_info* i) {
+    freeDataContext<DataTable>(d, i);
+}
+void velmarDaemonDataTable_free_loop_context_at_end(void* l, netsnmp_iterator_info* i) {
+    freeLoopContextAtEnd<DataTable>(l, i);
+}
 
-#define VELMAR_CALLBACKS(T, prefix)                                                                     \
-    template <>                                                                                        \
-    struct Callbacks<T> {                                                                              \
-        static constexpr Netsnmp_First_Data_Point* getFirst = prefix##_get_first_data_point;           \
-        static constexpr Netsnmp_Next_Data_Point* getNext = prefix##_get_next_data_point;              \
-        static constexpr Netsnmp_Make_Data_Context* makeData = prefix##_make_data_context;             \
-        static constexpr Netsnmp_Free_Data_Context* freeData = prefix##_free_data_context;             \
-        static constexpr Netsnmp_Free_Loop_Context* freeLoop = prefix##_free_loop_context_at_end;      \
+#define VELMAR_CALLBACKS(T, prefix)                                                               \
+    template <>                                                                                   \
+    struct Callbacks<T> {                                                                         \
+        static constexpr Netsnmp_First_Data_Point* getFirst = prefix##_get_first_data_point;      \
+        static constexpr Netsnmp_Next_Data_Point* getNext = prefix##_get_next_data_point;         \
+        static constexpr Netsnmp_Make_Data_Context* makeData = prefix##_make_data_context;        \
+        static constexpr Netsnmp_Free_Data_Context* freeData = prefix##_free_data_context;        \
+        static constexpr Netsnmp_Free_Loop_Context* freeLoop = prefix##_free_loop_context_at_end; \
     };
 VELMAR_CALLBACKS(EnabledTable, velmarDaemonEnabledTable)
 VELMAR_CALLBACKS(OptionTable, velmarDaemonOptionTable)
@@ -651,12 +720,32 @@ void unregister_VelmarDaemonMIB(Orbel::String8 context) {
     columnInfosByContext.erase(context);
 }
 
-void initialize_table_velmarDaemonEnabledTable(Orbel::String8 context) { initializeTable<EnabledTable>(context, velmarDaemonEnabledTable_handler); }
-void initialize_table_velmarDaemonOptionTable(Orbel::String8 context) { initializeTable<OptionTable>(context, velmarDaemonOptionTable_handler); }
-void initialize_table_velmarDaemonRunningTable(Orbel::String8 context) { initializeTable<RunningTable>(context, velmarDaemonRunningTable_handler); }
-void initialize_table_velmarDaemonDataTable(Orbel::String8 context) { initializeTable<DataTable>(context, velmarDaemonDataTable_handler); }
+void initialize_table_velmarDaemonEnabledTable(Orbel::String8 context) {
+    initializeTable<EnabledTable>(context, velmarDaemonEnabledTable_handler);
+}
+void initialize_table_velmarDaemonOptionTable(Orbel::String8 context) {
+    initializeTable<OptionTable>(context, velmarDaemonOptionTable_handler);
+}
+void initialize_table_velmarDaemonRunningTable(Orbel::String8 context) {
+    initializeTable<RunningTable>(context, velmarDaemonRunningTable_handler);
+}
+void initialize_table_velmarDaemonDataTable(Orbel::String8 context) {
+    initializeTable<DataTable>(context, velmarDaemonDataTable_handler);
+}
 
-int velmarDaemonEnabledTable_handler(netsnmp_mib_handler*, netsnmp_handler_registration*, netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) { return handleRequests<EnabledTable>(reqinfo, requests); }
-int velmarDaemonOptionTable_handler(netsnmp_mib_handler*, netsnmp_handler_registration*, netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) { return handleRequests<OptionTable>(reqinfo, requests); }
-int velmarDaemonRunningTable_handler(netsnmp_mib_handler*, netsnmp_handler_registration*, netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) { return handleRequests<RunningTable>(reqinfo, requests); }
-int velmarDaemonDataTable_handler(netsnmp_mib_handler*, netsnmp_handler_registration*, netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) { return handleRequests<DataTable>(reqinfo, requests); }
+int velmarDaemonEnabledTable_handler(netsnmp_mib_handler*, netsnmp_handler_registration*,
+                                     netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) {
+    return handleRequests<EnabledTable>(reqinfo, requests);
+}
+int velmarDaemonOptionTable_handler(netsnmp_mib_handler*, netsnmp_handler_registration*,
+                                    netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) {
+    return handleRequests<OptionTable>(reqinfo, requests);
+}
+int velmarDaemonRunningTable_handler(netsnmp_mib_handler*, netsnmp_handler_registration*,
+                                     netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) {
+    return handleRequests<RunningTable>(reqinfo, requests);
+}
+int velmarDaemonDataTable_handler(netsnmp_mib_handler*, netsnmp_handler_registration*,
+                                  netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) {
+    return handleRequests<DataTable>(reqinfo, requests);
+}

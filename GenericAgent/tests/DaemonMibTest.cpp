@@ -13,7 +13,6 @@ namespace {
 
 using GenericAgent::daemonMibFactory;
 
-
 // Three keys of table T in ascending order.
 template <class T>
 std::vector<typename T::Key> threeKeys() {
@@ -168,7 +167,7 @@ TYPED_TEST(DaemonMibTable, DelByIteratorRemovesTheRowItStandsOn) {
     auto* standing = it.ptr();
     auto removed = T::del(*mib, it);
     EXPECT_EQ(removed.ptr(), standing);
-    EXPECT_EQ(it.ptr(), standing);  // still on the removed row until advanced
+    EXPECT_EQ(it.ptr(), standing); // still on the removed row until advanced
     EXPECT_EQ(it.key(), keys[1]);
     EXPECT_EQ(mib->version(), 4u);
     EXPECT_EQ(a->events, std::vector<Event>{eventFor<T>(T::refKey(keys[1]))});
@@ -246,7 +245,7 @@ TYPED_TEST(DaemonMibTable, DelAllRemovesEveryRowInAscendingOrder) {
     EXPECT_TRUE(T::map(*mib).empty());
     EXPECT_EQ(mib->version(), 6u);
     EXPECT_EQ(a->events, (std::vector<Event>{eventFor<T>(T::refKey(keys[0])), eventFor<T>(T::refKey(keys[1])),
-                                              eventFor<T>(T::refKey(keys[2]))}));
+                                             eventFor<T>(T::refKey(keys[2]))}));
     T::delAll(*mib);
     EXPECT_EQ(mib->version(), 6u);
     EXPECT_EQ(a->events.size(), 3u);
@@ -267,7 +266,7 @@ TYPED_TEST(DaemonMibTable, NewMakesOrReplacesInPlaceWithoutCountingOrNotifying) 
     EXPECT_NE(replacement.ptr(), made.ptr());
     EXPECT_EQ(T::lookup(*mib, keys[1]).ptr(), replacement.ptr());
     EXPECT_FALSE(made->rbInTree());
-    EXPECT_EQ(made->references(), 1u);  // the map's reference went with the replacement
+    EXPECT_EQ(made->references(), 1u); // the map's reference went with the replacement
     EXPECT_EQ(T::sourceOf(*replacement).ptr(), second.ptr());
     EXPECT_EQ(T::map(*mib).size(), 3u);
     EXPECT_EQ(walk<T>(*mib), (std::vector<RefKey>{T::refKey(keys[0]), T::refKey(keys[1]), T::refKey(keys[2])}));
@@ -279,7 +278,7 @@ TYPED_TEST(DaemonMibTable, NewMakesOrReplacesInPlaceWithoutCountingOrNotifying) 
 TYPED_TEST(DaemonMibTable, NotifyTellsEveryRegisteredObserverOfTheKey) {
     using T = TypeParam;
     auto mib = daemonMibFactory("daemonMIB");
-    T::notify(*mib, T::key("nobody", "listens"));  // no observer: nothing to do
+    T::notify(*mib, T::key("nobody", "listens")); // no observer: nothing to do
     auto a = attached(Recorder::make("a"), mib);
     auto b = attached(Recorder::make("b"), mib);
     T::notify(*mib, T::key("not", "there"));
@@ -404,9 +403,8 @@ TEST(DaemonMib, StatusTablesNameAgentStatusInTheMismatch) {
               "different value of " +
                   Orbel::refStrep("GenericAgent::Status", st2.ptr()).stdString() + " than the current value of " +
                   Orbel::refStrep("GenericAgent::Status", st1.ptr()).stdString() + " not allowed");
-    EXPECT_EQ(thrownMessage<Orbel::NameInUseException>([&] {
-                  mib->dataTableIs(DataTableIndex(Snmp::String("ntpd"), Snmp::String("stratum")), st1);
-              }),
+    EXPECT_EQ(thrownMessage<Orbel::NameInUseException>(
+                  [&] { mib->dataTableIs(DataTableIndex(Snmp::String("ntpd"), Snmp::String("stratum")), st1); }),
               "Reinstantiating the pointer interface where constructor parameter attribute _agentStatus has a "
               "different value of " +
                   Orbel::refStrep("GenericAgent::Status", st1.ptr()).stdString() +
@@ -414,9 +412,8 @@ TEST(DaemonMib, StatusTablesNameAgentStatusInTheMismatch) {
     // The option table names _agentConfig.
     auto cfg = Config::configFactory("ntpd");
     mib->optionTableIs(OptionTableIndex(Snmp::String("ntpd"), Snmp::String("server")), cfg);
-    EXPECT_EQ(thrownMessage<Orbel::NameInUseException>([&] {
-                  mib->optionTableIs(OptionTableIndex(Snmp::String("ntpd"), Snmp::String("server")), nullptr);
-              }),
+    EXPECT_EQ(thrownMessage<Orbel::NameInUseException>(
+                  [&] { mib->optionTableIs(OptionTableIndex(Snmp::String("ntpd"), Snmp::String("server")), nullptr); }),
               "Reinstantiating the pointer interface where constructor parameter attribute _agentConfig has a "
               "different value of Ref('GenericAgent::Config', null) than the current value of " +
                   Orbel::refStrep("GenericAgent::Config", cfg.ptr()).stdString() + " not allowed");
@@ -445,7 +442,7 @@ TEST(DaemonMib, OptionTableDelAllOnThreeRowsNotifiesInAscendingIndexOrder) {
     mib->optionTableDelAll();
     EXPECT_TRUE(mib->optionTable().empty());
     EXPECT_EQ(a->events, (std::vector<Event>{keyEvent(259, "bgpd", "asn"), keyEvent(259, "bgpd", "router-id"),
-                                              keyEvent(259, "ospf", "area")}));
+                                             keyEvent(259, "ospf", "area")}));
     EXPECT_EQ(mib->version(), 6u);
 }
 
@@ -461,7 +458,7 @@ TEST(DaemonMib, VersionCountsChangesAndConfirmationsOnly) {
         EXPECT_EQ(mib->version(), v);
     };
     mib->enabledTableIs("bgpd", cfg), step(1);
-    mib->enabledTableIs("bgpd", cfg), step(1);  // confirmation
+    mib->enabledTableIs("bgpd", cfg), step(1); // confirmation
     EXPECT_THROW(mib->enabledTableIs("bgpd", nullptr), Orbel::NameInUseException), step(0);
     mib->optionTableIs(o, cfg), step(1);
     mib->runningTableIs("bgpd", st), step(1);
@@ -503,14 +500,20 @@ TEST(DaemonMib, DestructionAnnouncesEveryRowTableByTableAndFreesEverything) {
             mib->dataTableIs(DataTableIndex(Snmp::String("ntpd"), Snmp::String("stratum")), ntpSt);
             mib->dataTableIs(DataTableIndex(Snmp::String("bgpd"), Snmp::String("peers")), bgpSt);
             watcher->events.clear();
-            EXPECT_EQ(mib->references(), 1u);  // the weak watcher holds none
+            EXPECT_EQ(mib->references(), 1u); // the weak watcher holds none
         }
         const std::vector<Event> expected = {
             zeroEvent("w"),
-            keyEvent(258, "bgpd", {}, "w"),     keyEvent(258, "ntpd", {}, "w"),       keyEvent(258, "isisd", {}, "w"),
-            keyEvent(259, "bgpd", "id", "w"),   keyEvent(259, "bgpd", "asn", "w"),    keyEvent(259, "ntpd", "server", "w"),
-            keyEvent(260, "bgpd", {}, "w"),     keyEvent(260, "ntpd", {}, "w"),
-            keyEvent(261, "bgpd", "peers", "w"), keyEvent(261, "ntpd", "stratum", "w"),
+            keyEvent(258, "bgpd", {}, "w"),
+            keyEvent(258, "ntpd", {}, "w"),
+            keyEvent(258, "isisd", {}, "w"),
+            keyEvent(259, "bgpd", "id", "w"),
+            keyEvent(259, "bgpd", "asn", "w"),
+            keyEvent(259, "ntpd", "server", "w"),
+            keyEvent(260, "bgpd", {}, "w"),
+            keyEvent(260, "ntpd", {}, "w"),
+            keyEvent(261, "bgpd", "peers", "w"),
+            keyEvent(261, "ntpd", "stratum", "w"),
         };
         EXPECT_EQ(watcher->events, expected);
         // Only the observer is left: container, rows, Configs and Statuses are gone.
@@ -535,14 +538,14 @@ TEST(DaemonMib, RowsConfigsAndStatusesAreFreedWithTheirLastReference) {
             mib->dataTableIs(DataTableIndex(Snmp::String("bgpd"), Snmp::String("peers")), st);
         }
         const auto full = Orbel::PtrInterface::liveInstances();
-        EXPECT_EQ(full, before.instances + 7);  // container, four rows, Config, Status
+        EXPECT_EQ(full, before.instances + 7); // container, four rows, Config, Status
         mib->enabledTableDel("bgpd");
         mib->optionTableDelAll();
-        EXPECT_EQ(Orbel::PtrInterface::liveInstances(), full - 3);  // two rows and the Config
+        EXPECT_EQ(Orbel::PtrInterface::liveInstances(), full - 3); // two rows and the Config
         auto held = mib->runningTable(Snmp::String("bgpd"));
         mib->runningTableDel("bgpd");
         mib->dataTableDel(DataTableIndex(Snmp::String("bgpd"), Snmp::String("peers")));
-        EXPECT_EQ(Orbel::PtrInterface::liveInstances(), full - 4);  // the held row keeps the Status
+        EXPECT_EQ(Orbel::PtrInterface::liveInstances(), full - 4); // the held row keeps the Status
         EXPECT_FALSE(held->running());
         held = nullptr;
         EXPECT_EQ(Orbel::PtrInterface::liveInstances(), before.instances + 1);
@@ -576,17 +579,17 @@ TEST(DaemonMibWalk, SurvivesDeletionsAndAdditionsAheadAndBehind) {
         const std::string n = str(it.key());
         visited.push_back(n);
         if (n == "b") {
-            mib->enabledTableDel("c");  // ahead
-            mib->enabledTableDel("a");  // behind
+            mib->enabledTableDel("c"); // ahead
+            mib->enabledTableDel("a"); // behind
         } else if (n == "d") {
-            mib->enabledTableDel("d");       // the current row, by key
-            mib->enabledTableIs("c", nullptr);  // behind: not visited
-            mib->enabledTableIs("h", nullptr);  // ahead: visited
+            mib->enabledTableDel("d");         // the current row, by key
+            mib->enabledTableIs("c", nullptr); // behind: not visited
+            mib->enabledTableIs("h", nullptr); // ahead: visited
             mib->enabledTableDel("e");
         } else if (n == "f") {
             mib->enabledTableDel("g");
             mib->enabledTableDel("h");
-            mib->enabledTableIs("gg", nullptr);  // longer, so after every one-byte name
+            mib->enabledTableIs("gg", nullptr); // longer, so after every one-byte name
         }
     }
     EXPECT_EQ(visited, (std::vector<std::string>{"a", "b", "d", "f", "gg"}));
@@ -603,16 +606,16 @@ TEST(DaemonMibWalk, DelAllAlsoDeletesRowsAnObserverAddsAhead) {
     a->hook = [&](Recorder& self, const Event&) {
         if (added) return;
         added = true;
-        self.notifier()->optionTableIs(key("c"), nullptr);  // ahead of the deleted row
-        self.notifier()->optionTableIs(key("e"), nullptr);  // ahead, beyond the last
-        self.notifier()->optionTableIs(key("a"), nullptr);  // behind: survives
+        self.notifier()->optionTableIs(key("c"), nullptr); // ahead of the deleted row
+        self.notifier()->optionTableIs(key("e"), nullptr); // ahead, beyond the last
+        self.notifier()->optionTableIs(key("a"), nullptr); // behind: survives
     };
     a->events.clear();
     mib->optionTableDelAll();
     a->hook = nullptr;
     EXPECT_EQ(a->events, (std::vector<Event>{keyEvent(259, "n", "b"), keyEvent(259, "n", "c"), keyEvent(259, "n", "e"),
-                                              keyEvent(259, "n", "a"), keyEvent(259, "n", "c"), keyEvent(259, "n", "d"),
-                                              keyEvent(259, "n", "e")}));
+                                             keyEvent(259, "n", "a"), keyEvent(259, "n", "c"), keyEvent(259, "n", "d"),
+                                             keyEvent(259, "n", "e")}));
     EXPECT_EQ(walk<OptionTable>(*mib), (std::vector<RefKey>{{"n", "a"}}));
     EXPECT_EQ(mib->version(), 2u + 7u);
 }

@@ -17,14 +17,33 @@ namespace {
 
 using GenericAgent::daemonMibFactory;
 
-std::string bytes(const char* s, std::size_t n) { return std::string(s, n); }
+std::string bytes(const char* s, std::size_t n) {
+    return std::string(s, n);
+}
 
 // Names of the one-component tables: enough to collide often, with lengths and bytes that
 // make Snmp::String order differ from plain byte order.
 const std::vector<std::string>& singleNames() {
-    static const std::vector<std::string> names = {
-        "", "a", "b", "z", "\x7f", "\x80", "\xff", bytes("\0", 1), "aa", "ab", "ba", "zz", bytes("a\0", 2),
-        bytes("\0\xff", 2), "abc", "bgpd", "ntpd", "isisd", "bgpd4", "\xff\xff\xff\xff\xff"};
+    static const std::vector<std::string> names = {"",
+                                                   "a",
+                                                   "b",
+                                                   "z",
+                                                   "\x7f",
+                                                   "\x80",
+                                                   "\xff",
+                                                   bytes("\0", 1),
+                                                   "aa",
+                                                   "ab",
+                                                   "ba",
+                                                   "zz",
+                                                   bytes("a\0", 2),
+                                                   bytes("\0\xff", 2),
+                                                   "abc",
+                                                   "bgpd",
+                                                   "ntpd",
+                                                   "isisd",
+                                                   "bgpd4",
+                                                   "\xff\xff\xff\xff\xff"};
     return names;
 }
 const std::vector<std::string>& pairNames() {
@@ -32,8 +51,8 @@ const std::vector<std::string>& pairNames() {
     return names;
 }
 const std::vector<std::string>& pairKeys() {
-    static const std::vector<std::string> keys = {"", "k", "\xff", bytes("\0", 1), "kk", "id", "asn", "peer",
-                                                  "router-id", bytes("x\0y", 3)};
+    static const std::vector<std::string> keys = {"",   "k",   "\xff", bytes("\0", 1), "kk",
+                                                  "id", "asn", "peer", "router-id",    bytes("x\0y", 3)};
     return keys;
 }
 
@@ -67,10 +86,18 @@ public:
         for (step_ = 0; step_ < steps; ++step_) {
             expected_.clear();
             switch (rng_() % 4) {
-            case 0: stepOn(enabled_); break;
-            case 1: stepOn(option_); break;
-            case 2: stepOn(running_); break;
-            default: stepOn(data_); break;
+                case 0:
+                    stepOn(enabled_);
+                    break;
+                case 1:
+                    stepOn(option_);
+                    break;
+                case 2:
+                    stepOn(running_);
+                    break;
+                default:
+                    stepOn(data_);
+                    break;
             }
             if (::testing::Test::HasFailure()) return;
             const bool full = step_ % 64 == 0;
@@ -96,7 +123,7 @@ public:
         announce(running_);
         announce(data_);
         mib_ = nullptr;
-        a_ = nullptr;  // held the last reference
+        a_ = nullptr; // held the last reference
         std::vector<Event> told = b_->events;
         EXPECT_TRUE(b_->name().empty());
         b_ = nullptr;
@@ -153,7 +180,8 @@ private:
                 T::is(*mib_, key, src);
                 ADD_FAILURE() << "no exception at step " << step_;
             } catch (const Orbel::NameInUseException& e) {
-                EXPECT_EQ(e.message().stdString(), nameInUseText(T::attribute, T::sourceType, source, found->second.source));
+                EXPECT_EQ(e.message().stdString(),
+                          nameInUseText(T::attribute, T::sourceType, source, found->second.source));
             }
             ++mismatches;
         }
@@ -162,19 +190,19 @@ private:
     template <class T>
     void stepOn(Model<T>& m) {
         const unsigned op = rng_() % 200;
-        if (op < 60) {  // Is of a random key with a random pointer
+        if (op < 60) { // Is of a random key with a random pointer
             is(m, randomKey<T>(), randomSource(m));
-        } else if (op < 76) {  // confirming Is
+        } else if (op < 76) { // confirming Is
             if (m.rows.empty()) return;
             auto r = randomRow(m);
             is(m, r->first, r->second.source);
-        } else if (op < 88) {  // mismatching Is
+        } else if (op < 88) { // mismatching Is
             if (m.rows.empty()) return;
             auto r = randomRow(m);
             const typename T::Source* other = randomSource(m);
             if (other == r->second.source) other = other ? nullptr : m.sources[0].ptr();
             is(m, r->first, other);
-        } else if (op < 132) {  // Del by key, mostly of a present one
+        } else if (op < 132) { // Del by key, mostly of a present one
             const RefKey k = (!m.rows.empty() && rng_() % 10 < 7) ? randomRow(m)->first : randomKey<T>();
             auto removed = T::del(*mib_, T::key(k.first, k.second));
             auto found = m.rows.find(k);
@@ -187,7 +215,7 @@ private:
             ++version_;
             ++dels;
             expected_.push_back(eventFor<T>(k));
-        } else if (op < 172) {  // Del by iterator
+        } else if (op < 172) { // Del by iterator
             if (m.rows.empty() || rng_() % 8 == 0) {
                 auto end = T::map(*mib_).end();
                 if (rng_() % 2) {
@@ -214,27 +242,27 @@ private:
             ++version_;
             ++iteratorDels;
             expected_.push_back(eventFor<T>(k));
-            ++it;  // on to the first greater key
+            ++it; // on to the first greater key
             auto next = m.rows.upper_bound(k);
             EXPECT_EQ(it.ptr(), next == m.rows.end() ? nullptr : next->second.row) << "step " << step_;
-        } else if (op < 184) {  // new: make or replace in place, silently
+        } else if (op < 184) { // new: make or replace in place, silently
             const RefKey k = randomKey<T>();
             const typename T::Source* source = randomSource(m);
             auto row = T::make(*mib_, T::key(k.first, k.second), Orbel::Ptr<typename T::Source const>(source));
             ASSERT_TRUE(row);
             m.rows[k] = {row.ptr(), source};
-        } else if (op < 198) {  // lookup only
+        } else if (op < 198) { // lookup only
             const RefKey k = randomKey<T>();
             auto found = m.rows.find(k);
             EXPECT_EQ(T::lookup(*mib_, T::key(k.first, k.second)).ptr(),
                       found == m.rows.end() ? nullptr : found->second.row);
-        } else if (op == 198) {  // DelAll
+        } else if (op == 198) { // DelAll
             for (const auto& [k, r] : m.rows) expected_.push_back(eventFor<T>(k));
             version_ += static_cast<std::uint32_t>(m.rows.size());
             m.rows.clear();
             T::delAll(*mib_);
             ++delAlls;
-        } else {  // Notify of a random key, present or not
+        } else { // Notify of a random key, present or not
             const RefKey k = randomKey<T>();
             T::notify(*mib_, T::key(k.first, k.second));
             expected_.push_back(eventFor<T>(k));
@@ -322,17 +350,17 @@ TEST(DaemonMibDifferential, WalksFindTheNextGreaterKeyWhileRowsComeAndGo) {
                 ++visitedRows;
                 const RefKey here = OptionTable::refKey(it.key());
                 const unsigned action = rng() % 10;
-                if (action < 3) {  // delete the row the iterator stands on
+                if (action < 3) { // delete the row the iterator stands on
                     EXPECT_EQ(mib->optionTableDel(it).ptr(), it.ptr());
                     model.erase(here);
-                } else if (action < 5) {  // delete some row, maybe this one, by key
+                } else if (action < 5) { // delete some row, maybe this one, by key
                     const RefKey k = rng() % 4 == 0 ? here : randomKey();
                     mib->optionTableDel(OptionTable::key(k.first, k.second));
                     model.erase(k);
-                } else if (action < 7) {  // add a row ahead or behind
+                } else if (action < 7) { // add a row ahead or behind
                     const RefKey k = randomKey();
                     if (!model.count(k)) add(k);
-                } else if (action < 8) {  // replace a row in place, maybe this one
+                } else if (action < 8) { // replace a row in place, maybe this one
                     const RefKey k = rng() % 3 == 0 ? here : randomKey();
                     model[k] = mib->newOptionTable(OptionTable::key(k.first, k.second), nullptr).ptr();
                 }

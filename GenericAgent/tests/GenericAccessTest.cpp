@@ -116,8 +116,12 @@ void expectStringValue(const Generic& g, const std::string& bytes, bool isConst)
     EXPECT_EQ(s->type(), Snmp::String::type());
 }
 
-GenericConst emptyList() { return GenericIf::List_::make(); }
-GenericConst someIndex() { return Snmp::String::genericIf("x", true); }
+GenericConst emptyList() {
+    return GenericIf::List_::make();
+}
+GenericConst someIndex() {
+    return Snmp::String::genericIf("x", true);
+}
 
 // Operation codes exercised on every attribute: the read, other non-modifying codes, the
 // equality code, and modifying codes.
@@ -179,9 +183,16 @@ void checkBaseFallback(const Generic& g, const std::vector<Orbel::AttributeId>& 
         for (unsigned op : {0u, 1u, 100u, 128u}) {
             if (op >= GenericIf::opModifying && g->isConst()) continue;
             SCOPED_TRACE("attribute " + std::to_string(n) + " op " + std::to_string(op));
-            expectNotSupported([&] { g->attributeOp({n, op}, nullptr, nullptr); }, "attribute " + std::to_string(n), op);
-            expectNotSupported([&] { g->attributeOp({n, op}, someIndex(), emptyList()); },
-                               "attribute " + std::to_string(n), op);
+            expectNotSupported(
+                [&] {
+                    g->attributeOp({n, op}, nullptr, nullptr);
+                },
+                "attribute " + std::to_string(n), op);
+            expectNotSupported(
+                [&] {
+                    g->attributeOp({n, op}, someIndex(), emptyList());
+                },
+                "attribute " + std::to_string(n), op);
         }
     }
 }
@@ -218,35 +229,38 @@ struct ExpectedType {
 
 const std::vector<ExpectedType>& expectedTypes() {
     static const std::vector<ExpectedType> types = {
-        {"GenericAgent::EnabledTableEntry", false,
+        {"GenericAgent::EnabledTableEntry",
+         false,
          {{130, "agentName", "Snmp::String", 2},
           {131, "agentConfig", "GenericAgent::Config", 2},
           {132, "enabled", "bool", 0},
           {0, "fwkKey", "Snmp::String", 0}}},
-        {"GenericAgent::OptionTableIndex", true,
-         {{2, "agentName", "Snmp::String", 2}, {3, "key", "Snmp::String", 2}}},
-        {"GenericAgent::OptionTableEntry", false,
+        {"GenericAgent::OptionTableIndex", true, {{2, "agentName", "Snmp::String", 2}, {3, "key", "Snmp::String", 2}}},
+        {"GenericAgent::OptionTableEntry",
+         false,
          {{130, "index", "GenericAgent::OptionTableIndex", 2},
           {131, "agentName", "Snmp::String", 0},
           {132, "key", "Snmp::String", 0},
           {133, "agentConfig", "GenericAgent::Config", 2},
           {134, "val", "Snmp::String", 8},
           {0, "fwkKey", "GenericAgent::OptionTableIndex", 0}}},
-        {"GenericAgent::RunningTableEntry", false,
+        {"GenericAgent::RunningTableEntry",
+         false,
          {{130, "agentName", "Snmp::String", 2},
           {131, "agentStatus", "GenericAgent::Status", 2},
           {132, "running", "bool", 0},
           {0, "fwkKey", "Snmp::String", 0}}},
-        {"GenericAgent::DataTableIndex", true,
-         {{2, "agentName", "Snmp::String", 2}, {3, "key", "Snmp::String", 2}}},
-        {"GenericAgent::DataTableEntry", false,
+        {"GenericAgent::DataTableIndex", true, {{2, "agentName", "Snmp::String", 2}, {3, "key", "Snmp::String", 2}}},
+        {"GenericAgent::DataTableEntry",
+         false,
          {{130, "index", "GenericAgent::DataTableIndex", 2},
           {131, "agentName", "Snmp::String", 0},
           {132, "key", "Snmp::String", 0},
           {133, "agentStatus", "GenericAgent::Status", 2},
           {134, "val", "Snmp::String", 8},
           {0, "fwkKey", "GenericAgent::DataTableIndex", 0}}},
-        {"GenericAgent::DaemonMib", false,
+        {"GenericAgent::DaemonMib",
+         false,
          {{258, "enabledTable", "GenericAgent::EnabledTableEntry", 0},
           {259, "optionTable", "GenericAgent::OptionTableEntry", 0},
           {260, "runningTable", "GenericAgent::RunningTableEntry", 0},
@@ -654,17 +668,24 @@ void checkValCall() {
 
         // The operand must be a list.
         expectTypeError([&] { g->attributeOp({134, 0}, nullptr, nullptr); }, "Orbel::GenericIf::List_");
-        expectTypeError([&] { g->attributeOp({134, 0}, nullptr, Snmp::String::genericIf("65001", false)); },
-                        "Orbel::GenericIf::List_");
-        expectTypeError([&] { g->attributeOp({134, 0}, nullptr, Orbel::genericBool(true, true)); },
-                        "Orbel::GenericIf::List_");
+        expectTypeError(
+            [&] {
+                g->attributeOp({134, 0}, nullptr, Snmp::String::genericIf("65001", false));
+            },
+            "Orbel::GenericIf::List_");
+        expectTypeError(
+            [&] {
+                g->attributeOp({134, 0}, nullptr, Orbel::genericBool(true, true));
+            },
+            "Orbel::GenericIf::List_");
         GenericConst wrapper = new typename Side::Index::GenericIf_(typename Side::Index("bgpd", "asn"), true);
         expectTypeError([&] { g->attributeOp({134, 0}, nullptr, wrapper); }, "Orbel::GenericIf::List_");
 
         // val takes no arguments.
         GenericConst one = GenericIf::List_::make({Snmp::String::genericIf("x", true)});
         expectUnknownArgument([&] { g->attributeOp({134, 0}, nullptr, one); }, "val");
-        GenericConst two = GenericIf::List_::make({Snmp::String::genericIf("x", true), Orbel::genericBool(false, true)});
+        GenericConst two =
+            GenericIf::List_::make({Snmp::String::genericIf("x", true), Orbel::genericBool(false, true)});
         expectUnknownArgument([&] { g->attributeOp({134, 0}, nullptr, two); }, "val");
         GenericConst nulls = GenericIf::List_::make({GenericConst()});
         expectUnknownArgument([&] { g->attributeOp({134, 0}, nullptr, nulls); }, "val");
@@ -691,11 +712,13 @@ void checkValIsLive() {
     auto src = Side::make("bgpd");
     const typename Side::Index index("bgpd", "asn");
     Ptr<typename Side::Row> row;
-    if constexpr (std::is_same_v<Side, OptionSide>) row = mib->optionTableIs(index, src);
-    else row = mib->dataTableIs(index, src);
+    if constexpr (std::is_same_v<Side, OptionSide>)
+        row = mib->optionTableIs(index, src);
+    else
+        row = mib->dataTableIs(index, src);
     ASSERT_TRUE(row);
     const Orbel::TypeDescriptor* t = registered(std::is_same_v<Side, OptionSide> ? "GenericAgent::OptionTableEntry"
-                                                                                  : "GenericAgent::DataTableEntry");
+                                                                                 : "GenericAgent::DataTableEntry");
     ASSERT_NE(t, nullptr);
     Generic g = t->genericIfOf(row.ptr(), true);
     auto read = [&] { return asString(g->attributeOp({134, 0}, nullptr, emptyList())).value(); };
@@ -714,27 +737,49 @@ void checkValIsLive() {
     Side::set(*src, "asn", "bytes \x01\x7f");
     EXPECT_EQ(read(), Snmp::String("bytes \x01\x7f"));
     // Still the same row.
-    if constexpr (std::is_same_v<Side, OptionSide>) EXPECT_EQ(mib->optionTable(index).ptr(), row.ptr());
-    else EXPECT_EQ(mib->dataTable(index).ptr(), row.ptr());
+    if constexpr (std::is_same_v<Side, OptionSide>)
+        EXPECT_EQ(mib->optionTable(index).ptr(), row.ptr());
+    else
+        EXPECT_EQ(mib->dataTable(index).ptr(), row.ptr());
 }
 
 } // namespace
 
-TEST(OptionTableEntryGenericIf, ConstRefusalComesFirst) { checkValueRowConstRefusal<OptionSide>(); }
-TEST(OptionTableEntryGenericIf, ScalarAttributesRefuseIndexAndNonReadOps) { checkValueRowScalars<OptionSide>(); }
-TEST(OptionTableEntryGenericIf, ReadsIndexAgentNameKeyAndAgentConfig) { checkValueRowReads<OptionSide>(); }
-TEST(OptionTableEntryGenericIf, ValIsReadAsAnArgumentlessCall) { checkValCall<OptionSide>(); }
-TEST(OptionTableEntryGenericIf, ValFollowsTheConfigLive) { checkValIsLive<OptionSide>(); }
+TEST(OptionTableEntryGenericIf, ConstRefusalComesFirst) {
+    checkValueRowConstRefusal<OptionSide>();
+}
+TEST(OptionTableEntryGenericIf, ScalarAttributesRefuseIndexAndNonReadOps) {
+    checkValueRowScalars<OptionSide>();
+}
+TEST(OptionTableEntryGenericIf, ReadsIndexAgentNameKeyAndAgentConfig) {
+    checkValueRowReads<OptionSide>();
+}
+TEST(OptionTableEntryGenericIf, ValIsReadAsAnArgumentlessCall) {
+    checkValCall<OptionSide>();
+}
+TEST(OptionTableEntryGenericIf, ValFollowsTheConfigLive) {
+    checkValIsLive<OptionSide>();
+}
 TEST(OptionTableEntryGenericIf, OtherNumbersGoToTheBase) {
     auto row = makeRow<OptionTableEntry>(OptionTableIndex("bgpd", "asn"), Config::configFactory("bgpd"));
     for (bool isConst : {false, true}) checkBaseFallback(rowIf(row, isConst), {0, 1, 2, 3, 129, 135, 259, 999});
 }
 
-TEST(DataTableEntryGenericIf, ConstRefusalComesFirst) { checkValueRowConstRefusal<DataSide>(); }
-TEST(DataTableEntryGenericIf, ScalarAttributesRefuseIndexAndNonReadOps) { checkValueRowScalars<DataSide>(); }
-TEST(DataTableEntryGenericIf, ReadsIndexAgentNameKeyAndAgentStatus) { checkValueRowReads<DataSide>(); }
-TEST(DataTableEntryGenericIf, ValIsReadAsAnArgumentlessCall) { checkValCall<DataSide>(); }
-TEST(DataTableEntryGenericIf, ValFollowsTheStatusLive) { checkValIsLive<DataSide>(); }
+TEST(DataTableEntryGenericIf, ConstRefusalComesFirst) {
+    checkValueRowConstRefusal<DataSide>();
+}
+TEST(DataTableEntryGenericIf, ScalarAttributesRefuseIndexAndNonReadOps) {
+    checkValueRowScalars<DataSide>();
+}
+TEST(DataTableEntryGenericIf, ReadsIndexAgentNameKeyAndAgentStatus) {
+    checkValueRowReads<DataSide>();
+}
+TEST(DataTableEntryGenericIf, ValIsReadAsAnArgumentlessCall) {
+    checkValCall<DataSide>();
+}
+TEST(DataTableEntryGenericIf, ValFollowsTheStatusLive) {
+    checkValIsLive<DataSide>();
+}
 TEST(DataTableEntryGenericIf, OtherNumbersGoToTheBase) {
     auto row = makeRow<DataTableEntry>(DataTableIndex("bgpd", "uptime"), Status::statusFactory("bgpd"));
     for (bool isConst : {false, true}) checkBaseFallback(rowIf(row, isConst), {0, 1, 2, 3, 129, 135, 261, 999});
@@ -856,8 +901,11 @@ void checkIndexRefusals() {
                     expectConstRefused([&] { w->attributeOp({number, op}, nullptr, nullptr); });
                     continue;
                 }
-                expectNotSupported([&] { w->attributeOp({number, op}, nullptr, nullptr); },
-                                   "attribute " + std::to_string(number), op);
+                expectNotSupported(
+                    [&] {
+                        w->attributeOp({number, op}, nullptr, nullptr);
+                    },
+                    "attribute " + std::to_string(number), op);
             }
         }
     }
@@ -880,8 +928,11 @@ void checkIndexEquality() {
         expectTypeError([&] { w->attributeOp({0, 100}, nullptr, nullptr); }, "orbelOpArg");
         expectTypeError([&] { w->attributeOp({0, 100}, nullptr, someIndex()); }, "orbelOpArg");
         expectTypeError([&] { w->attributeOp({0, 100}, nullptr, emptyList()); }, "orbelOpArg");
-        expectTypeError([&] { w->attributeOp({0, 100}, nullptr, wrap(OtherIndex("bgpd", "asn"), true)); },
-                        "orbelOpArg");
+        expectTypeError(
+            [&] {
+                w->attributeOp({0, 100}, nullptr, wrap(OtherIndex("bgpd", "asn"), true));
+            },
+            "orbelOpArg");
     }
 }
 
@@ -901,7 +952,7 @@ void checkIndexWrapperLifecycle() {
         EXPECT_EQ(c->isConst(), isConst);
         c->valIs(Index("ntpd", "peer"));
         EXPECT_EQ(c->val(), Index("ntpd", "peer"));
-        EXPECT_EQ(w->val(), value);  // the clone holds its own copy
+        EXPECT_EQ(w->val(), value); // the clone holds its own copy
 
         Ptr<const Wrapper<Index>> cw = w;
         Ptr<const Wrapper<Index>> cc = cw->clone();
@@ -974,17 +1025,26 @@ void checkListConstructor(const std::string& shortName) {
         expectTypeError([&] { make(GenericIf::List_::make({str("bgpd")})); }, "key");
         expectTypeError([&] { make(GenericIf::List_::make({Orbel::genericBool(true, true)})); }, "agentName");
         expectTypeError([&] { make(GenericIf::List_::make({GenericConst(), str("asn")})); }, "agentName");
-        expectTypeError([&] { make(GenericIf::List_::make({Orbel::genericBool(true, true), str("asn")})); }, "agentName");
+        expectTypeError(
+            [&] {
+                make(GenericIf::List_::make({Orbel::genericBool(true, true), str("asn")}));
+            },
+            "agentName");
         expectTypeError([&] { make(GenericIf::List_::make({str("bgpd"), Orbel::genericBool(true, true)})); }, "key");
         expectTypeError([&] { make(GenericIf::List_::make({str("bgpd"), GenericConst()})); }, "key");
         expectTypeError([&] { make(GenericIf::List_::make({str("bgpd"), emptyList()})); }, "key");
 
         expectUnknownArgument([&] { make(GenericIf::List_::make({str("bgpd"), str("asn"), str("x")})); }, shortName);
         expectUnknownArgument(
-            [&] { make(GenericIf::List_::make({str("bgpd"), str("asn"), Orbel::genericBool(true, true)})); },
+            [&] {
+                make(GenericIf::List_::make({str("bgpd"), str("asn"), Orbel::genericBool(true, true)}));
+            },
             shortName);
-        expectUnknownArgument([&] { make(GenericIf::List_::make({str("a"), str("b"), str("c"), str("d")})); },
-                              shortName);
+        expectUnknownArgument(
+            [&] {
+                make(GenericIf::List_::make({str("a"), str("b"), str("c"), str("d")}));
+            },
+            shortName);
     }
 }
 
@@ -1014,26 +1074,46 @@ void checkFromStrep() {
 
 } // namespace
 
-TEST(OptionTableIndexGenericIf, ReadsAgentNameAndKey) { checkIndexReads<OptionTableIndex>(); }
-TEST(OptionTableIndexGenericIf, RefusesArgumentsOtherOpsAndConstModification) { checkIndexRefusals<OptionTableIndex>(); }
+TEST(OptionTableIndexGenericIf, ReadsAgentNameAndKey) {
+    checkIndexReads<OptionTableIndex>();
+}
+TEST(OptionTableIndexGenericIf, RefusesArgumentsOtherOpsAndConstModification) {
+    checkIndexRefusals<OptionTableIndex>();
+}
 TEST(OptionTableIndexGenericIf, EqualityOpComparesWithAnotherWrapper) {
     checkIndexEquality<OptionTableIndex, DataTableIndex>();
 }
-TEST(OptionTableIndexGenericIf, CloneValIsAndGenericIfIs) { checkIndexWrapperLifecycle<OptionTableIndex>(); }
-TEST(OptionTableIndexGenericIf, StrRepIsTheValueNotation) { checkIndexStrRep<OptionTableIndex>(); }
-TEST(OptionTableIndexGenericIf, ListConstructor) { checkListConstructor<OptionTableIndex>("OptionTableIndex"); }
+TEST(OptionTableIndexGenericIf, CloneValIsAndGenericIfIs) {
+    checkIndexWrapperLifecycle<OptionTableIndex>();
+}
+TEST(OptionTableIndexGenericIf, StrRepIsTheValueNotation) {
+    checkIndexStrRep<OptionTableIndex>();
+}
+TEST(OptionTableIndexGenericIf, ListConstructor) {
+    checkListConstructor<OptionTableIndex>("OptionTableIndex");
+}
 TEST(OptionTableIndexDescriptor, GenericIfFromStrepParsesTheTextForm) {
     checkFromStrep<OptionTableIndex, DataTableIndex>();
 }
 
-TEST(DataTableIndexGenericIf, ReadsAgentNameAndKey) { checkIndexReads<DataTableIndex>(); }
-TEST(DataTableIndexGenericIf, RefusesArgumentsOtherOpsAndConstModification) { checkIndexRefusals<DataTableIndex>(); }
+TEST(DataTableIndexGenericIf, ReadsAgentNameAndKey) {
+    checkIndexReads<DataTableIndex>();
+}
+TEST(DataTableIndexGenericIf, RefusesArgumentsOtherOpsAndConstModification) {
+    checkIndexRefusals<DataTableIndex>();
+}
 TEST(DataTableIndexGenericIf, EqualityOpComparesWithAnotherWrapper) {
     checkIndexEquality<DataTableIndex, OptionTableIndex>();
 }
-TEST(DataTableIndexGenericIf, CloneValIsAndGenericIfIs) { checkIndexWrapperLifecycle<DataTableIndex>(); }
-TEST(DataTableIndexGenericIf, StrRepIsTheValueNotation) { checkIndexStrRep<DataTableIndex>(); }
-TEST(DataTableIndexGenericIf, ListConstructor) { checkListConstructor<DataTableIndex>("DataTableIndex"); }
+TEST(DataTableIndexGenericIf, CloneValIsAndGenericIfIs) {
+    checkIndexWrapperLifecycle<DataTableIndex>();
+}
+TEST(DataTableIndexGenericIf, StrRepIsTheValueNotation) {
+    checkIndexStrRep<DataTableIndex>();
+}
+TEST(DataTableIndexGenericIf, ListConstructor) {
+    checkListConstructor<DataTableIndex>("DataTableIndex");
+}
 TEST(DataTableIndexDescriptor, GenericIfFromStrepParsesTheTextForm) {
     checkFromStrep<DataTableIndex, OptionTableIndex>();
 }
@@ -1048,8 +1128,8 @@ TEST(GenericAccess, LeavesNoObjectsBehind) {
         mib->optionTableIs(OptionTableIndex("bgpd", "asn"), cfg);
         mib->enabledTableIs("bgpd", cfg);
         Generic g = DaemonMib::_fwkType->genericIfOf(mib.ptr(), false);
-        Generic o = g->attributeOp({259, 0}, new OptionTableIndex::GenericIf_(OptionTableIndex("bgpd", "asn"), true),
-                                   nullptr);
+        Generic o =
+            g->attributeOp({259, 0}, new OptionTableIndex::GenericIf_(OptionTableIndex("bgpd", "asn"), true), nullptr);
         Generic v = o->attributeOp({134, 0}, nullptr, emptyList());
         Generic c = o->attributeOp({133, 0}, nullptr, nullptr);
         Generic i = o->attributeOp({130, 0}, nullptr, nullptr);
@@ -1066,8 +1146,9 @@ TEST(OptionTableEntryGenericIf, ScalarAttributesRefuseNonListOperands) {
     auto row = makeRow<OptionTableEntry>(OptionTableIndex("bgpd", "asn"), Config::configFactory("bgpd"));
     for (Orbel::AttributeId id : {130u, 131u, 132u, 133u}) {
         SCOPED_TRACE(id);
-        Caught c = capture<Orbel::TypeException>(
-            [&] { rowIf(row, true)->attributeOp({id, 0}, nullptr, Snmp::String::genericIf("x", true)); });
+        Caught c = capture<Orbel::TypeException>([&] {
+            rowIf(row, true)->attributeOp({id, 0}, nullptr, Snmp::String::genericIf("x", true));
+        });
         ASSERT_TRUE(c.thrown);
         EXPECT_EQ(c.name, "Orbel::GenericIf::List_");
         EXPECT_TRUE(rowIf(row, true)->attributeOp({id, 0}, nullptr, emptyList()) || id == 133);
@@ -1078,8 +1159,9 @@ TEST(DataTableEntryGenericIf, ScalarAttributesRefuseNonListOperands) {
     auto row = makeRow<DataTableEntry>(DataTableIndex("bgpd", "pid"), Status::statusFactory("bgpd"));
     for (Orbel::AttributeId id : {130u, 131u, 132u, 133u}) {
         SCOPED_TRACE(id);
-        Caught c = capture<Orbel::TypeException>(
-            [&] { rowIf(row, false)->attributeOp({id, 0}, nullptr, Orbel::genericBool(true, true)); });
+        Caught c = capture<Orbel::TypeException>([&] {
+            rowIf(row, false)->attributeOp({id, 0}, nullptr, Orbel::genericBool(true, true));
+        });
         ASSERT_TRUE(c.thrown);
         EXPECT_EQ(c.name, "Orbel::GenericIf::List_");
     }

@@ -37,14 +37,15 @@ std::string thrownMessage(F&& f) {
     return "<nothing thrown>";
 }
 
-
 using GenericAgent::Config;
 using GenericAgent::DaemonMib;
 using GenericAgent::DataTableIndex;
 using GenericAgent::OptionTableIndex;
 using GenericAgent::Status;
 
-inline std::string str(const Snmp::String& s) { return std::string(s.view()); }
+inline std::string str(const Snmp::String& s) {
+    return std::string(s.view());
+}
 
 // Bytes made printable for failure messages.
 inline std::string printable(std::string_view s) {
@@ -83,9 +84,15 @@ inline std::ostream& operator<<(std::ostream& os, const Event& e) {
 inline Event keyEvent(Orbel::AttributeId id, std::string name, std::string key = {}, std::string who = {}) {
     return Event{std::move(who), "key", id, std::move(name), std::move(key)};
 }
-inline Event exceptionEvent(Orbel::AttributeId id, std::string who = {}) { return Event{std::move(who), "exception", id, {}, {}}; }
-inline Event zeroEvent(std::string who = {}) { return Event{std::move(who), "zero", 5, {}, {}}; }
-inline Event goneEvent(std::string who = {}) { return Event{std::move(who), "gone", 0, {}, {}}; }
+inline Event exceptionEvent(Orbel::AttributeId id, std::string who = {}) {
+    return Event{std::move(who), "exception", id, {}, {}};
+}
+inline Event zeroEvent(std::string who = {}) {
+    return Event{std::move(who), "zero", 5, {}, {}};
+}
+inline Event goneEvent(std::string who = {}) {
+    return Event{std::move(who), "gone", 0, {}, {}};
+}
 
 // An observer that records every per-key handler, exception report and zero-references
 // call, in its own list and optionally in a list shared with other observers. A hook runs
@@ -216,8 +223,12 @@ struct EnabledTable {
     static const Orbel::Ptr<Source const>& sourceOf(const Entry& e) { return e.agentConfig(); }
     static const Map& map(const DaemonMib& m) { return m.enabledTable(); }
     static Orbel::Ptr<Entry> lookup(const DaemonMib& m, const Key& k) { return m.enabledTable(k); }
-    static Orbel::Ptr<Entry> make(DaemonMib& m, const Key& k, const Orbel::Ptr<Source const>& s) { return m.newEnabledTable(k, s); }
-    static Orbel::Ptr<Entry> is(DaemonMib& m, const Key& k, const Orbel::Ptr<Source const>& s) { return m.enabledTableIs(k, s); }
+    static Orbel::Ptr<Entry> make(DaemonMib& m, const Key& k, const Orbel::Ptr<Source const>& s) {
+        return m.newEnabledTable(k, s);
+    }
+    static Orbel::Ptr<Entry> is(DaemonMib& m, const Key& k, const Orbel::Ptr<Source const>& s) {
+        return m.enabledTableIs(k, s);
+    }
     static Orbel::Ptr<Entry> del(DaemonMib& m, const Key& k) { return m.enabledTableDel(k); }
     static Orbel::Ptr<Entry> del(DaemonMib& m, Map::Iterator& it) { return m.enabledTableDel(it); }
     static void delAll(DaemonMib& m) { m.enabledTableDelAll(); }
@@ -233,14 +244,20 @@ struct OptionTable {
     static constexpr bool twoComponents = true;
     static constexpr const char* attribute = "_agentConfig";
     static constexpr const char* sourceType = "GenericAgent::Config";
-    static Key key(std::string_view name, std::string_view key = {}) { return Key(Snmp::String(name), Snmp::String(key)); }
+    static Key key(std::string_view name, std::string_view key = {}) {
+        return Key(Snmp::String(name), Snmp::String(key));
+    }
     static RefKey refKey(const Key& k) { return {str(k.agentName()), str(k.key())}; }
     static Orbel::Ptr<Source> source(const char* name) { return Config::configFactory(name); }
     static const Orbel::Ptr<Source const>& sourceOf(const Entry& e) { return e.agentConfig(); }
     static const Map& map(const DaemonMib& m) { return m.optionTable(); }
     static Orbel::Ptr<Entry> lookup(const DaemonMib& m, const Key& k) { return m.optionTable(k); }
-    static Orbel::Ptr<Entry> make(DaemonMib& m, const Key& k, const Orbel::Ptr<Source const>& s) { return m.newOptionTable(k, s); }
-    static Orbel::Ptr<Entry> is(DaemonMib& m, const Key& k, const Orbel::Ptr<Source const>& s) { return m.optionTableIs(k, s); }
+    static Orbel::Ptr<Entry> make(DaemonMib& m, const Key& k, const Orbel::Ptr<Source const>& s) {
+        return m.newOptionTable(k, s);
+    }
+    static Orbel::Ptr<Entry> is(DaemonMib& m, const Key& k, const Orbel::Ptr<Source const>& s) {
+        return m.optionTableIs(k, s);
+    }
     static Orbel::Ptr<Entry> del(DaemonMib& m, const Key& k) { return m.optionTableDel(k); }
     static Orbel::Ptr<Entry> del(DaemonMib& m, Map::Iterator& it) { return m.optionTableDel(it); }
     static void delAll(DaemonMib& m) { m.optionTableDelAll(); }
@@ -262,8 +279,12 @@ struct RunningTable {
     static const Orbel::Ptr<Source const>& sourceOf(const Entry& e) { return e.agentStatus(); }
     static const Map& map(const DaemonMib& m) { return m.runningTable(); }
     static Orbel::Ptr<Entry> lookup(const DaemonMib& m, const Key& k) { return m.runningTable(k); }
-    static Orbel::Ptr<Entry> make(DaemonMib& m, const Key& k, const Orbel::Ptr<Source const>& s) { return m.newRunningTable(k, s); }
-    static Orbel::Ptr<Entry> is(DaemonMib& m, const Key& k, const Orbel::Ptr<Source const>& s) { return m.runningTableIs(k, s); }
+    static Orbel::Ptr<Entry> make(DaemonMib& m, const Key& k, const Orbel::Ptr<Source const>& s) {
+        return m.newRunningTable(k, s);
+    }
+    static Orbel::Ptr<Entry> is(DaemonMib& m, const Key& k, const Orbel::Ptr<Source const>& s) {
+        return m.runningTableIs(k, s);
+    }
     static Orbel::Ptr<Entry> del(DaemonMib& m, const Key& k) { return m.runningTableDel(k); }
     static Orbel::Ptr<Entry> del(DaemonMib& m, Map::Iterator& it) { return m.runningTableDel(it); }
     static void delAll(DaemonMib& m) { m.runningTableDelAll(); }
@@ -279,14 +300,20 @@ struct DataTable {
     static constexpr bool twoComponents = true;
     static constexpr const char* attribute = "_agentStatus";
     static constexpr const char* sourceType = "GenericAgent::Status";
-    static Key key(std::string_view name, std::string_view key = {}) { return Key(Snmp::String(name), Snmp::String(key)); }
+    static Key key(std::string_view name, std::string_view key = {}) {
+        return Key(Snmp::String(name), Snmp::String(key));
+    }
     static RefKey refKey(const Key& k) { return {str(k.agentName()), str(k.key())}; }
     static Orbel::Ptr<Source> source(const char* name) { return Status::statusFactory(name); }
     static const Orbel::Ptr<Source const>& sourceOf(const Entry& e) { return e.agentStatus(); }
     static const Map& map(const DaemonMib& m) { return m.dataTable(); }
     static Orbel::Ptr<Entry> lookup(const DaemonMib& m, const Key& k) { return m.dataTable(k); }
-    static Orbel::Ptr<Entry> make(DaemonMib& m, const Key& k, const Orbel::Ptr<Source const>& s) { return m.newDataTable(k, s); }
-    static Orbel::Ptr<Entry> is(DaemonMib& m, const Key& k, const Orbel::Ptr<Source const>& s) { return m.dataTableIs(k, s); }
+    static Orbel::Ptr<Entry> make(DaemonMib& m, const Key& k, const Orbel::Ptr<Source const>& s) {
+        return m.newDataTable(k, s);
+    }
+    static Orbel::Ptr<Entry> is(DaemonMib& m, const Key& k, const Orbel::Ptr<Source const>& s) {
+        return m.dataTableIs(k, s);
+    }
     static Orbel::Ptr<Entry> del(DaemonMib& m, const Key& k) { return m.dataTableDel(k); }
     static Orbel::Ptr<Entry> del(DaemonMib& m, Map::Iterator& it) { return m.dataTableDel(it); }
     static void delAll(DaemonMib& m) { m.dataTableDelAll(); }

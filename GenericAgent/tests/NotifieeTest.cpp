@@ -82,7 +82,7 @@ TEST(DaemonMibNotifiee, IsOnTheListOnlyWhenAttachedAndRegistered) {
 
     attachedFirst->notifierIs(mib);
     EXPECT_EQ(mib->notifiees(), 0u);
-    EXPECT_EQ(mib->references(), 2u);  // the observer holds a counted reference
+    EXPECT_EQ(mib->references(), 2u); // the observer holds a counted reference
     const auto mod0 = mib->notifieesModCount();
     attachedFirst->isRegisteredNotifieeIs(true);
     EXPECT_EQ(mib->notifiees(), 1u);
@@ -113,7 +113,7 @@ TEST(DaemonMibNotifiee, EachChangeIsToldInRegistrationOrder) {
     mib->enabledTableIs("bgpd", nullptr);
     mib->dataTableIs(DataTableIndex(Snmp::String("ntpd"), Snmp::String("stratum")), nullptr);
     EXPECT_EQ(log, (std::vector<Event>{keyEvent(258, "bgpd", {}, "a"), keyEvent(258, "bgpd", {}, "b"),
-                                        keyEvent(261, "ntpd", "stratum", "a"), keyEvent(261, "ntpd", "stratum", "b")}));
+                                       keyEvent(261, "ntpd", "stratum", "a"), keyEvent(261, "ntpd", "stratum", "b")}));
     // Registering again puts the observer at the end.
     log.clear();
     a->isRegisteredNotifieeIs(false);
@@ -129,7 +129,7 @@ TEST(DaemonMibNotifiee, ObserverUnregisteredAndReleasedByAnEarlierOneIsNotCalled
     auto a = attached(Recorder::make("a", &log), mib);
     Orbel::Ptr<Recorder> b = attached(Recorder::make("b", &log), mib);
     Orbel::Ptr<Recorder> victim = b;
-    b = nullptr;  // from here on only `victim` (and the container's delivery) hold B
+    b = nullptr; // from here on only `victim` (and the container's delivery) hold B
     a->hook = [&](Recorder&, const Event&) {
         if (!victim) return;
         victim->isRegisteredNotifieeIs(false);
@@ -140,8 +140,8 @@ TEST(DaemonMibNotifiee, ObserverUnregisteredAndReleasedByAnEarlierOneIsNotCalled
     a->hook = nullptr;
     EXPECT_EQ(log, (std::vector<Event>{keyEvent(259, "bgpd", "asn", "a"), goneEvent("b")}));
     EXPECT_EQ(mib->notifiees(), 1u);
-    EXPECT_EQ(Orbel::PtrInterface::liveInstances(), live + 1 - 1);  // one row more, B freed
-    EXPECT_EQ(mib->references(), 2u);                               // B's reference went with it
+    EXPECT_EQ(Orbel::PtrInterface::liveInstances(), live + 1 - 1); // one row more, B freed
+    EXPECT_EQ(mib->references(), 2u);                              // B's reference went with it
 }
 
 TEST(DaemonMibNotifiee, ObserverUnregisteredButStillHeldIsToldTheChangeUnderWay) {
@@ -154,7 +154,7 @@ TEST(DaemonMibNotifiee, ObserverUnregisteredButStillHeldIsToldTheChangeUnderWay)
     a->hook = nullptr;
     mib->enabledTableIs("ntpd", nullptr);
     EXPECT_EQ(log, (std::vector<Event>{keyEvent(258, "bgpd", {}, "a"), keyEvent(258, "bgpd", {}, "b"),
-                                        keyEvent(258, "ntpd", {}, "a")}));
+                                       keyEvent(258, "ntpd", {}, "a")}));
 }
 
 TEST(DaemonMibNotifiee, ObserverMayUnregisterAndReleaseItselfInsideItsHandler) {
@@ -167,13 +167,13 @@ TEST(DaemonMibNotifiee, ObserverMayUnregisterAndReleaseItselfInsideItsHandler) {
         auto b = attached(Recorder::make("b", &log), mib);
         self->hook = [&](Recorder& me, const Event&) {
             me.isRegisteredNotifieeIs(false);
-            self = nullptr;  // the delivery's reference keeps it alive until it returns
+            self = nullptr; // the delivery's reference keeps it alive until it returns
         };
         mib->enabledTableIs("bgpd", nullptr);
         EXPECT_FALSE(self);
         mib->enabledTableIs("ntpd", nullptr);
-        EXPECT_EQ(log, (std::vector<Event>{keyEvent(258, "bgpd", {}, "a"), goneEvent("a"), keyEvent(258, "bgpd", {}, "b"),
-                                            keyEvent(258, "ntpd", {}, "b")}));
+        EXPECT_EQ(log, (std::vector<Event>{keyEvent(258, "bgpd", {}, "a"), goneEvent("a"),
+                                           keyEvent(258, "bgpd", {}, "b"), keyEvent(258, "ntpd", {}, "b")}));
         EXPECT_EQ(mib->notifiees(), 1u);
     }
     EXPECT_EQ(LiveCounts::now(), before);
@@ -195,7 +195,7 @@ TEST(DaemonMibNotifiee, ObserverRegisteredDuringDeliveryHearsOnlyLaterChanges) {
     EXPECT_EQ(log, (std::vector<Event>{keyEvent(258, "bgpd", {}, "a")}));
     mib->enabledTableIs("ntpd", nullptr);
     EXPECT_EQ(log, (std::vector<Event>{keyEvent(258, "bgpd", {}, "a"), keyEvent(258, "ntpd", {}, "a"),
-                                        keyEvent(258, "ntpd", {}, "late")}));
+                                       keyEvent(258, "ntpd", {}, "late")}));
 }
 
 // The container survives the change under way when its last outside reference is dropped
@@ -221,9 +221,9 @@ TEST(DaemonMibNotifiee, LastReferenceDroppedInsideAHandlerEndsTheContainerAfterD
         EXPECT_FALSE(mib);
         // The change, then the zero references, then the removal of the row as the container
         // is destroyed.
-        EXPECT_EQ(log, (std::vector<Event>{keyEvent(258, "bgpd", {}, "a"), keyEvent(258, "bgpd", {}, "b"),
-                                            zeroEvent("a"), zeroEvent("b"), keyEvent(258, "bgpd", {}, "a"),
-                                            keyEvent(258, "bgpd", {}, "b")}));
+        EXPECT_EQ(log,
+                  (std::vector<Event>{keyEvent(258, "bgpd", {}, "a"), keyEvent(258, "bgpd", {}, "b"), zeroEvent("a"),
+                                      zeroEvent("b"), keyEvent(258, "bgpd", {}, "a"), keyEvent(258, "bgpd", {}, "b")}));
         EXPECT_EQ(a->notifier(), nullptr);
         EXPECT_EQ(b->notifier(), nullptr);
     }
@@ -263,9 +263,12 @@ TEST(DaemonMibNotifiee, ThrowingHandlerIsReportedAndDeliveryContinues) {
     int n = 0;
     thrower->hook = [&](Recorder&, const Event&) {
         switch (n++ % 3) {
-        case 0: throw std::runtime_error("observer failed");
-        case 1: throw Orbel::RangeException("observer failed");
-        default: throw 42;
+            case 0:
+                throw std::runtime_error("observer failed");
+            case 1:
+                throw Orbel::RangeException("observer failed");
+            default:
+                throw 42;
         }
     };
     auto cfg = Config::configFactory("bgpd");
@@ -277,11 +280,21 @@ TEST(DaemonMibNotifiee, ThrowingHandlerIsReportedAndDeliveryContinues) {
     EXPECT_TRUE(mib->dataTableDel(DataTableIndex(Snmp::String("bgpd"), Snmp::String("peers"))));
     thrower->hook = nullptr;
     EXPECT_EQ(log, (std::vector<Event>{
-                       keyEvent(258, "bgpd", {}, "t"), exceptionEvent(258, "t"), keyEvent(258, "bgpd", {}, "b"),
-                       keyEvent(259, "bgpd", "asn", "t"), exceptionEvent(259, "t"), keyEvent(259, "bgpd", "asn", "b"),
-                       keyEvent(260, "bgpd", {}, "t"), exceptionEvent(260, "t"), keyEvent(260, "bgpd", {}, "b"),
-                       keyEvent(261, "bgpd", "peers", "t"), exceptionEvent(261, "t"), keyEvent(261, "bgpd", "peers", "b"),
-                       keyEvent(261, "bgpd", "peers", "t"), exceptionEvent(261, "t"), keyEvent(261, "bgpd", "peers", "b"),
+                       keyEvent(258, "bgpd", {}, "t"),
+                       exceptionEvent(258, "t"),
+                       keyEvent(258, "bgpd", {}, "b"),
+                       keyEvent(259, "bgpd", "asn", "t"),
+                       exceptionEvent(259, "t"),
+                       keyEvent(259, "bgpd", "asn", "b"),
+                       keyEvent(260, "bgpd", {}, "t"),
+                       exceptionEvent(260, "t"),
+                       keyEvent(260, "bgpd", {}, "b"),
+                       keyEvent(261, "bgpd", "peers", "t"),
+                       exceptionEvent(261, "t"),
+                       keyEvent(261, "bgpd", "peers", "b"),
+                       keyEvent(261, "bgpd", "peers", "t"),
+                       exceptionEvent(261, "t"),
+                       keyEvent(261, "bgpd", "peers", "b"),
                    }));
     EXPECT_EQ(mib->version(), 5u);
 }
@@ -291,7 +304,8 @@ TEST(DaemonMibNotifiee, ThrowOnTheFirstRowOfDelAllDoesNotStopIt) {
     std::vector<Event> log;
     auto thrower = attached(Recorder::make("t", &log), mib);
     auto b = attached(Recorder::make("b", &log), mib);
-    for (const char* k : {"c", "a", "b"}) mib->optionTableIs(OptionTableIndex(Snmp::String("n"), Snmp::String(k)), nullptr);
+    for (const char* k : {"c", "a", "b"})
+        mib->optionTableIs(OptionTableIndex(Snmp::String("n"), Snmp::String(k)), nullptr);
     log.clear();
     bool thrown = false;
     thrower->hook = [&](Recorder&, const Event&) {
@@ -302,9 +316,10 @@ TEST(DaemonMibNotifiee, ThrowOnTheFirstRowOfDelAllDoesNotStopIt) {
     mib->optionTableDelAll();
     thrower->hook = nullptr;
     EXPECT_TRUE(mib->optionTable().empty());
-    EXPECT_EQ(log, (std::vector<Event>{keyEvent(259, "n", "a", "t"), exceptionEvent(259, "t"), keyEvent(259, "n", "a", "b"),
-                                        keyEvent(259, "n", "b", "t"), keyEvent(259, "n", "b", "b"),
-                                        keyEvent(259, "n", "c", "t"), keyEvent(259, "n", "c", "b")}));
+    EXPECT_EQ(log,
+              (std::vector<Event>{keyEvent(259, "n", "a", "t"), exceptionEvent(259, "t"), keyEvent(259, "n", "a", "b"),
+                                  keyEvent(259, "n", "b", "t"), keyEvent(259, "n", "b", "b"),
+                                  keyEvent(259, "n", "c", "t"), keyEvent(259, "n", "c", "b")}));
     EXPECT_EQ(mib->version(), 6u);
 }
 
@@ -319,8 +334,9 @@ TEST(DaemonMibNotifiee, ThrowingExceptionReportIsContainedToo) {
     EXPECT_NO_THROW(mib->runningTableDelAll());
     thrower->hook = nullptr;
     thrower->exceptionHook = nullptr;
-    EXPECT_EQ(log, (std::vector<Event>{keyEvent(260, "ntpd", {}, "t"), exceptionEvent(260, "t"), keyEvent(260, "ntpd", {}, "b"),
-                                        keyEvent(260, "ntpd", {}, "t"), exceptionEvent(260, "t"), keyEvent(260, "ntpd", {}, "b")}));
+    EXPECT_EQ(log, (std::vector<Event>{keyEvent(260, "ntpd", {}, "t"), exceptionEvent(260, "t"),
+                                       keyEvent(260, "ntpd", {}, "b"), keyEvent(260, "ntpd", {}, "t"),
+                                       exceptionEvent(260, "t"), keyEvent(260, "ntpd", {}, "b")}));
     EXPECT_TRUE(mib->runningTable().empty());
 }
 
@@ -416,13 +432,13 @@ TEST(DaemonMibNotifiee, WeakUnregisteredObserverOutlivesItsContainer) {
         watcher->isWeakReferenceIs(true);
         {
             auto mib = daemonMibFactory("daemonMIB");
-            watcher->notifierIs(mib);  // attached, never registered
+            watcher->notifierIs(mib); // attached, never registered
             mib->enabledTableIs("bgpd", nullptr);
         }
         EXPECT_TRUE(watcher->events.empty());
         EXPECT_TRUE(watcher->name().empty());
         EXPECT_EQ(watcher->notifier(), nullptr);
-        watcher->isRegisteredNotifieeIs(true);  // no container to join
+        watcher->isRegisteredNotifieeIs(true); // no container to join
         EXPECT_EQ(Orbel::PtrInterface::liveInstances(), before.instances + 1);
     }
     EXPECT_EQ(LiveCounts::now(), before);
@@ -451,7 +467,7 @@ TEST(DaemonMibNotifiee, WeakObserverReleasedWhileItsContainerIsDestroyed) {
         }
         EXPECT_FALSE(watcher);
         EXPECT_EQ(log, (std::vector<Event>{zeroEvent("w"), zeroEvent("o"), keyEvent(258, "a", {}, "w"), goneEvent("w"),
-                                            keyEvent(258, "a", {}, "o"), keyEvent(258, "b", {}, "o")}));
+                                           keyEvent(258, "a", {}, "o"), keyEvent(258, "b", {}, "o")}));
         EXPECT_TRUE(other->name().empty());
     }
     EXPECT_EQ(LiveCounts::now(), before);
@@ -467,7 +483,7 @@ TEST(DaemonMibNotifiee, OrphanedObserverCanJoinAnotherContainer) {
     auto second = daemonMibFactory("second");
     watcher->notifierIs(second);
     EXPECT_EQ(watcher->name().stdString(), "second");
-    EXPECT_EQ(second->notifiees(), 1u);  // it was still registered
+    EXPECT_EQ(second->notifiees(), 1u); // it was still registered
     EXPECT_EQ(second->references(), 1u);
     watcher->events.clear();
     second->enabledTableIs("bgpd", nullptr);
@@ -511,7 +527,7 @@ TEST(DaemonMibNotifiee, AttachingToSomethingThatIsNotADaemonMibDetaches) {
     EXPECT_EQ(mib->notifiees(), 0u);
     EXPECT_EQ(mib->notifieesModCount(), mod + 1);
     EXPECT_EQ(mib->references(), 1u);
-    EXPECT_EQ(cfg->references(), 1u);  // nothing kept of the Config
+    EXPECT_EQ(cfg->references(), 1u); // nothing kept of the Config
     EXPECT_TRUE(o->isRegisteredNotifiee());
     mib->enabledTableIs("bgpd", nullptr);
     EXPECT_TRUE(o->events.empty());
@@ -591,7 +607,7 @@ TEST(DaemonMibGenericAdapter, IsAttachedWeaklyAndRegistered) {
     EXPECT_EQ(adapter->notifier(), f.mib.ptr());
     EXPECT_EQ(f.mib->notifiees(), 1u);
     EXPECT_EQ(f.generic->mib(), f.mib.ptr());
-    EXPECT_EQ(f.mib->references(), 2u);  // the test's and the interface's, none of the adapter
+    EXPECT_EQ(f.mib->references(), 2u); // the test's and the interface's, none of the adapter
 }
 
 TEST(DaemonMibGenericAdapter, ThreeDeferredRowsGiveOneWholeTableNotification) {
@@ -677,8 +693,8 @@ TEST(DaemonMibGenericAdapter, WholeTableHandlersForwardAsAttribute) {
     a->onDataTable();
     a->onEnabledTableorbelImmediate();
     a->onRunningTableorbelImmediate();
-    EXPECT_EQ(f.recorder->attributes, (Told{{258, "*"}, {259, "*"}, {259, "*"}, {260, "*"}, {261, "*"}, {261, "*"},
-                                            {258, "*"}, {260, "*"}}));
+    EXPECT_EQ(f.recorder->attributes,
+              (Told{{258, "*"}, {259, "*"}, {259, "*"}, {260, "*"}, {261, "*"}, {261, "*"}, {258, "*"}, {260, "*"}}));
 }
 
 TEST(DaemonMibGenericAdapter, HandlerExceptionIsReportedToTheGenericObservers) {
@@ -733,7 +749,8 @@ TEST(DaemonMibGenericAdapter, InterfaceAdapterAndContainerAreFreed) {
         f.generic = nullptr;
         f.mib = nullptr;
         EXPECT_EQ(Orbel::ActivityLoop::instance().runPending(), 1u);
-        EXPECT_EQ(f.recorder->attributes, (Told{{DaemonMib::enabledTableId, "*"}, {DaemonMib::dataTableId, "ntpd/stratum"}}));
+        EXPECT_EQ(f.recorder->attributes,
+                  (Told{{DaemonMib::enabledTableId, "*"}, {DaemonMib::dataTableId, "ntpd/stratum"}}));
     }
     EXPECT_EQ(LiveCounts::now(), before);
 }
@@ -751,11 +768,11 @@ TEST(DaemonMibGenericAdapter, DeferredThrowingObserverNeitherEscapesNorDropsOthe
     const Told all{{DaemonMib::enabledTableId, "bgpd"},
                    {DaemonMib::runningTableId, "ntpd"},
                    {DaemonMib::dataTableId, "ntpd/stratum"}};
-    EXPECT_EQ(f.recorder->attributes, all);   // told every table, though it threw each time
+    EXPECT_EQ(f.recorder->attributes, all); // told every table, though it threw each time
     EXPECT_EQ(later->attributes, all);
-    EXPECT_EQ(f.recorder->exceptions, (std::vector<Orbel::AttributeId>{DaemonMib::enabledTableId,
-                                                                       DaemonMib::runningTableId,
-                                                                       DaemonMib::dataTableId}));
+    EXPECT_EQ(f.recorder->exceptions,
+              (std::vector<Orbel::AttributeId>{DaemonMib::enabledTableId, DaemonMib::runningTableId,
+                                               DaemonMib::dataTableId}));
     EXPECT_TRUE(later->exceptions.empty());
     for (unsigned t = 0; t < 4; ++t) EXPECT_EQ(f.generic->pendingCount(t), 0u);
     EXPECT_EQ(Orbel::ActivityLoop::instance().pending(), 0u);

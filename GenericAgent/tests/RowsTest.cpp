@@ -15,9 +15,12 @@ using GenericAgent::EnabledTableEntry;
 using GenericAgent::OptionTableEntry;
 using GenericAgent::RunningTableEntry;
 
-AgentKey agentKey(const std::string& s) { return AgentKey(Orbel::String8(s)); }
-AgentVal agentVal(const std::string& s) { return AgentVal(Orbel::String8(s)); }
-
+AgentKey agentKey(const std::string& s) {
+    return AgentKey(Orbel::String8(s));
+}
+AgentVal agentVal(const std::string& s) {
+    return AgentVal(Orbel::String8(s));
+}
 
 } // namespace
 
@@ -105,7 +108,8 @@ TEST(OptionTableEntry, LookupIsByteExact) {
         new OptionTableEntry(OptionTableIndex(Snmp::String("bgpd"), Snmp::String(std::string("a\0b", 3))), cfg);
     Orbel::Ptr<OptionTableEntry> miss =
         new OptionTableEntry(OptionTableIndex(Snmp::String("bgpd"), Snmp::String(std::string("a\0c", 3))), cfg);
-    Orbel::Ptr<OptionTableEntry> lower = new OptionTableEntry(OptionTableIndex(Snmp::String("bgpd"), Snmp::String("a")), cfg);
+    Orbel::Ptr<OptionTableEntry> lower =
+        new OptionTableEntry(OptionTableIndex(Snmp::String("bgpd"), Snmp::String("a")), cfg);
     EXPECT_EQ(hit->val().stdString(), std::string("v\0\xff", 3));
     EXPECT_TRUE(miss->val().empty());
     EXPECT_TRUE(lower->val().empty());
@@ -115,7 +119,8 @@ TEST(OptionTableEntry, KeyOfMaximalLengthIsLookedUp) {
     auto cfg = Config::configFactory("bgpd");
     const std::string key(1024, 'k');
     cfg->optionIs(agentKey(key), agentVal("found"));
-    Orbel::Ptr<OptionTableEntry> row = new OptionTableEntry(OptionTableIndex(Snmp::String("bgpd"), Snmp::String(key)), cfg);
+    Orbel::Ptr<OptionTableEntry> row =
+        new OptionTableEntry(OptionTableIndex(Snmp::String("bgpd"), Snmp::String(key)), cfg);
     EXPECT_EQ(row->val().stdString(), "found");
     Orbel::Ptr<OptionTableEntry> absent =
         new OptionTableEntry(OptionTableIndex(Snmp::String("bgpd"), Snmp::String(std::string(1024, 'j'))), cfg);
@@ -146,7 +151,8 @@ TEST(OptionTableEntry, ValueOfMaximalLengthIsReturnedAsStored) {
     auto cfg = Config::configFactory("bgpd");
     const std::string big(10240, 'v');
     cfg->optionIs(agentKey("big"), agentVal(big));
-    Orbel::Ptr<OptionTableEntry> row = new OptionTableEntry(OptionTableIndex(Snmp::String("bgpd"), Snmp::String("big")), cfg);
+    Orbel::Ptr<OptionTableEntry> row =
+        new OptionTableEntry(OptionTableIndex(Snmp::String("bgpd"), Snmp::String("big")), cfg);
     EXPECT_EQ(row->val().stdString(), big);
     EXPECT_TRUE(row->val().sharesBodyWith(*cfg->option(agentKey("big"))));
 }
@@ -190,7 +196,7 @@ TEST(TableRows, RowKeepsItsConfigOrStatusAliveAndFreesItWithItself) {
         EXPECT_EQ(Orbel::PtrInterface::liveInstances(), before.instances + 6);
         enabled = nullptr;
         option = nullptr;
-        EXPECT_EQ(Orbel::PtrInterface::liveInstances(), before.instances + 3);  // the Config went with its last row
+        EXPECT_EQ(Orbel::PtrInterface::liveInstances(), before.instances + 3); // the Config went with its last row
         running = nullptr;
         data = nullptr;
     }
@@ -208,7 +214,7 @@ TEST(TableRows, RemovedRowStaysReadableWhileHeld) {
             cfg->optionIs(agentKey("asn"), agentVal("65001"));
             held = mib->optionTableIs(OptionTableIndex(Snmp::String("bgpd"), Snmp::String("asn")), cfg);
         }
-        EXPECT_EQ(held->references(), 2u);  // the map's and ours
+        EXPECT_EQ(held->references(), 2u); // the map's and ours
         auto removed = mib->optionTableDel(OptionTableIndex(Snmp::String("bgpd"), Snmp::String("asn")));
         EXPECT_EQ(removed.ptr(), held.ptr());
         removed = nullptr;
@@ -219,7 +225,7 @@ TEST(TableRows, RemovedRowStaysReadableWhileHeld) {
         EXPECT_EQ(str(held->key()), "asn");
         const auto beforeRelease = Orbel::PtrInterface::liveInstances();
         held = nullptr;
-        EXPECT_EQ(Orbel::PtrInterface::liveInstances(), beforeRelease - 2);  // the row and its Config
+        EXPECT_EQ(Orbel::PtrInterface::liveInstances(), beforeRelease - 2); // the row and its Config
     }
     EXPECT_EQ(LiveCounts::now(), before);
 }

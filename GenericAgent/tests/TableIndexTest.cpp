@@ -14,7 +14,9 @@
 
 namespace {
 
-std::string bytes(const char* s, std::size_t n) { return std::string(s, n); }
+std::string bytes(const char* s, std::size_t n) {
+    return std::string(s, n);
+}
 
 template <class Index>
 Index index(const std::string& name, const std::string& key) {
@@ -26,16 +28,21 @@ Index parse(const std::string& text) {
     return Orbel::strepToValue<Index>(Orbel::String8(text));
 }
 
-std::string text(const OptionTableIndex& i) { return GenericAgent::valueToStrep(i).stdString(); }
-std::string text(const DataTableIndex& i) { return GenericAgent::valueToStrep(i).stdString(); }
+std::string text(const OptionTableIndex& i) {
+    return GenericAgent::valueToStrep(i).stdString();
+}
+std::string text(const DataTableIndex& i) {
+    return GenericAgent::valueToStrep(i).stdString();
+}
 
 // The message of the E that f throws; a failure if f throws nothing or something else.
 
 // Strings whose Snmp::String order differs from plain byte order in every way that
 // matters: length first, unsigned bytes, embedded zero bytes, the empty string.
 std::vector<std::string> orderSamples() {
-    return {"", "a", "b", "z", "\x7f", "\x80", "\xff", bytes("\0", 1), "aa", "ab", "ba", "zz",
-            bytes("a\0", 2), bytes("\0a", 2), "abc", "bgpd", "ntpd", "bgpd4"};
+    return {"",     "a",    "b",  "z",  "\x7f",          "\x80",          "\xff", bytes("\0", 1),
+            "aa",   "ab",   "ba", "zz", bytes("a\0", 2), bytes("\0a", 2), "abc",  "bgpd",
+            "ntpd", "bgpd4"};
 }
 
 template <class Index>
@@ -71,8 +78,8 @@ void checkOperatorsAgree() {
 
 TEST(OptionTableIndex, SameNameOrdersByKey) {
     EXPECT_LT(index<OptionTableIndex>("bgpd", "asn"), index<OptionTableIndex>("bgpd", "asx"));
-    EXPECT_LT(index<OptionTableIndex>("bgpd", "zz"), index<OptionTableIndex>("bgpd", "aaa"));  // shorter key first
-    EXPECT_LT(index<OptionTableIndex>("bgpd", "\x7f"), index<OptionTableIndex>("bgpd", "\x80"));  // unsigned bytes
+    EXPECT_LT(index<OptionTableIndex>("bgpd", "zz"), index<OptionTableIndex>("bgpd", "aaa"));    // shorter key first
+    EXPECT_LT(index<OptionTableIndex>("bgpd", "\x7f"), index<OptionTableIndex>("bgpd", "\x80")); // unsigned bytes
     EXPECT_LT(index<OptionTableIndex>("bgpd", ""), index<OptionTableIndex>("bgpd", bytes("\0", 1)));
     EXPECT_FALSE(index<OptionTableIndex>("bgpd", "asn") < index<OptionTableIndex>("bgpd", "asn"));
     EXPECT_LT(index<DataTableIndex>("ntpd", "drift"), index<DataTableIndex>("ntpd", "offset"));
@@ -99,9 +106,13 @@ TEST(OptionTableIndex, ComponentOrderIsSnmpStringOrder) {
     }
 }
 
-TEST(OptionTableIndex, ComparisonOperatorsAgreeForEveryPair) { checkOperatorsAgree<OptionTableIndex>(); }
+TEST(OptionTableIndex, ComparisonOperatorsAgreeForEveryPair) {
+    checkOperatorsAgree<OptionTableIndex>();
+}
 
-TEST(DataTableIndex, ComparisonOperatorsAgreeForEveryPair) { checkOperatorsAgree<DataTableIndex>(); }
+TEST(DataTableIndex, ComparisonOperatorsAgreeForEveryPair) {
+    checkOperatorsAgree<DataTableIndex>();
+}
 
 TEST(OptionTableIndex, EqualityIsByteEqualityOfBothComponents) {
     EXPECT_EQ(index<OptionTableIndex>(bytes("a\0b", 3), "k"), index<OptionTableIndex>(bytes("a\0b", 3), "k"));
@@ -128,8 +139,8 @@ TEST(OptionTableIndex, TextFormIsExact) {
     // The components are in Snmp::String's own text form.
     EXPECT_EQ(text(index<DataTableIndex>("a'b", bytes("\xff\0", 2))),
               "Value('GenericAgent::DataTableIndex', ** {'agentName': " +
-                  Snmp::valueToStrep(Snmp::String("a'b")).stdString() + ", 'key': " +
-                  Snmp::valueToStrep(Snmp::String(bytes("\xff\0", 2))).stdString() + "})");
+                  Snmp::valueToStrep(Snmp::String("a'b")).stdString() +
+                  ", 'key': " + Snmp::valueToStrep(Snmp::String(bytes("\xff\0", 2))).stdString() + "})");
 }
 
 TEST(OptionTableIndex, StreamWritesTheTextFormIgnoringWidthAndFill) {
@@ -144,8 +155,8 @@ TEST(OptionTableIndex, StreamWritesTheTextFormIgnoringWidthAndFill) {
 }
 
 TEST(OptionTableIndex, TextFormRoundTripsIncludingEmptyStrings) {
-    const std::vector<std::string> parts = {"", "bgpd", "a'b", "back\\slash", "\"q\"", bytes("\0\n\r\t\x7f\x80\xff", 7),
-                                            std::string(300, 'x')};
+    const std::vector<std::string> parts = {
+        "", "bgpd", "a'b", "back\\slash", "\"q\"", bytes("\0\n\r\t\x7f\x80\xff", 7), std::string(300, 'x')};
     for (const auto& n : parts) {
         for (const auto& k : parts) {
             const auto o = index<OptionTableIndex>(n, k);
@@ -157,8 +168,9 @@ TEST(OptionTableIndex, TextFormRoundTripsIncludingEmptyStrings) {
 }
 
 TEST(OptionTableIndex, AttributesParseInEitherOrder) {
-    EXPECT_EQ(parse<OptionTableIndex>("Value('GenericAgent::OptionTableIndex', ** {'key': 'asn', 'agentName': 'bgpd'})"),
-              index<OptionTableIndex>("bgpd", "asn"));
+    EXPECT_EQ(
+        parse<OptionTableIndex>("Value('GenericAgent::OptionTableIndex', ** {'key': 'asn', 'agentName': 'bgpd'})"),
+        index<OptionTableIndex>("bgpd", "asn"));
     EXPECT_EQ(parse<DataTableIndex>("Value('GenericAgent::DataTableIndex', ** {'key': 'k', 'agentName': 'n'})"),
               index<DataTableIndex>("n", "k"));
 }
@@ -183,13 +195,11 @@ TEST(OptionTableIndex, LaterAttributeWinsAndMissingOnesStayEmpty) {
 }
 
 TEST(OptionTableIndex, CutAfterAgentNameIsPrematureEnd) {
-    EXPECT_EQ(thrownMessage<Orbel::RangeException>([] {
-                  parse<OptionTableIndex>("Value('GenericAgent::OptionTableIndex', ** {'agentName': 'bgpd'");
-              }),
+    EXPECT_EQ(thrownMessage<Orbel::RangeException>(
+                  [] { parse<OptionTableIndex>("Value('GenericAgent::OptionTableIndex', ** {'agentName': 'bgpd'"); }),
               "premature end of value type OptionTableIndex");
-    EXPECT_EQ(thrownMessage<Orbel::RangeException>([] {
-                  parse<DataTableIndex>("Value('GenericAgent::DataTableIndex', ** {'agentName': 'ntpd'  ");
-              }),
+    EXPECT_EQ(thrownMessage<Orbel::RangeException>(
+                  [] { parse<DataTableIndex>("Value('GenericAgent::DataTableIndex', ** {'agentName': 'ntpd'  "); }),
               "premature end of value type DataTableIndex");
     EXPECT_EQ(thrownMessage<Orbel::RangeException>(
                   [] { parse<DataTableIndex>("Value('GenericAgent::DataTableIndex', ** {"); }),
@@ -197,10 +207,11 @@ TEST(OptionTableIndex, CutAfterAgentNameIsPrematureEnd) {
 }
 
 TEST(OptionTableIndex, UnknownAttributeIsNamed) {
-    EXPECT_EQ(thrownMessage<Orbel::RangeException>([] {
-                  parse<OptionTableIndex>("Value('GenericAgent::OptionTableIndex', ** {'agentName': 'a', 'port': 'x'})");
-              }),
-              "OptionTableIndex has no such attribute: port");
+    EXPECT_EQ(
+        thrownMessage<Orbel::RangeException>([] {
+            parse<OptionTableIndex>("Value('GenericAgent::OptionTableIndex', ** {'agentName': 'a', 'port': 'x'})");
+        }),
+        "OptionTableIndex has no such attribute: port");
     EXPECT_EQ(thrownMessage<Orbel::RangeException>(
                   [] { parse<DataTableIndex>("Value('GenericAgent::DataTableIndex', ** {'Key': 'x'})"); }),
               "DataTableIndex has no such attribute: Key");
@@ -246,12 +257,13 @@ TEST(OptionTableIndex, TypeNameMustMatch) {
 }
 
 TEST(OptionTableIndex, MissingFixedTokenIsARangeError) {
-    for (const char* t : {"", "Valu", "Value", "Value(", "Value('GenericAgent::OptionTableIndex'",
-                          "Value('GenericAgent::OptionTableIndex' **", "Value('GenericAgent::OptionTableIndex', {}",
-                          "Value('GenericAgent::OptionTableIndex', ** {}", "Value('GenericAgent::OptionTableIndex', ** [])",
-                          "Value('GenericAgent::OptionTableIndex', ** {'agentName' 'a'})",
-                          "Value('GenericAgent::OptionTableIndex', ** {'agentName': 'a' 'key': 'k'})",
-                          "Value('GenericAgent::OptionTableIndex', ** {agentName: 'a'})"}) {
+    for (const char* t :
+         {"", "Valu", "Value", "Value(", "Value('GenericAgent::OptionTableIndex'",
+          "Value('GenericAgent::OptionTableIndex' **", "Value('GenericAgent::OptionTableIndex', {}",
+          "Value('GenericAgent::OptionTableIndex', ** {}", "Value('GenericAgent::OptionTableIndex', ** [])",
+          "Value('GenericAgent::OptionTableIndex', ** {'agentName' 'a'})",
+          "Value('GenericAgent::OptionTableIndex', ** {'agentName': 'a' 'key': 'k'})",
+          "Value('GenericAgent::OptionTableIndex', ** {agentName: 'a'})"}) {
         EXPECT_THROW(parse<OptionTableIndex>(t), Orbel::RangeException) << t;
     }
 }
@@ -283,24 +295,24 @@ TEST(TableIndexParsing, MutatedTextsYieldAValueOrAFrameworkError) {
         for (int r = 0; r < rounds; ++r) {
             const std::size_t at = s.empty() ? 0 : rng() % (s.size() + 1);
             switch (rng() % 6) {
-            case 0:  // flip a byte
-                if (at < s.size()) s[at] = static_cast<char>(rng() % 256);
-                break;
-            case 1:  // insert a random byte
-                s.insert(s.begin() + static_cast<std::ptrdiff_t>(at), static_cast<char>(rng() % 256));
-                break;
-            case 2:  // insert a byte that means something to the parser
-                s.insert(s.begin() + static_cast<std::ptrdiff_t>(at), structural[rng() % structural.size()]);
-                break;
-            case 3:  // delete a byte
-                if (at < s.size()) s.erase(at, 1);
-                break;
-            case 4:  // truncate
-                s.resize(at);
-                break;
-            default:  // delete a run
-                if (at < s.size()) s.erase(at, 1 + rng() % 8);
-                break;
+                case 0: // flip a byte
+                    if (at < s.size()) s[at] = static_cast<char>(rng() % 256);
+                    break;
+                case 1: // insert a random byte
+                    s.insert(s.begin() + static_cast<std::ptrdiff_t>(at), static_cast<char>(rng() % 256));
+                    break;
+                case 2: // insert a byte that means something to the parser
+                    s.insert(s.begin() + static_cast<std::ptrdiff_t>(at), structural[rng() % structural.size()]);
+                    break;
+                case 3: // delete a byte
+                    if (at < s.size()) s.erase(at, 1);
+                    break;
+                case 4: // truncate
+                    s.resize(at);
+                    break;
+                default: // delete a run
+                    if (at < s.size()) s.erase(at, 1 + rng() % 8);
+                    break;
             }
         }
         return s;

@@ -87,27 +87,26 @@ namespace {
 
 constexpr const char* bridgeName = "velmar_daemon_mib";
 
-
 // What snmpd.conf said.
 struct Settings {
     std::string stateFile;
-    std::optional<std::string> systemdUnits;  // velmarSystemd's patterns
-    std::optional<std::string> supervisor;    // velmarSupervisor's address
+    std::optional<std::string> systemdUnits; // velmarSystemd's patterns
+    std::optional<std::string> supervisor;   // velmarSupervisor's address
     std::string supervisorEvents;
     std::string supervisorAuth;
-    bool serveCommandLines = false;           // velmarServeCommandLines
+    bool serveCommandLines = false; // velmarServeCommandLines
     std::string modulePath;
     std::vector<std::string> contexts;
     Agent::NotifyScheduler::Settings notify;
-    std::optional<std::vector<std::string>> notifyData;   // velmarNotifyData's keys
+    std::optional<std::vector<std::string>> notifyData; // velmarNotifyData's keys
 };
 
 // Everything the bridge holds while it is loaded.
 struct Bridge {
     Settings settings;
-    std::unique_ptr<Agent::Serving> serving;  // while serving; notifications through snmpd's sinks
-    std::optional<std::string> traceBefore;   // the trace configuration velmarTrace replaced
-    bool withdrawn = false;                   // directives and callbacks are unregistered
+    std::unique_ptr<Agent::Serving> serving; // while serving; notifications through snmpd's sinks
+    std::optional<std::string> traceBefore;  // the trace configuration velmarTrace replaced
+    bool withdrawn = false;                  // directives and callbacks are unregistered
 };
 
 // Made by init, deleted by deinit. A plain pointer: the library may be unloaded while
@@ -164,7 +163,8 @@ void guarded(const char* token, F parse) noexcept {
 // file and line (and nothing is served, see startServing).
 void reportSecondSource(const char* token) {
     config_perror((std::string(token) + ": " + stateFileToken + ", " + systemdToken + " and " + supervisorToken +
-                   " exclude each other; give one launcher source").c_str());
+                   " exclude each other; give one launcher source")
+                      .c_str());
 }
 
 void parseStateFile(const char* token, char* line) {
@@ -196,7 +196,8 @@ void parseCommandLines(const char* token, char* line) {
     guarded(token, [&] {
         auto w = oneWord(token, line, "yes or no");
         if (!w) return;
-        if (*w != "yes" && *w != "no") return config_perror((std::string(token) + " takes yes or no, not " + *w).c_str());
+        if (*w != "yes" && *w != "no")
+            return config_perror((std::string(token) + " takes yes or no, not " + *w).c_str());
         if (bridge) bridge->settings.serveCommandLines = *w == "yes";
     });
 }
@@ -233,7 +234,8 @@ void parseSupervisorAuth(const char* token, char* line) {
 
 void parseModule(const char* token, char* line) {
     guarded(token, [&] {
-        if (auto w = oneWord(token, line, "the path of VelmarDaemonMIB.so"); w && bridge) bridge->settings.modulePath = *w;
+        if (auto w = oneWord(token, line, "the path of VelmarDaemonMIB.so"); w && bridge)
+            bridge->settings.modulePath = *w;
     });
 }
 
@@ -267,7 +269,8 @@ std::optional<long> number(const char* token, char* line, const char* what, long
     long v = std::strtol(w->c_str(), &end, 10);
     if (errno || end == w->c_str() || *end || v < low || v > high) {
         config_perror((std::string(token) + " " + *w + ": not a whole number from " + std::to_string(low) + " to " +
-                       std::to_string(high)).c_str());
+                       std::to_string(high))
+                          .c_str());
         return std::nullopt;
     }
     return v;
@@ -305,7 +308,8 @@ void parseNotifyData(const char* token, char* line) {
 // platform libraries only from there, not through a symbolic link.)
 std::string defaultModulePath() {
     Dl_info info{};
-    if (!::dladdr(reinterpret_cast<void*>(&init_velmar_daemon_mib), &info) || !info.dli_fname) return "VelmarDaemonMIB.so";
+    if (!::dladdr(reinterpret_cast<void*>(&init_velmar_daemon_mib), &info) || !info.dli_fname)
+        return "VelmarDaemonMIB.so";
     std::error_code ec;
     std::filesystem::path self = std::filesystem::canonical(info.dli_fname, ec);
     if (ec) self = info.dli_fname;
@@ -314,7 +318,9 @@ std::string defaultModulePath() {
     return (ec ? module : p).string();
 }
 
-void logLine(int priority, const std::string& line) { snmp_log(priority, "%s: %s\n", bridgeName, line.c_str()); }
+void logLine(int priority, const std::string& line) {
+    snmp_log(priority, "%s: %s\n", bridgeName, line.c_str());
+}
 
 // Stops serving: the notifier, the feed and the module withdrawn from snmpd, including
 // what it left registered (Host.h says who frees what), the module unloaded and the state
@@ -375,7 +381,7 @@ void startServing() {
     try {
         serving.loadState();
     } catch (const std::exception& e) {
-        logLine(LOG_ERR, std::string(sourceToken) + ": " + e.what() + "; serving nothing");   // names the file or bus
+        logLine(LOG_ERR, std::string(sourceToken) + ": " + e.what() + "; serving nothing"); // names the file or bus
         stopServing(false);
         return;
     }
@@ -383,16 +389,17 @@ void startServing() {
         serving.loadModule();
     } catch (const std::exception& e) {
         // The message names the file.
-        logLine(LOG_ERR, std::string(moduleToken) + (defaultModule ? " (not given; the default beside this library)" : "") +
-                             ": " + e.what() + "; serving nothing");
+        logLine(LOG_ERR, std::string(moduleToken) +
+                             (defaultModule ? " (not given; the default beside this library)" : "") + ": " + e.what() +
+                             "; serving nothing");
         stopServing(false);
         return;
     }
     try {
         serving.start(true);
     } catch (const std::exception& e) {
-        logLine(LOG_ERR, std::string(sourceToken) + " " + sourceWord + ": cannot watch it: " +
-                             e.what() + "; serving nothing");
+        logLine(LOG_ERR,
+                std::string(sourceToken) + " " + sourceWord + ": cannot watch it: " + e.what() + "; serving nothing");
         stopServing(false);
         return;
     }
@@ -429,11 +436,13 @@ int onShutdown(int, int, void*, void*);
 void withdraw(bool inShutdownCallback) {
     if (!bridge || bridge->withdrawn) return;
     bridge->withdrawn = true;
-    for (const char* token : {stateFileToken, systemdToken, supervisorToken, supervisorEventsToken, supervisorAuthToken, moduleToken, contextToken, traceToken, holddownToken, rateToken,
-                              notifyDataToken, commandLinesToken})
+    for (const char* token :
+         {stateFileToken, systemdToken, supervisorToken, supervisorEventsToken, supervisorAuthToken, moduleToken,
+          contextToken, traceToken, holddownToken, rateToken, notifyDataToken, commandLinesToken})
         snmpd_unregister_config_handler(token);
     snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr, 1);
-    if (!inShutdownCallback) snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_SHUTDOWN, onShutdown, nullptr, 1);
+    if (!inShutdownCallback)
+        snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_SHUTDOWN, onShutdown, nullptr, 1);
 }
 
 int onShutdown(int, int, void*, void*) {
@@ -450,22 +459,28 @@ int onShutdown(int, int, void*, void*) {
 } // namespace
 
 void init_velmar_daemon_mib(void) {
-    if (bridge) return;   // a second dlmod line for the same library
+    if (bridge) return; // a second dlmod line for the same library
     try {
         bridge = new Bridge;
         snmpd_register_config_handler(stateFileToken, parseStateFile, nullptr, "PATH (the launcher's state file)");
-        snmpd_register_config_handler(systemdToken, parseSystemd, nullptr, "PATTERNS (systemd's service units, *.service for all)");
-        snmpd_register_config_handler(supervisorToken, parseSupervisor, nullptr, "SOCKET|URL (a supervisord's processes)");
+        snmpd_register_config_handler(systemdToken, parseSystemd, nullptr,
+                                      "PATTERNS (systemd's service units, *.service for all)");
+        snmpd_register_config_handler(supervisorToken, parseSupervisor, nullptr,
+                                      "SOCKET|URL (a supervisord's processes)");
         snmpd_register_config_handler(supervisorEventsToken, parseSupervisorEvents, nullptr,
                                       "SOCKET (where velmar-supervisor-events sends)");
         snmpd_register_config_handler(supervisorAuthToken, parseSupervisorAuth, nullptr, "FILE (USER:PASSWORD)");
         snmpd_register_config_handler(moduleToken, parseModule, nullptr, "PATH (VelmarDaemonMIB.so)");
         snmpd_register_config_handler(contextToken, parseContext, nullptr, "NAME (an extra SNMP context)");
         snmpd_register_config_handler(traceToken, parseTrace, nullptr, "LEVELS (e.g. Snmp/0-2,8)");
-        snmpd_register_config_handler(holddownToken, parseHolddown, nullptr, "MS (notification hold-down, default 1000)");
-        snmpd_register_config_handler(rateToken, parseRate, nullptr, "N (notifications per second at most, default 100)");
-        snmpd_register_config_handler(notifyDataToken, parseNotifyData, nullptr, "KEYS (data keys a running change carries)");
-        snmpd_register_config_handler(commandLinesToken, parseCommandLines, nullptr, "yes|no (whole command lines, default no)");
+        snmpd_register_config_handler(holddownToken, parseHolddown, nullptr,
+                                      "MS (notification hold-down, default 1000)");
+        snmpd_register_config_handler(rateToken, parseRate, nullptr,
+                                      "N (notifications per second at most, default 100)");
+        snmpd_register_config_handler(notifyDataToken, parseNotifyData, nullptr,
+                                      "KEYS (data keys a running change carries)");
+        snmpd_register_config_handler(commandLinesToken, parseCommandLines, nullptr,
+                                      "yes|no (whole command lines, default no)");
         // No client argument: the library frees client arguments with free() when it clears
         // its callbacks.
         snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr);

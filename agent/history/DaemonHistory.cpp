@@ -7,8 +7,12 @@ namespace Agent {
 
 namespace {
 
-bool before(const DaemonHistory::Record& r, const Snmp::String& name) { return compare(r.name, name) < 0; }
-bool byName(const DaemonHistory::Record& a, const DaemonHistory::Record& b) { return compare(a.name, b.name) < 0; }
+bool before(const DaemonHistory::Record& r, const Snmp::String& name) {
+    return compare(r.name, name) < 0;
+}
+bool byName(const DaemonHistory::Record& a, const DaemonHistory::Record& b) {
+    return compare(a.name, b.name) < 0;
+}
 
 template <class V>
 auto at(V& v, const Snmp::String& name) -> decltype(v.data()) {
@@ -64,7 +68,7 @@ void DaemonHistory::changed(const std::string& daemon, const DaemonFlags& flags,
             added_.erase(added_.begin() + (r - added_.data()));
             return;
         }
-        *r = Record{r->name};   // its counts go; the name keeps the array sorted
+        *r = Record{r->name}; // its counts go; the name keeps the array sorted
         r->bits = Record::goneBit;
         if (++gone_ > rows_.size() / 4) compact();
         return;
@@ -76,7 +80,7 @@ void DaemonHistory::changed(const std::string& daemon, const DaemonFlags& flags,
         fresh.name = row ? row->agentName() : key;
         fresh.bits = flagBits(flags);
         ++live_;
-        if (r) {   // marked gone, still in place: a new row at 0
+        if (r) { // marked gone, still in place: a new row at 0
             *r = std::move(fresh);
             --gone_;
         } else {
@@ -127,8 +131,10 @@ void DaemonHistory::settle() const {
             ++a;
             continue;
         }
-        if (b == added_.end() || (a != rows_.end() && byName(*a, *b))) merged.push_back(std::move(*a++));
-        else merged.push_back(std::move(*b++));
+        if (b == added_.end() || (a != rows_.end() && byName(*a, *b)))
+            merged.push_back(std::move(*a++));
+        else
+            merged.push_back(std::move(*b++));
     }
     rows_ = std::move(merged);
     added_.clear();

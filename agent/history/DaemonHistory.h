@@ -57,14 +57,14 @@ public:
 
     // One daemon's history. 32 bytes.
     struct Record {
-        Snmp::String name;                     // the model's counted name (shared)
+        Snmp::String name; // the model's counted name (shared)
         std::uint32_t runningChanges = 0;
         std::uint32_t enabledChanges = 0;
-        std::uint32_t lastRunningChange = 0;   // ticks, at least 1; 0: none since the row appeared
-        std::uint32_t lastEnabledChange = 0;   // ticks; 0: none
-        std::uint32_t lastRunningSeconds = 0;  // wall time of the last running change, UTC
-        std::uint16_t lastRunningMillis = 0;   //   (seconds since 1970 and milliseconds)
-        std::uint8_t bits = 0;                 // see the flags below
+        std::uint32_t lastRunningChange = 0;  // ticks, at least 1; 0: none since the row appeared
+        std::uint32_t lastEnabledChange = 0;  // ticks; 0: none
+        std::uint32_t lastRunningSeconds = 0; // wall time of the last running change, UTC
+        std::uint16_t lastRunningMillis = 0;  //   (seconds since 1970 and milliseconds)
+        std::uint8_t bits = 0;                // see the flags below
 
         static constexpr std::uint8_t enabledBit = 1, runningBit = 2, hasRunningTimeBit = 4, goneBit = 8;
         bool enabled() const noexcept { return bits & enabledBit; }
@@ -104,15 +104,15 @@ public:
 
 private:
     Record* lookup(const Snmp::String& name);
-    void settle() const;   // merges the side array into the main one
+    void settle() const; // merges the side array into the main one
     void compact();
     void insert(Record r);
 
     Orbel::Ptr<const GenericAgent::DaemonMib> mib_;
     Now now_;
-    mutable std::vector<Record> rows_;    // sorted; may hold rows marked gone
-    mutable std::vector<Record> added_;   // sorted; small
-    mutable std::size_t gone_ = 0;        // rows_ marked gone
+    mutable std::vector<Record> rows_;  // sorted; may hold rows marked gone
+    mutable std::vector<Record> added_; // sorted; small
+    mutable std::size_t gone_ = 0;      // rows_ marked gone
     std::size_t live_ = 0;
 };
 

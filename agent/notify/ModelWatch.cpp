@@ -64,7 +64,7 @@ ModelWatch::ModelWatch(Orbel::Ptr<GenericAgent::DaemonMib> mib, Changed changed)
 
 ModelWatch::~ModelWatch() {
     stop();
-    flush_->ownerIs(nullptr);   // the activity loop may still hold it
+    flush_->ownerIs(nullptr); // the activity loop may still hold it
 }
 
 std::size_t ModelWatch::flagObservers() const noexcept {
@@ -90,7 +90,7 @@ ModelWatch::Daemon& ModelWatch::follow(const std::string& name) {
 DaemonFlags ModelWatch::flagsNow(const std::string& name, const Daemon& d) const {
     const Snmp::String key(name);
     auto enabledRow = mib_->enabledTable(key);
-    if (!enabledRow) return DaemonFlags{false, d.told.enabled, d.told.running};   // its last flags
+    if (!enabledRow) return DaemonFlags{false, d.told.enabled, d.told.running}; // its last flags
     auto runningRow = mib_->runningTable(key);
     return DaemonFlags{true, enabledRow->enabled(), runningRow && runningRow->running()};
 }
@@ -162,7 +162,7 @@ void ModelWatch::flush() {
             if (listener_) listener_->changed(name, now, seen);
             if (changed_) changed_(name, now);
         } else if (listener_ && (seen.running || seen.enabled)) {
-            listener_->changed(name, now, seen);   // changed and changed back
+            listener_->changed(name, now, seen); // changed and changed back
         }
         if (!now.present && !mib_->runningTable(Snmp::String(name))) {
             // Gone: nothing of it is left to watch.

@@ -94,7 +94,7 @@ private:
         Orbel::Ptr<ConfigWatch> config;
         Orbel::Ptr<StatusWatch> status;
         DaemonFlags told;
-        FlagChanges seen;   // since last told
+        FlagChanges seen; // since last told
     };
 
     void rowChanged(const std::string& name);

@@ -32,16 +32,24 @@ constexpr oid runningColumn[] = {2, 1, 1, 2};
 constexpr oid runningChangesColumn[] = {2, 3, 1, 2};
 constexpr oid dataValueColumn[] = {2, 2, 1, 3};
 
-constexpr long truthValue(bool b) { return b ? 1 : 2; }
+constexpr long truthValue(bool b) {
+    return b ? 1 : 2;
+}
 
 // The notification's OID: velmarDaemonNotifications (velmarDaemonMIB.0) . n.
 std::vector<oid> notificationOid(NotificationKind kind) {
     std::vector<oid> o(mibRoot, mibRoot + mibRootLen);
     o.push_back(0);
     switch (kind) {
-    case NotificationKind::runningChange: o.push_back(1); break;
-    case NotificationKind::enabledChange: o.push_back(2); break;
-    case NotificationKind::gone: o.push_back(3); break;
+        case NotificationKind::runningChange:
+            o.push_back(1);
+            break;
+        case NotificationKind::enabledChange:
+            o.push_back(2);
+            break;
+        case NotificationKind::gone:
+            o.push_back(3);
+            break;
     }
     return o;
 }
@@ -62,12 +70,15 @@ void appendString(std::vector<oid>& o, const std::string& s) {
 
 void addTruth(netsnmp_variable_list** list, const std::vector<oid>& name, bool value) {
     const long v = truthValue(value);
-    snmp_varlist_add_variable(list, name.data(), name.size(), ASN_INTEGER, reinterpret_cast<const u_char*>(&v), sizeof v);
+    snmp_varlist_add_variable(list, name.data(), name.size(), ASN_INTEGER, reinterpret_cast<const u_char*>(&v),
+                              sizeof v);
 }
 
 } // namespace
 
-netsnmp_variable_list* Notifier::varbinds(const Notification& n) { return varbinds(n, Extras{}); }
+netsnmp_variable_list* Notifier::varbinds(const Notification& n) {
+    return varbinds(n, Extras{});
+}
 
 netsnmp_variable_list* Notifier::varbinds(const Notification& n, const Extras& extras) {
     netsnmp_variable_list* list = nullptr;
@@ -87,7 +98,8 @@ netsnmp_variable_list* Notifier::varbinds(const Notification& n, const Extras& e
     if (extras.runningChanges) {
         const std::vector<oid> name = instance(runningChangesColumn, n.daemon);
         const u_long v = *extras.runningChanges;
-        snmp_varlist_add_variable(&list, name.data(), name.size(), ASN_COUNTER, reinterpret_cast<const u_char*>(&v), sizeof v);
+        snmp_varlist_add_variable(&list, name.data(), name.size(), ASN_COUNTER, reinterpret_cast<const u_char*>(&v),
+                                  sizeof v);
     }
     for (const auto& [key, value] : extras.data) {
         std::vector<oid> name = instance(dataValueColumn, n.daemon);
@@ -120,13 +132,17 @@ void Notifier::historyIs(ModelListener* history, RunningChanges runningChanges) 
 }
 
 Notifier::Notifier(Orbel::Ptr<GenericAgent::DaemonMib> mib, NotifyScheduler::Settings settings, Log log)
-    : mib_(std::move(mib)), settings_(settings), log_(std::move(log)),
+    : mib_(std::move(mib)),
+      settings_(settings),
+      log_(std::move(log)),
       watch_(mib_, [this](const std::string& daemon, const DaemonFlags& flags) { changed(daemon, flags); }) {
     // The scheduler checks them; fail here rather than at start.
     NotifyScheduler check(settings_, nullptr);
 }
 
-Notifier::~Notifier() { stop(); }
+Notifier::~Notifier() {
+    stop();
+}
 
 void Notifier::start() {
     if (scheduler_) return;
@@ -151,9 +167,10 @@ void Notifier::changed(const std::string& daemon, const DaemonFlags& flags) {
 }
 
 void Notifier::send(const Notification& n) {
-    DEBUGMSGTL((debugToken, "%s: %s (enabled %d, running %d)\n", n.daemon.c_str(), kindName(n.kind), n.enabled, n.running));
+    DEBUGMSGTL(
+        (debugToken, "%s: %s (enabled %d, running %d)\n", n.daemon.c_str(), kindName(n.kind), n.enabled, n.running));
     netsnmp_variable_list* list = varbinds(n, extras(n));
-    send_v2trap(list);   // copies the list
+    send_v2trap(list); // copies the list
     snmp_free_varbind(list);
 }
 
@@ -170,7 +187,9 @@ void Notifier::rearm() {
         tickAlarm_ = snmp_alarm_register_hr(t, 0, onTick, this);
     }
     if (scheduler_->queued() > 0 && !logAlarm_) {
-        struct timeval second {1, 0};
+        struct timeval second {
+            1, 0
+        };
         logAlarm_ = snmp_alarm_register_hr(second, SA_REPEAT, onLogTick, this);
     }
 }
@@ -188,7 +207,7 @@ void Notifier::logQueued() {
 
 void Notifier::onTick(unsigned int, void* self) {
     auto* n = static_cast<Notifier*>(self);
-    n->tickAlarm_ = 0;   // fired, and not repeating: the library drops it
+    n->tickAlarm_ = 0; // fired, and not repeating: the library drops it
     try {
         if (n->scheduler_) n->scheduler_->tick(NotifyScheduler::Clock::now());
         n->rearm();

@@ -63,8 +63,8 @@ public:
 
     // What a running change carries beyond the flags.
     struct Extras {
-        std::optional<std::uint32_t> runningChanges;                // velmarDaemonRunningChanges
-        std::vector<std::pair<std::string, std::string>> data;      // data key, value
+        std::optional<std::uint32_t> runningChanges;           // velmarDaemonRunningChanges
+        std::vector<std::pair<std::string, std::string>> data; // data key, value
     };
 
     // Notifications handed to Net-SNMP since start.
@@ -97,8 +97,8 @@ private:
     RunningChanges runningChanges_;
     std::vector<std::string> dataKeys_;
     std::optional<NotifyScheduler> scheduler_;
-    unsigned int tickAlarm_ = 0;   // the next tick of the scheduler (0: none)
-    unsigned int logAlarm_ = 0;    // the once-a-second queue report (0: none)
+    unsigned int tickAlarm_ = 0; // the next tick of the scheduler (0: none)
+    unsigned int logAlarm_ = 0;  // the once-a-second queue report (0: none)
 };
 
 } // namespace Agent

@@ -17,7 +17,8 @@ std::vector<std::string> notifyDataKeys(const std::string& text) {
         const std::size_t e = key.find_last_not_of(" \t");
         key = b == std::string::npos ? std::string() : key.substr(b, e - b + 1);
         if (key.empty())
-            throw std::invalid_argument("empty data key at position " + std::to_string(start + 1) + " of '" + text + "'");
+            throw std::invalid_argument("empty data key at position " + std::to_string(start + 1) + " of '" + text +
+                                        "'");
         if (key.size() > GenericAgent::maxIndexKeyBytes)
             throw std::invalid_argument("data key '" + key + "' is longer than " +
                                         std::to_string(GenericAgent::maxIndexKeyBytes) + " bytes");
@@ -28,6 +29,8 @@ std::vector<std::string> notifyDataKeys(const std::string& text) {
     return keys;
 }
 
-std::string defaultNotifyData(bool systemd) { return systemd ? "Result,ExecMainCode,ExecMainStatus" : ""; }
+std::string defaultNotifyData(bool systemd) {
+    return systemd ? "Result,ExecMainCode,ExecMainStatus" : "";
+}
 
 } // namespace Agent

@@ -8,9 +8,12 @@ namespace Agent {
 
 const char* kindName(NotificationKind kind) {
     switch (kind) {
-    case NotificationKind::runningChange: return "running change";
-    case NotificationKind::enabledChange: return "enabled change";
-    case NotificationKind::gone: return "gone";
+        case NotificationKind::runningChange:
+            return "running change";
+        case NotificationKind::enabledChange:
+            return "enabled change";
+        case NotificationKind::gone:
+            return "gone";
     }
     return "?";
 }
@@ -72,7 +75,7 @@ void NotifyScheduler::due(const std::string& name, Daemon& d, Clock::time_point 
 void NotifyScheduler::changed(const std::string& daemon, const DaemonFlags& current, Clock::time_point now) {
     Daemon& d = daemons_[daemon];
     d.current = current;
-    if (d.queued || d.inWindow) return;   // sent when the queue or the window says
+    if (d.queued || d.inWindow) return; // sent when the queue or the window says
     due(daemon, d, now);
     forgetIfIdle(daemon);
 }
@@ -108,8 +111,7 @@ std::optional<NotifyScheduler::Clock::time_point> NotifyScheduler::nextDue() con
     if (!windows_.empty()) next = windows_.front().end;
     if (!queue_.empty()) {
         const double missing = std::max(0.0, 1.0 - tokens_);
-        const auto wait = std::chrono::ceil<Clock::duration>(
-            std::chrono::duration<double>(missing / settings_.rate));
+        const auto wait = std::chrono::ceil<Clock::duration>(std::chrono::duration<double>(missing / settings_.rate));
         const Clock::time_point budget = refilled_ + wait;
         if (!next || budget < *next) next = budget;
     }

@@ -38,8 +38,8 @@ namespace Agent {
 
 // One daemon as the notifications describe it.
 struct DaemonFlags {
-    bool present = false;   // the daemon has a row (for a daemon that went: false, and the
-                            // flags are those it had last)
+    bool present = false; // the daemon has a row (for a daemon that went: false, and the
+                          // flags are those it had last)
     bool enabled = false;
     bool running = false;
     friend bool operator==(const DaemonFlags&, const DaemonFlags&) = default;
@@ -65,7 +65,7 @@ public:
 
     struct Settings {
         std::chrono::milliseconds holddown{1000};
-        unsigned rate = 100;   // notifications per second, at least 1
+        unsigned rate = 100; // notifications per second, at least 1
     };
 
     // send is called for every notification, from changed() and tick(). Throws
@@ -97,7 +97,7 @@ public:
 
 private:
     struct Daemon {
-        DaemonFlags sent;       // what receivers were last told (or the baseline)
+        DaemonFlags sent; // what receivers were last told (or the baseline)
         DaemonFlags current;
         bool inWindow = false;
         Clock::time_point windowEnd{};
@@ -120,8 +120,8 @@ private:
     Settings settings_;
     Send send_;
     std::unordered_map<std::string, Daemon> daemons_;
-    std::deque<Window> windows_;        // in order of their end (all windows last as long)
-    std::deque<std::string> queue_;     // daemons waiting for the budget
+    std::deque<Window> windows_;    // in order of their end (all windows last as long)
+    std::deque<std::string> queue_; // daemons waiting for the budget
     double tokens_;
     Clock::time_point refilled_;
     std::size_t holding_ = 0;

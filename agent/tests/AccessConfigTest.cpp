@@ -21,7 +21,7 @@ struct ConfigFile {
 std::vector<Agent::AccessFinding> check(const std::string& text) {
     ConfigFile f(text);
     auto out = Agent::checkAccessConfig(f.path.string());
-    for (auto& finding : out) {   // the path is the fixture's; compare what follows it
+    for (auto& finding : out) { // the path is the fixture's; compare what follows it
         const std::string prefix = f.path.string() + ": ";
         EXPECT_EQ(finding.text.rfind(prefix, 0), 0u) << finding.text;
         finding.text.erase(0, prefix.size());

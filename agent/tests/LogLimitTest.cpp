@@ -7,7 +7,9 @@ namespace {
 using Agent::LogLimit;
 using namespace std::chrono_literals;
 
-LogLimit::Clock::time_point t0() { return LogLimit::Clock::time_point(1000s); }
+LogLimit::Clock::time_point t0() {
+    return LogLimit::Clock::time_point(1000s);
+}
 
 TEST(LogLimit, KindMasksDigitsAndKeepsTheFirstWords) {
     EXPECT_EQ(LogLimit::kindOf("Authentication failed for alice"), "Authentication failed for");
@@ -18,14 +20,15 @@ TEST(LogLimit, KindMasksDigitsAndKeepsTheFirstWords) {
 TEST(LogLimit, WritesTheBurstThenCountsAndSumsUpOncePerInterval) {
     LogLimit limit({.burst = 3, .interval = 60s, .maxKinds = 8});
     int written = 0;
-    for (int i = 0; i < 1000; ++i) written += limit.admit("Authentication failed for user" + std::to_string(i), t0() + 1ms * i);
+    for (int i = 0; i < 1000; ++i)
+        written += limit.admit("Authentication failed for user" + std::to_string(i), t0() + 1ms * i);
     EXPECT_EQ(written, 3);
     EXPECT_TRUE(limit.expired(t0() + 59s).empty());
     const auto summaries = limit.expired(t0() + 60s);
     ASSERT_EQ(summaries.size(), 1u);
     EXPECT_NE(summaries[0].find("997 more lines like \"Authentication failed for user0\""), std::string::npos)
         << summaries[0];
-    EXPECT_TRUE(limit.expired(t0() + 61s).empty());   // said once
+    EXPECT_TRUE(limit.expired(t0() + 61s).empty()); // said once
     // A new interval writes a new burst.
     EXPECT_TRUE(limit.admit("Authentication failed for x", t0() + 62s));
     EXPECT_EQ(limit.dropped(), 997u);

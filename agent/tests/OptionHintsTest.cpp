@@ -4,7 +4,8 @@
 
 namespace {
 
-const std::vector<std::string> known = {"listen", "agentx", "agentx-ping", "state", "systemd", "config", "log", "check"};
+const std::vector<std::string> known = {"listen",  "agentx", "agentx-ping", "state",
+                                        "systemd", "config", "log",         "check"};
 
 TEST(OptionHints, TyposGetTheClosestOption) {
     EXPECT_EQ(Agent::closestOption("--lisen", known), "--listen");

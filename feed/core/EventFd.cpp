@@ -14,7 +14,9 @@ EventFd::EventFd() {
     if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
 }
 
-EventFd::~EventFd() { ::close(fd_); }
+EventFd::~EventFd() {
+    ::close(fd_);
+}
 
 void EventFd::signal() noexcept {
     const std::uint64_t one = 1;

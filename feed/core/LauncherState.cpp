@@ -8,7 +8,7 @@ namespace Feed {
 
 namespace {
 
-constexpr std::size_t shownBytes = 64;   // bytes of a name or key quoted in a message
+constexpr std::size_t shownBytes = 64; // bytes of a name or key quoted in a message
 
 // Length of the well-formed UTF-8 sequence at p (at most n bytes available), 0 when there
 // is none: no overlong forms, no surrogates, nothing above U+10FFFF.
@@ -19,14 +19,14 @@ std::size_t utf8Sequence(const unsigned char* p, std::size_t n) {
     if (c >= 0xC2 && c <= 0xDF) return cont(1) ? 2 : 0;
     if (c >= 0xE0 && c <= 0xEF) {
         if (!cont(1) || !cont(2)) return 0;
-        if (c == 0xE0 && p[1] < 0xA0) return 0;   // overlong
-        if (c == 0xED && p[1] >= 0xA0) return 0;  // surrogate
+        if (c == 0xE0 && p[1] < 0xA0) return 0;  // overlong
+        if (c == 0xED && p[1] >= 0xA0) return 0; // surrogate
         return 3;
     }
     if (c >= 0xF0 && c <= 0xF4) {
         if (!cont(1) || !cont(2) || !cont(3)) return 0;
-        if (c == 0xF0 && p[1] < 0x90) return 0;   // overlong
-        if (c == 0xF4 && p[1] >= 0x90) return 0;  // above U+10FFFF
+        if (c == 0xF0 && p[1] < 0x90) return 0;  // overlong
+        if (c == 0xF4 && p[1] >= 0x90) return 0; // above U+10FFFF
         return 4;
     }
     return 0;
@@ -96,12 +96,18 @@ std::string quote(std::string_view s) {
 
 const char* stateText(SourceState state) {
     switch (state) {
-    case SourceState::notLoaded: return "not loaded";
-    case SourceState::ok: return "ok";
-    case SourceState::refused: return "refused";
-    case SourceState::gone: return "gone";
-    case SourceState::busLost: return "bus lost";
-    case SourceState::unresponsive: return "not answering";
+        case SourceState::notLoaded:
+            return "not loaded";
+        case SourceState::ok:
+            return "ok";
+        case SourceState::refused:
+            return "refused";
+        case SourceState::gone:
+            return "gone";
+        case SourceState::busLost:
+            return "bus lost";
+        case SourceState::unresponsive:
+            return "not answering";
     }
     return "?";
 }

@@ -19,12 +19,12 @@ namespace Feed {
 
 // One daemon as its launcher describes it.
 struct DaemonState {
-    bool hasConfig = false;                        // the launcher has a configuration for it
-    bool enabled = false;                          // false without config
-    std::map<std::string, std::string> options;    // empty without config
-    bool hasStatus = false;                        // the launcher reports a status for it
-    bool running = false;                          // false without status
-    std::map<std::string, std::string> data;       // empty without status
+    bool hasConfig = false;                     // the launcher has a configuration for it
+    bool enabled = false;                       // false without config
+    std::map<std::string, std::string> options; // empty without config
+    bool hasStatus = false;                     // the launcher reports a status for it
+    bool running = false;                       // false without status
+    std::map<std::string, std::string> data;    // empty without status
 
     friend bool operator==(const DaemonState&, const DaemonState&) = default;
 };

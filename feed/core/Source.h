@@ -35,19 +35,19 @@ enum class Severity { error, warning, notice, info };
 
 // One thing a source hands the loop, in the order it happened.
 struct SourceEvent {
-    std::optional<ChangedDaemons> changed;   // daemons to diff against what is served
-    Severity severity = Severity::notice;    // of line
-    std::string line;                        // to log, when not empty; names the source
+    std::optional<ChangedDaemons> changed; // daemons to diff against what is served
+    Severity severity = Severity::notice;  // of line
+    std::string line;                      // to log, when not empty; names the source
 };
 
 // Where a source stands.
 enum class SourceState {
-    notLoaded,   // nothing read yet
-    ok,          // the last read was accepted
-    refused,     // the last read was refused; the last good state is served
-    gone,        // the state file (or its directory) is gone; the last state is served
-    busLost,     // the launcher's bus is unreachable; the last state is served
-    unresponsive,   // the launcher is reachable but does not answer; the last state is served
+    notLoaded,    // nothing read yet
+    ok,           // the last read was accepted
+    refused,      // the last read was refused; the last good state is served
+    gone,         // the state file (or its directory) is gone; the last state is served
+    busLost,      // the launcher's bus is unreachable; the last state is served
+    unresponsive, // the launcher is reachable but does not answer; the last state is served
 };
 
 // "not loaded", "ok", "refused", "gone", "bus lost", "not answering".
@@ -56,15 +56,15 @@ const char* stateText(SourceState state);
 // A source's health, for logs and for monitoring the feed itself.
 struct SourceHealth {
     SourceState state = SourceState::notLoaded;
-    std::uint64_t reloads = 0;                          // reads accepted (changed or not), partial ones too
-    std::uint64_t refused = 0;                          // reads refused
+    std::uint64_t reloads = 0; // reads accepted (changed or not), partial ones too
+    std::uint64_t refused = 0; // reads refused
     // When the source last proved its launcher alive: an accepted read, or for a launcher
     // that is followed (a bus), an answer to a call or probe. Epoch: never.
     std::chrono::system_clock::time_point lastRead{};
-    std::string lastRefusal;                            // the last refusal's line; empty: none
-    std::uint64_t skipped = 0;                          // daemon entries left out of accepted reads
-    std::uint64_t skippedNow = 0;                       // of them, in the last accepted read
-    std::string lastSkip;                               // the last skipped entry's line; empty: none
+    std::string lastRefusal;      // the last refusal's line; empty: none
+    std::uint64_t skipped = 0;    // daemon entries left out of accepted reads
+    std::uint64_t skippedNow = 0; // of them, in the last accepted read
+    std::string lastSkip;         // the last skipped entry's line; empty: none
     // The entries skipped in the last read in a few words, for a start line ("1 unit
     // skipped (name over 32 bytes)"); empty when none are.
     std::string skippedNote;

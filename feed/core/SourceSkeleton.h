@@ -64,7 +64,7 @@ private:
 
     const std::string name_;
     EventFd wake_;
-    mutable std::mutex mutex_;          // guards queue_ and health_
+    mutable std::mutex mutex_; // guards queue_ and health_
     std::deque<SourceEvent> queue_;
     SourceHealth health_;
 };

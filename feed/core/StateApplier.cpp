@@ -98,8 +98,10 @@ void applySide(GenericAgent::DaemonMib& m, const Orbel::String& name, const Sect
         for (const KeyChange& k : s.keys) {
             Orbel::String key(k.key);
             if (k.rowBefore && !k.rowAfter) Side::keyRowDel(m, name, key);
-            if (k.value) Side::valueIs(*object, key, *k.value);
-            else Side::valueDel(*object, key);
+            if (k.value)
+                Side::valueIs(*object, key, *k.value);
+            else
+                Side::valueDel(*object, key);
             if (!k.rowBefore && k.rowAfter) Side::keyRowIs(m, name, storedKey<Side>(*object, key), object);
         }
     } else if (s.after) {
@@ -172,7 +174,8 @@ void StateApplier::applyDaemon(const DaemonChange& d) {
     GenericAgent::DaemonMib& m = *mib_;
     if (!d.before) {
         if (!d.after) return;
-        if (objects_.count(d.name)) throw std::logic_error("StateApplier: daemon " + quote(d.name) + " is served already");
+        if (objects_.count(d.name))
+            throw std::logic_error("StateApplier: daemon " + quote(d.name) + " is served already");
         Objects& o = objects_[d.name];
         o.name = Orbel::String(d.name);
         if (d.config.after) o.config = makeFilled<ConfigSide>(o.name, d.config);

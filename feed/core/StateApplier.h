@@ -65,7 +65,7 @@ public:
 
 private:
     struct Objects {
-        Orbel::String name;             // shared by every index of the daemon
+        Orbel::String name; // shared by every index of the daemon
         Orbel::Ptr<GenericAgent::Config> config;
         Orbel::Ptr<GenericAgent::Status> status;
     };
@@ -74,7 +74,7 @@ private:
 
     Orbel::Ptr<GenericAgent::DaemonMib> mib_;
     std::map<std::string, Objects> objects_;
-    mutable std::optional<LauncherState> applied_;   // applied(), once asked for
+    mutable std::optional<LauncherState> applied_; // applied(), once asked for
 };
 
 } // namespace Feed

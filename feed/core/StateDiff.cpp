@@ -86,20 +86,23 @@ StateDiff::Counts StateDiff::counts() const {
                 continue;
             }
             if (s->before != s->after) {
-                ++c.rowsAdded;     // the enabled/running row, made again
+                ++c.rowsAdded; // the enabled/running row, made again
                 ++c.rowsRemoved;
             } else if (s->flag) {
                 ++c.inPlace;
             }
             for (const KeyChange& k : s->keys) {
-                if (k.rowBefore && !k.rowAfter) ++c.rowsRemoved;
-                else if (!k.rowBefore && k.rowAfter) ++c.rowsAdded;
-                else if (s->before && s->after) ++c.inPlace;
+                if (k.rowBefore && !k.rowAfter)
+                    ++c.rowsRemoved;
+                else if (!k.rowBefore && k.rowAfter)
+                    ++c.rowsAdded;
+                else if (s->before && s->after)
+                    ++c.inPlace;
             }
         }
         if (!d.before) {
             ++c.daemonsAdded;
-            c.rowsAdded += 2;      // enabled and running
+            c.rowsAdded += 2; // enabled and running
         } else if (!d.after) {
             ++c.daemonsRemoved;
             c.rowsRemoved += 2;
@@ -121,10 +124,10 @@ std::size_t StateDiff::keys() const {
 
 std::string StateDiff::summary() const {
     Counts c = counts();
-    return "applied " + plural(c.rowsAdded + c.rowsRemoved + c.inPlace, "change", "changes") + " (daemons: " +
-           std::to_string(c.daemonsAdded) + " added, " + std::to_string(c.daemonsRemoved) + " removed; rows: " +
-           std::to_string(c.rowsAdded) + " added, " + std::to_string(c.rowsRemoved) + " removed; " +
-           std::to_string(c.inPlace) + " changed in place)";
+    return "applied " + plural(c.rowsAdded + c.rowsRemoved + c.inPlace, "change", "changes") +
+           " (daemons: " + std::to_string(c.daemonsAdded) + " added, " + std::to_string(c.daemonsRemoved) +
+           " removed; rows: " + std::to_string(c.rowsAdded) + " added, " + std::to_string(c.rowsRemoved) +
+           " removed; " + std::to_string(c.inPlace) + " changed in place)";
 }
 
 } // namespace Feed

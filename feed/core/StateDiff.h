@@ -21,20 +21,20 @@ namespace Feed {
 // One option or data key that differs.
 struct KeyChange {
     std::string key;
-    std::optional<std::string> value;   // the value afterwards; none: the key goes away
-    bool rowBefore = false;             // it had a row (its old value was non-empty)
-    bool rowAfter = false;              // it has a row afterwards (its new value is non-empty)
+    std::optional<std::string> value; // the value afterwards; none: the key goes away
+    bool rowBefore = false;           // it had a row (its old value was non-empty)
+    bool rowAfter = false;            // it has a row afterwards (its new value is non-empty)
 
     friend bool operator==(const KeyChange&, const KeyChange&) = default;
 };
 
 // What differs in one daemon's config (enabled and options) or status (running and data).
 struct SectionChange {
-    bool before = false;                // present in the old state
-    bool after = false;                 // present in the new state
-    std::optional<bool> flag;           // the flag to write: it differs, or the section appears
-    std::vector<KeyChange> keys;        // in key order; when the section appears or
-                                        // disappears, every key it has or had
+    bool before = false;         // present in the old state
+    bool after = false;          // present in the new state
+    std::optional<bool> flag;    // the flag to write: it differs, or the section appears
+    std::vector<KeyChange> keys; // in key order; when the section appears or
+                                 // disappears, every key it has or had
 
     bool empty() const noexcept { return before == after && !flag && keys.empty(); }
     friend bool operator==(const SectionChange&, const SectionChange&) = default;
@@ -43,8 +43,8 @@ struct SectionChange {
 // What differs for one daemon.
 struct DaemonChange {
     std::string name;
-    bool before = false;                // known in the old state (false: added)
-    bool after = false;                 // known in the new state (false: removed)
+    bool before = false; // known in the old state (false: added)
+    bool after = false;  // known in the new state (false: removed)
     SectionChange config;
     SectionChange status;
 
@@ -62,10 +62,10 @@ struct StateDiff {
     struct Counts {
         std::size_t daemonsAdded = 0;
         std::size_t daemonsRemoved = 0;
-        std::size_t rowsAdded = 0;      // rows made (a re-created enabled/running row counts here
-        std::size_t rowsRemoved = 0;    // and here)
-        std::size_t inPlace = 0;        // flags and values written into a kept Config or Status
-                                        // without a row coming or going
+        std::size_t rowsAdded = 0;   // rows made (a re-created enabled/running row counts here
+        std::size_t rowsRemoved = 0; // and here)
+        std::size_t inPlace = 0;     // flags and values written into a kept Config or Status
+                                     // without a row coming or going
         friend bool operator==(const Counts&, const Counts&) = default;
     };
 

@@ -19,18 +19,26 @@ StateFeed::StateFeed(std::unique_ptr<Source> source, Orbel::Ptr<GenericAgent::Da
     if (!source_) throw std::invalid_argument("StateFeed: null source");
 }
 
-StateFeed::~StateFeed() { source_->stop(); }
+StateFeed::~StateFeed() {
+    source_->stop();
+}
 
 void StateFeed::loadInitial() {
     source_->loadInitial();
     drain(true);
 }
 
-void StateFeed::start() { source_->start(); }
+void StateFeed::start() {
+    source_->start();
+}
 
-void StateFeed::stop() { source_->stop(); }
+void StateFeed::stop() {
+    source_->stop();
+}
 
-std::size_t StateFeed::handleEvent() { return drain(false); }
+std::size_t StateFeed::handleEvent() {
+    return drain(false);
+}
 
 std::size_t StateFeed::rows() const noexcept {
     const GenericAgent::DaemonMib& mib = *applier_.mib();

@@ -12,7 +12,8 @@
 // only the difference is applied (see StateApplier), so applying costs time in proportion
 // to the change, not to the number of daemons. An applied difference is logged with what
 // is served after it:
-//   <source description>: applied 5 changes (daemons: 1 added, 0 removed; rows: 4 added, 1 removed; 0 changed in place); serving 3 daemons, 12 rows
+//   <source description>: applied 5 changes (daemons: 1 added, 0 removed; rows: 4 added, 1 removed; 0 changed in
+//   place); serving 3 daemons, 12 rows
 // a difference that turns out empty is not logged; the source's own lines are logged as
 // they come.
 //

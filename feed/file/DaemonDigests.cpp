@@ -14,7 +14,8 @@ namespace Feed {
 DaemonDigests::Digest DaemonDigests::digest(const DaemonState& d) {
     auto putLength = [this](std::uint64_t n) { scratch_.append(reinterpret_cast<const char*>(&n), sizeof n); };
     scratch_.clear();
-    scratch_ += static_cast<char>((d.hasConfig ? 1 : 0) | (d.enabled ? 2 : 0) | (d.hasStatus ? 4 : 0) | (d.running ? 8 : 0));
+    scratch_ +=
+        static_cast<char>((d.hasConfig ? 1 : 0) | (d.enabled ? 2 : 0) | (d.hasStatus ? 4 : 0) | (d.running ? 8 : 0));
     for (const auto* keys : {&d.options, &d.data}) {
         putLength(keys->size());
         for (const auto& [k, v] : *keys) {
@@ -62,8 +63,10 @@ ChangedDaemons DaemonDigests::commit(LauncherState& next, const std::vector<std:
     ChangedDaemons changed;
     std::vector<Entry> keptEntries;
     auto goneOrKept = [&](Entry& e) {
-        if (isKept(e.name)) keptEntries.push_back(std::move(e));
-        else changed.emplace_back(std::move(e.name), std::nullopt);
+        if (isKept(e.name))
+            keptEntries.push_back(std::move(e));
+        else
+            changed.emplace_back(std::move(e.name), std::nullopt);
     };
     auto i = known_.begin();
     for (const auto& entry : next) {
@@ -77,7 +80,8 @@ ChangedDaemons DaemonDigests::commit(LauncherState& next, const std::vector<std:
     order.reserve(reading_.size());
     for (std::size_t k = 0; k < reading_.size(); ++k)
         if (!isKept(reading_[k].name)) order.push_back(k);
-    std::sort(order.begin(), order.end(), [&](std::size_t x, std::size_t y) { return reading_[x].name < reading_[y].name; });
+    std::sort(order.begin(), order.end(),
+              [&](std::size_t x, std::size_t y) { return reading_[x].name < reading_[y].name; });
     std::vector<Entry> sorted;
     sorted.reserve(order.size() + keptEntries.size());
     for (std::size_t k : order) {

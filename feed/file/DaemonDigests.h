@@ -62,10 +62,10 @@ private:
     };
     Digest digest(const DaemonState& daemon);
 
-    std::vector<Entry> known_;     // the last accepted file, by name
-    std::vector<Entry> reading_;   // the file being read, in file order
-    std::vector<bool> differs_;    // per entry of reading_
-    std::string scratch_;          // the encoding being hashed, kept to be allocated once
+    std::vector<Entry> known_;   // the last accepted file, by name
+    std::vector<Entry> reading_; // the file being read, in file order
+    std::vector<bool> differs_;  // per entry of reading_
+    std::string scratch_;        // the encoding being hashed, kept to be allocated once
 };
 
 } // namespace Feed

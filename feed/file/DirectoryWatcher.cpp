@@ -24,7 +24,9 @@ DirectoryWatcher::DirectoryWatcher(std::string dir, std::string name) : dir_(std
     if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "inotify_init1");
 }
 
-DirectoryWatcher::~DirectoryWatcher() { ::close(fd_); }
+DirectoryWatcher::~DirectoryWatcher() {
+    ::close(fd_);
+}
 
 int DirectoryWatcher::watch() {
     if (wd_ >= 0) return 0;
@@ -71,7 +73,7 @@ void DirectoryWatcher::resolveTarget() {
 
 DirectoryWatcher::Events DirectoryWatcher::read() {
     Events events;
-    bool retarget = false;   // the link (or its target's directory) changed: resolve it again
+    bool retarget = false; // the link (or its target's directory) changed: resolve it again
     alignas(inotify_event) char buffer[16 * 1024];
     for (;;) {
         ssize_t got = ::read(fd_, buffer, sizeof buffer);
@@ -85,7 +87,7 @@ DirectoryWatcher::Events DirectoryWatcher::read() {
             }
             const bool onDir = wd_ >= 0 && ev->wd == wd_;
             const bool onTarget = targetWd_ >= 0 && ev->wd == targetWd_;
-            if (!onDir && !onTarget) continue;   // a watch given up already
+            if (!onDir && !onTarget) continue; // a watch given up already
             if (ev->mask & selfEvents) {
                 if (onDir) {
                     if (!(ev->mask & IN_IGNORED)) ::inotify_rm_watch(fd_, wd_);
@@ -108,7 +110,8 @@ DirectoryWatcher::Events DirectoryWatcher::read() {
                 if (ev->mask & IN_CREATE) {
                     // A new link is complete once made; a new regular file is read when closed.
                     std::error_code ec;
-                    if (std::filesystem::is_symlink(std::filesystem::symlink_status(std::filesystem::path(dir_) / name_, ec))) {
+                    if (std::filesystem::is_symlink(
+                            std::filesystem::symlink_status(std::filesystem::path(dir_) / name_, ec))) {
                         events.written = true;
                         events.removed = false;
                     }

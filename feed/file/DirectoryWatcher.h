@@ -36,10 +36,10 @@ public:
     // What happened since the last read, the last event of the file deciding between
     // written and removed.
     struct Events {
-        bool written = false;   // a write to the file was closed, a file was moved in under
-                                // its name, or events were lost (read it again to be sure)
-        bool removed = false;   // the file was deleted or moved away, and not written since
-        bool dirGone = false;   // the directory itself was removed, moved or unmounted
+        bool written = false; // a write to the file was closed, a file was moved in under
+                              // its name, or events were lost (read it again to be sure)
+        bool removed = false; // the file was deleted or moved away, and not written since
+        bool dirGone = false; // the directory itself was removed, moved or unmounted
     };
     // Reads every waiting event without blocking.
     Events read();
@@ -54,9 +54,9 @@ private:
     std::string name_;
     int fd_ = -1;
     int wd_ = -1;
-    std::string targetDir_;    // of the link's target; empty when the file is no link
+    std::string targetDir_; // of the link's target; empty when the file is no link
     std::string targetName_;
-    int targetWd_ = -1;        // may equal wd_ when the target is in the same directory
+    int targetWd_ = -1; // may equal wd_ when the target is in the same directory
 };
 
 } // namespace Feed

@@ -24,7 +24,9 @@ constexpr int releaseMillis = 1000;
 // Lines about skipped daemon entries per read; the rest are counted in one more line.
 constexpr std::size_t maxSkipLines = 20;
 
-std::string errnoText(int e) { return std::error_code(e, std::generic_category()).message(); }
+std::string errnoText(int e) {
+    return std::error_code(e, std::generic_category()).message();
+}
 
 // Why a directory cannot be watched, with what to raise when it is a limit of the kernel's.
 std::string watchErrorText(int e) {
@@ -43,7 +45,9 @@ FileSource::FileSource(std::string path) : path_(std::move(path)), skeleton_("st
         throw std::invalid_argument("state file " + path_ + " does not name a file");
 }
 
-FileSource::~FileSource() { stop(); }
+FileSource::~FileSource() {
+    stop();
+}
 
 void FileSource::accepted(const SkippedDaemons& skipped) {
     reads_.fetch_add(1, std::memory_order_relaxed);
@@ -63,8 +67,7 @@ void FileSource::accepted(const SkippedDaemons& skipped) {
         return before;
     });
     // After the changes (queued by the caller): "recovered" follows "applied".
-    if (was == SourceState::refused || was == SourceState::gone)
-        recoveredFrom_ = was;
+    if (was == SourceState::refused || was == SourceState::gone) recoveredFrom_ = was;
 }
 
 std::string FileSource::skipLine(const SkippedDaemon& d) const {
@@ -75,7 +78,8 @@ void FileSource::saySkipped(const SkippedDaemons& skipped) {
     std::size_t n = 0;
     for (const SkippedDaemon& d : skipped) {
         if (++n > maxSkipLines) {
-            skeleton_.say(Severity::warning, std::to_string(skipped.size() - maxSkipLines) + " more daemon entries skipped");
+            skeleton_.say(Severity::warning,
+                          std::to_string(skipped.size() - maxSkipLines) + " more daemon entries skipped");
             break;
         }
         skeleton_.postLine(Severity::warning, skipLine(d));
@@ -101,7 +105,9 @@ void FileSource::lost(const std::string& line) {
     skeleton_.postLine(Severity::warning, line);
 }
 
-std::uint64_t FileSource::reads() const { return reads_.load(std::memory_order_relaxed); }
+std::uint64_t FileSource::reads() const {
+    return reads_.load(std::memory_order_relaxed);
+}
 
 void FileSource::loadInitial() {
     if (worker_.joinable()) throw std::logic_error("FileSource::loadInitial: the source is started");
@@ -114,7 +120,7 @@ void FileSource::loadInitial() {
         throw;
     }
     accepted(skipped);
-    saySkipped(skipped);   // nothing is known yet: every skipped daemon is not served
+    saySkipped(skipped); // nothing is known yet: every skipped daemon is not served
     digests_.remember(state);
     ChangedDaemons all;
     all.reserve(state.size());
@@ -150,7 +156,7 @@ void FileSource::stop() {
 void FileSource::reload(IfMissing ifMissing) {
     const std::string file = dir_ + "/" + name_;
     if (ifMissing != IfMissing::refuse) {
-        struct stat st{};
+        struct stat st {};
         if (::stat(file.c_str(), &st) != 0 && errno == ENOENT) {
             if (ifMissing == IfMissing::sayRemoved)
                 lost("state file " + path_ + ": removed; serving the last state until it is written again");
@@ -181,7 +187,7 @@ void FileSource::reload(IfMissing ifMissing) {
     std::sort(kept.begin(), kept.end());
     kept.erase(std::unique(kept.begin(), kept.end()), kept.end());
     ChangedDaemons changed = digests_.commit(next, kept);
-    if (catchUp_ && !changed.empty())   // the file changed before the watch was armed: a reload after all
+    if (catchUp_ && !changed.empty()) // the file changed before the watch was armed: a reload after all
         skeleton_.updateHealth([](SourceHealth& h) { ++h.reloads; });
     // What the parse took is free again once the worker is idle (see run()).
     next = LauncherState();
@@ -191,8 +197,8 @@ void FileSource::reload(IfMissing ifMissing) {
 }
 
 void FileSource::run() {
-    bool lostDir = false;   // the directory could not be watched, and that was said
-    bool rewatch = false;   // the watch ended while the directory stayed: arm it and read again
+    bool lostDir = false; // the directory could not be watched, and that was said
+    bool rewatch = false; // the watch ended while the directory stayed: arm it and read again
     bool first = true;
     for (;;) {
         try {
@@ -209,8 +215,8 @@ void FileSource::run() {
                             throw;
                         }
                         catchUp_ = false;
-                    }
-                    else if (lostDir || rewatch) reload(IfMissing::ignore);
+                    } else if (lostDir || rewatch)
+                        reload(IfMissing::ignore);
                     lostDir = rewatch = false;
                 } else if (!lostDir) {
                     lost("state file " + path_ + ": cannot watch directory " + dir_ + ": " + watchErrorText(err) +
@@ -243,15 +249,18 @@ void FileSource::run() {
                     // it, say): arm it again, and say why if that fails.
                     rewatch = true;
                 } else {
-                    lost("state file " + path_ + ": directory " + dir_ + " is gone; serving the last state, looking for it every " +
-                         std::to_string(rearmMillis) + " ms");
+                    lost("state file " + path_ + ": directory " + dir_ +
+                         " is gone; serving the last state, looking for it every " + std::to_string(rearmMillis) +
+                         " ms");
                     lostDir = true;
                 }
             }
             // When the directory went, the reload follows once it is back.
             if (!watcher_->watching()) continue;
-            if (events.written) reload(IfMissing::refuse);
-            else if (events.removed) lost("state file " + path_ + ": removed; serving the last state until it is written again");
+            if (events.written)
+                reload(IfMissing::refuse);
+            else if (events.removed)
+                lost("state file " + path_ + ": removed; serving the last state until it is written again");
         } catch (const std::exception& e) {
             skeleton_.say(Severity::error, std::string("reload failed: ") + e.what());
             // Do not spin on a persistent failure.

@@ -86,21 +86,21 @@ private:
     void lost(const std::string& line);
 
     std::string path_;
-    std::string dir_;                   // absolute directory of the file
-    std::string name_;                  // file name inside it
-    SourceSkeleton skeleton_;           // worker -> loop: events, wake-up, health
-    EventFd stop_;                      // stop() -> worker
-    EventFd reread_;                    // reread() -> worker
+    std::string dir_;         // absolute directory of the file
+    std::string name_;        // file name inside it
+    SourceSkeleton skeleton_; // worker -> loop: events, wake-up, health
+    EventFd stop_;            // stop() -> worker
+    EventFd reread_;          // reread() -> worker
     std::thread worker_;
     bool loadedInitial_ = false;
 
     // The worker's own (touched by one thread at a time: the loop before start, the worker after).
     std::unique_ptr<DirectoryWatcher> watcher_;
     DaemonDigests digests_;
-    bool releasePending_ = false;       // the worker has memory to hand back once idle
-    bool catchUp_ = false;              // the read made when the watch is first armed
-    SourceState recoveredFrom_ = SourceState::notLoaded;   // a recovery to say, from this state
-    std::atomic<std::uint64_t> reads_{0};   // accepted reads (see reads())
+    bool releasePending_ = false;                        // the worker has memory to hand back once idle
+    bool catchUp_ = false;                               // the read made when the watch is first armed
+    SourceState recoveredFrom_ = SourceState::notLoaded; // a recovery to say, from this state
+    std::atomic<std::uint64_t> reads_{0};                // accepted reads (see reads())
 };
 
 } // namespace Feed

@@ -16,9 +16,13 @@ namespace Feed {
 
 namespace {
 
-std::string prefix(const std::string& file) { return "state file " + file + ": "; }
+std::string prefix(const std::string& file) {
+    return "state file " + file + ": ";
+}
 
-std::string errnoText(int e) { return std::error_code(e, std::generic_category()).message(); }
+std::string errnoText(int e) {
+    return std::error_code(e, std::generic_category()).message();
+}
 
 } // namespace
 
@@ -30,7 +34,7 @@ std::string readStateFileBytes(const std::string& path, const std::string& shown
         int fd;
         ~Closer() { ::close(fd); }
     } closer{fd};
-    struct stat st{};
+    struct stat st {};
     if (::fstat(fd, &st) != 0) throw StateError(prefix(shown) + "cannot read: " + errnoText(errno));
     if (!S_ISREG(st.st_mode)) throw StateError(prefix(shown) + "not a regular file");
     if (static_cast<std::uint64_t>(st.st_size) > maxStateFileBytes)
@@ -42,7 +46,7 @@ std::string readStateFileBytes(const std::string& path, const std::string& shown
     std::size_t got = 0;
     for (;;) {
         if (got == buffer.size()) {
-            if (got > maxStateFileBytes)   // it grew while being read
+            if (got > maxStateFileBytes) // it grew while being read
                 throw StateError(prefix(shown) + "file is more than " + std::to_string(maxStateFileBytes) + " bytes");
             buffer.resize(std::min(buffer.size() * 2, maxStateFileBytes + 1));
         }

@@ -48,7 +48,9 @@ static_assert(maxKeyBytes <= GenericAgent::AgentKey::maxLength);
 // may look up to 15 bytes past the terminating zero.
 constexpr std::size_t padBytes = 16;
 
-std::string prefix(const std::string& file) { return "state file " + file + ": "; }
+std::string prefix(const std::string& file) {
+    return "state file " + file + ": ";
+}
 
 // 1-based line and column (in bytes) of offset.
 std::pair<std::size_t, std::size_t> lineColumn(std::string_view text, std::size_t offset) {
@@ -68,12 +70,18 @@ enum class Kind { null, boolean, number, string, object, array };
 
 const char* kindText(Kind k) {
     switch (k) {
-    case Kind::null: return "null";
-    case Kind::boolean: return "a boolean";
-    case Kind::number: return "a number";
-    case Kind::string: return "a string";
-    case Kind::object: return "an object";
-    case Kind::array: return "an array";
+        case Kind::null:
+            return "null";
+        case Kind::boolean:
+            return "a boolean";
+        case Kind::number:
+            return "a number";
+        case Kind::string:
+            return "a string";
+        case Kind::object:
+            return "an object";
+        case Kind::array:
+            return "an array";
     }
     return "?";
 }
@@ -89,7 +97,7 @@ public:
         : stream_(stream), text_(text), sieve_(sieve), skipped_(skipped) {}
 
     LauncherState state;
-    std::string error;   // without the file prefix; empty while all is well
+    std::string error; // without the file prefix; empty while all is well
 
     bool Null() { return skipping_ ? skipScalar() : wrongType(Kind::null); }
     bool Bool(bool b) {
@@ -124,15 +132,24 @@ public:
         ++depth_;
         if (skipping_) return true;
         switch (at_) {
-        case At::root: at_ = At::top; return true;
-        case At::daemonsValue: at_ = At::daemons; return true;
-        case At::daemonValue: at_ = At::daemon; return true;
-        case At::sectionValue:
-            seenFlag_ = seenKeys_ = false;
-            at_ = At::section;
-            return true;
-        case At::keysValue: at_ = At::keys; return true;
-        default: return wrongType(Kind::object);
+            case At::root:
+                at_ = At::top;
+                return true;
+            case At::daemonsValue:
+                at_ = At::daemons;
+                return true;
+            case At::daemonValue:
+                at_ = At::daemon;
+                return true;
+            case At::sectionValue:
+                seenFlag_ = seenKeys_ = false;
+                at_ = At::section;
+                return true;
+            case At::keysValue:
+                at_ = At::keys;
+                return true;
+            default:
+                return wrongType(Kind::object);
         }
     }
 
@@ -140,38 +157,41 @@ public:
         if (skipping_) return true;
         std::string_view k(s, n);
         switch (at_) {
-        case At::top:
-            if (k != "daemons") return unknownMember("top level", k, "\"daemons\"");
-            if (seenDaemons_) return fail("top level: member \"daemons\" appears twice");
-            seenDaemons_ = true;
-            at_ = At::daemonsValue;
-            return true;
-        case At::daemons: return daemonName(k);
-        case At::daemon:
-            if (k == "config" || k == "status") {
-                inConfig_ = k == "config";
-                bool& has = inConfig_ ? daemon_->hasConfig : daemon_->hasStatus;
-                if (has) return fail("daemon " + quote(*name_) + ": member " + quote(k) + " appears twice");
-                has = true;
-                at_ = At::sectionValue;
+            case At::top:
+                if (k != "daemons") return unknownMember("top level", k, "\"daemons\"");
+                if (seenDaemons_) return fail("top level: member \"daemons\" appears twice");
+                seenDaemons_ = true;
+                at_ = At::daemonsValue;
+                return true;
+            case At::daemons:
+                return daemonName(k);
+            case At::daemon:
+                if (k == "config" || k == "status") {
+                    inConfig_ = k == "config";
+                    bool& has = inConfig_ ? daemon_->hasConfig : daemon_->hasStatus;
+                    if (has) return fail("daemon " + quote(*name_) + ": member " + quote(k) + " appears twice");
+                    has = true;
+                    at_ = At::sectionValue;
+                    return true;
+                }
+                return unknownMember("daemon " + quote(*name_), k, "\"config\" or \"status\"");
+            case At::section: {
+                const char* flagName = inConfig_ ? "enabled" : "running";
+                const char* keysName = inConfig_ ? "options" : "data";
+                bool flag = k == flagName;
+                if (!flag && k != keysName)
+                    return unknownMember(section(), k, "\"" + std::string(flagName) + "\" or \"" + keysName + "\"");
+                bool& seen = flag ? seenFlag_ : seenKeys_;
+                if (seen) return fail(section() + ": member " + quote(k) + " appears twice");
+                seen = true;
+                member_ = flag ? flagName : keysName;
+                at_ = flag ? At::flagValue : At::keysValue;
                 return true;
             }
-            return unknownMember("daemon " + quote(*name_), k, "\"config\" or \"status\"");
-        case At::section: {
-            const char* flagName = inConfig_ ? "enabled" : "running";
-            const char* keysName = inConfig_ ? "options" : "data";
-            bool flag = k == flagName;
-            if (!flag && k != keysName)
-                return unknownMember(section(), k, "\"" + std::string(flagName) + "\" or \"" + keysName + "\"");
-            bool& seen = flag ? seenFlag_ : seenKeys_;
-            if (seen) return fail(section() + ": member " + quote(k) + " appears twice");
-            seen = true;
-            member_ = flag ? flagName : keysName;
-            at_ = flag ? At::flagValue : At::keysValue;
-            return true;
-        }
-        case At::keys: return keyName(k);
-        default: return false;   // the reader hands keys only inside objects
+            case At::keys:
+                return keyName(k);
+            default:
+                return false; // the reader hands keys only inside objects
         }
     }
 
@@ -179,21 +199,28 @@ public:
         --depth_;
         if (skipping_) return skipEnd();
         switch (at_) {
-        case At::top:
-            if (!seenDaemons_) return fail("top level: no \"daemons\" member");
-            at_ = At::done;
-            return true;
-        case At::daemons: at_ = At::top; return true;
-        case At::daemon:
-            if (sieve_ && !(*sieve_)(*name_, *daemon_)) {
-                daemon_->options.clear();
-                daemon_->data.clear();
-            }
-            at_ = At::daemons;
-            return true;
-        case At::section: at_ = At::daemon; return true;
-        case At::keys: at_ = At::section; return true;
-        default: return false;
+            case At::top:
+                if (!seenDaemons_) return fail("top level: no \"daemons\" member");
+                at_ = At::done;
+                return true;
+            case At::daemons:
+                at_ = At::top;
+                return true;
+            case At::daemon:
+                if (sieve_ && !(*sieve_)(*name_, *daemon_)) {
+                    daemon_->options.clear();
+                    daemon_->data.clear();
+                }
+                at_ = At::daemons;
+                return true;
+            case At::section:
+                at_ = At::daemon;
+                return true;
+            case At::keys:
+                at_ = At::section;
+                return true;
+            default:
+                return false;
         }
     }
 
@@ -217,18 +244,18 @@ public:
 
 private:
     enum class At {
-        root,          // before the top-level value
-        top,           // in the top-level object
-        daemonsValue,  // "daemons": ?
-        daemons,       // in the daemons object
-        daemonValue,   // "name": ?
-        daemon,        // in a daemon
-        sectionValue,  // "config" / "status": ?
-        section,       // in a config or status
-        flagValue,     // "enabled" / "running": ?
-        keysValue,     // "options" / "data": ?
-        keys,          // in options or data
-        value,         // "key": ?
+        root,         // before the top-level value
+        top,          // in the top-level object
+        daemonsValue, // "daemons": ?
+        daemons,      // in the daemons object
+        daemonValue,  // "name": ?
+        daemon,       // in a daemon
+        sectionValue, // "config" / "status": ?
+        section,      // in a config or status
+        flagValue,    // "enabled" / "running": ?
+        keysValue,    // "options" / "data": ?
+        keys,         // in options or data
+        value,        // "key": ?
         done,
     };
 
@@ -250,16 +277,18 @@ private:
     // Between a daemon's name and the end of its value.
     bool inDaemon() const {
         switch (at_) {
-        case At::daemons:   // a daemon's name refused before it was taken
-        case At::daemonValue:
-        case At::daemon:
-        case At::sectionValue:
-        case At::section:
-        case At::flagValue:
-        case At::keysValue:
-        case At::keys:
-        case At::value: return true;
-        default: return false;
+            case At::daemons: // a daemon's name refused before it was taken
+            case At::daemonValue:
+            case At::daemon:
+            case At::sectionValue:
+            case At::section:
+            case At::flagValue:
+            case At::keysValue:
+            case At::keys:
+            case At::value:
+                return true;
+            default:
+                return false;
         }
     }
 
@@ -307,14 +336,21 @@ private:
     // The value being read, for messages.
     std::string where() const {
         switch (at_) {
-        case At::root: return "top level";
-        case At::daemonsValue: return "\"daemons\"";
-        case At::daemonValue: return "daemon " + quote(*name_);
-        case At::sectionValue: return section();
-        case At::flagValue:
-        case At::keysValue: return section() + " \"" + member_ + "\"";
-        case At::value: return "daemon " + quote(*name_) + (inConfig_ ? " option " : " data ") + quote(*key_);
-        default: return "top level";
+            case At::root:
+                return "top level";
+            case At::daemonsValue:
+                return "\"daemons\"";
+            case At::daemonValue:
+                return "daemon " + quote(*name_);
+            case At::sectionValue:
+                return section();
+            case At::flagValue:
+            case At::keysValue:
+                return section() + " \"" + member_ + "\"";
+            case At::value:
+                return "daemon " + quote(*name_) + (inConfig_ ? " option " : " data ") + quote(*key_);
+            default:
+                return "top level";
         }
     }
 
@@ -376,12 +412,12 @@ private:
     const rapidjson::StringStream& stream_;
     std::string_view text_;
     const DaemonSieve* sieve_;
-    SkippedDaemons* skipped_;                 // null: a bad daemon refuses the file
-    std::set<std::string> skippedNames_;      // indexable names skipped so far
-    std::string pendingName_;                 // the daemon name being checked
+    SkippedDaemons* skipped_;            // null: a bad daemon refuses the file
+    std::set<std::string> skippedNames_; // indexable names skipped so far
+    std::string pendingName_;            // the daemon name being checked
     bool pendingIndexable_ = false;
-    int depth_ = 0;                           // objects and arrays open
-    bool skipping_ = false;                   // passing over a skipped daemon's value
+    int depth_ = 0;         // objects and arrays open
+    bool skipping_ = false; // passing over a skipped daemon's value
     At at_ = At::root;
     bool seenDaemons_ = false;
     const std::string* name_ = nullptr;
@@ -400,8 +436,9 @@ LauncherState parsePadded(const char* text, std::size_t n, const std::string& fi
     std::string_view view(text, n);
     if (view.find_first_not_of(" \t\n\r") == std::string_view::npos) throw StateError(prefix(file) + "file is empty");
     if (view.substr(0, 3) == "\xEF\xBB\xBF")
-        throw StateError(prefix(file) + "starts with a UTF-8 byte-order mark (EF BB BF), which JSON does not allow: "
-                                        "write the file without it");
+        throw StateError(prefix(file) +
+                         "starts with a UTF-8 byte-order mark (EF BB BF), which JSON does not allow: "
+                         "write the file without it");
     if (const void* zero = std::memchr(text, 0, n)) {
         auto [line, column] = lineColumn(view, static_cast<std::size_t>(static_cast<const char*>(zero) - text));
         throw StateError(prefix(file) + "line " + std::to_string(line) + ", column " + std::to_string(column) +
@@ -462,7 +499,9 @@ LauncherState parseState(std::string_view json, const std::string& fileName, Ski
     return parsePadded(buffer.data(), json.size(), fileName, nullptr, &skipped);
 }
 
-LauncherState loadStateFile(const std::string& path) { return loadPadded(path, path, nullptr, nullptr); }
+LauncherState loadStateFile(const std::string& path) {
+    return loadPadded(path, path, nullptr, nullptr);
+}
 
 LauncherState loadStateFile(const std::string& path, SkippedDaemons& skipped) {
     return loadPadded(path, path, nullptr, &skipped);

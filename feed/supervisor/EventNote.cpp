@@ -4,11 +4,16 @@ namespace Feed {
 
 std::string encodeNote(const EventNote& n) {
     switch (n.kind) {
-    case EventNote::Kind::process: return "process\n" + n.group + "\n" + n.name;
-    case EventNote::Kind::group: return "group\n" + n.group;
-    case EventNote::Kind::tick: return "tick";
-    case EventNote::Kind::hello: return "hello";
-    case EventNote::Kind::bye: return "bye";
+        case EventNote::Kind::process:
+            return "process\n" + n.group + "\n" + n.name;
+        case EventNote::Kind::group:
+            return "group\n" + n.group;
+        case EventNote::Kind::tick:
+            return "tick";
+        case EventNote::Kind::hello:
+            return "hello";
+        case EventNote::Kind::bye:
+            return "bye";
     }
     return {};
 }

@@ -25,8 +25,8 @@ namespace Feed {
 struct EventNote {
     enum class Kind { process, group, tick, hello, bye };
     Kind kind = Kind::hello;
-    std::string group;   // process, group
-    std::string name;    // process
+    std::string group; // process, group
+    std::string name;  // process
 
     friend bool operator==(const EventNote&, const EventNote&) = default;
 };

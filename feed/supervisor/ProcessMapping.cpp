@@ -54,7 +54,9 @@ bool boolean(const XmlRpc::Value& entry, std::string_view key) {
     throw std::invalid_argument("member \"" + std::string(key) + "\" is not a boolean");
 }
 
-bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+bool isSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+}
 
 std::string_view trimmed(std::string_view s) {
     while (!s.empty() && isSpace(s.front())) s.remove_prefix(1);
@@ -132,8 +134,7 @@ std::vector<std::string> parseProcessPatterns(std::string_view patterns) {
     for (;;) {
         std::size_t comma = patterns.find(',');
         std::string_view item = trimmed(patterns.substr(0, comma));
-        if (item.empty())
-            throw std::invalid_argument("process patterns: item " + std::to_string(index) + " is empty");
+        if (item.empty()) throw std::invalid_argument("process patterns: item " + std::to_string(index) + " is empty");
         out.emplace_back(item);
         if (comma == std::string_view::npos) break;
         patterns.remove_prefix(comma + 1);

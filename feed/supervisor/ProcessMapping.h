@@ -44,16 +44,16 @@ namespace Feed {
 struct ProcessConfig {
     std::string name;
     std::string group;
-    bool inUse = false;          // its group runs (false after reread, before update)
+    bool inUse = false; // its group runs (false after reread, before update)
     bool autostart = false;
     std::string command;
-    std::string directory;       // "" or "none": not set
-    std::string uid;             // as reported; "none": not set
-    std::string autorestart;     // "" when supervisord does not report it
+    std::string directory;   // "" or "none": not set
+    std::string uid;         // as reported; "none": not set
+    std::string autorestart; // "" when supervisord does not report it
     std::int64_t startsecs = 0;
     std::int64_t startretries = 0;
     std::int64_t stopsignal = 0;
-    std::int64_t priority = 0;   // the process's priority
+    std::int64_t priority = 0; // the process's priority
 
     friend bool operator==(const ProcessConfig&, const ProcessConfig&) = default;
 };
@@ -62,9 +62,9 @@ struct ProcessConfig {
 struct ProcessInfo {
     std::string name;
     std::string group;
-    std::int64_t start = 0;      // seconds since the epoch; 0: never
+    std::int64_t start = 0; // seconds since the epoch; 0: never
     std::int64_t stop = 0;
-    std::int64_t state = 0;      // supervisord's state code (RUNNING is 20)
+    std::int64_t state = 0; // supervisord's state code (RUNNING is 20)
     std::string statename;
     std::string spawnerr;
     std::int64_t exitstatus = 0;
@@ -83,10 +83,9 @@ inline constexpr std::int64_t processExited = 100;
 enum class CommandShown { executable, whole };
 
 inline constexpr std::array<std::string_view, 9> processOptionKeys{
-    "command", "directory", "user", "autorestart", "startsecs", "startretries",
-    "stopsignal", "priority", "group"};
-inline constexpr std::array<std::string_view, 7> processDataKeys{
-    "statename", "pid", "start", "stop", "exitstatus", "spawnerr", "description"};
+    "command", "directory", "user", "autorestart", "startsecs", "startretries", "stopsignal", "priority", "group"};
+inline constexpr std::array<std::string_view, 7> processDataKeys{"statename",  "pid",      "start",      "stop",
+                                                                 "exitstatus", "spawnerr", "description"};
 
 // The values of one entry; throw std::invalid_argument naming the member that is missing
 // or of the wrong type.

@@ -11,12 +11,18 @@ std::uint64_t daemonDigest(const DaemonState& d) {
     s += d.hasConfig ? 'C' : 'c';
     s += d.enabled ? 'E' : 'e';
     for (const auto& [k, v] : d.options) {
-        s += k; s += '\0'; s += v; s += '\0';
+        s += k;
+        s += '\0';
+        s += v;
+        s += '\0';
     }
     s += d.hasStatus ? 'S' : 's';
     s += d.running ? 'R' : 'r';
     for (const auto& [k, v] : d.data) {
-        s += k; s += '\0'; s += v; s += '\0';
+        s += k;
+        s += '\0';
+        s += v;
+        s += '\0';
     }
     return std::hash<std::string>{}(s);
 }
@@ -70,7 +76,7 @@ ProcessTracker::Result ProcessTracker::replaceAll(const std::vector<ProcessConfi
     std::vector<std::string> gone;
     while (a != next.end() || h != handed_.end()) {
         if (h == handed_.end() || (a != next.end() && a->first < h->first)) {
-            offer(a->first, a->second, out);   // inserts into handed_ before h: h stays valid
+            offer(a->first, a->second, out); // inserts into handed_ before h: h stays valid
             ++a;
         } else if (a == next.end() || h->first < a->first) {
             out.emplace_back(h->first, std::nullopt);

@@ -27,9 +27,9 @@ namespace Feed {
 class ProcessTracker {
 public:
     struct Result {
-        ChangedDaemons changed;            // in name order; none: nothing differs
-        std::vector<std::string> lines;    // warnings (skipped names), without the source's prefix
-        bool needFullRead = false;         // a process appeared that only a full read describes
+        ChangedDaemons changed;         // in name order; none: nothing differs
+        std::vector<std::string> lines; // warnings (skipped names), without the source's prefix
+        bool needFullRead = false;      // a process appeared that only a full read describes
     };
 
     ProcessTracker(std::vector<std::string> patterns, CommandShown command);
@@ -71,8 +71,8 @@ private:
     std::vector<std::string> patterns_;
     CommandShown command_;
     std::map<std::string, Entry> known_;
-    std::map<std::string, std::uint64_t> handed_;   // digest of what was handed over
-    std::set<std::string> warned_;                  // skipped names said once each
+    std::map<std::string, std::uint64_t> handed_; // digest of what was handed over
+    std::set<std::string> warned_;                // skipped names said once each
     std::size_t skippedNow_ = 0;
     std::string lastSkip_;
 };

@@ -20,7 +20,7 @@ constexpr std::size_t maxReplyBytes = 256u << 20;
 size_t onBody(char* data, size_t size, size_t count, void* user) {
     auto& body = *static_cast<std::string*>(user);
     std::size_t n = size * count;
-    if (body.size() + n > maxReplyBytes) return 0;   // makes curl fail the transfer
+    if (body.size() + n > maxReplyBytes) return 0; // makes curl fail the transfer
     body.append(data, n);
     return n;
 }
@@ -43,7 +43,8 @@ SupervisorEndpoint SupervisorEndpoint::parse(std::string_view text) {
         if (rest.find('/') == std::string_view::npos) e.url += "/RPC2";
         return e;
     }
-    if (text.starts_with("unix://")) text.remove_prefix(7);
+    if (text.starts_with("unix://"))
+        text.remove_prefix(7);
     else if (text.find("://") != std::string_view::npos)
         throw std::invalid_argument("supervisord address \"" + std::string(text) +
                                     "\": neither a socket path, unix://PATH nor http://HOST:PORT");

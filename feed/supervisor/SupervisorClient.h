@@ -26,8 +26,8 @@ namespace Feed {
 
 // Where supervisord listens.
 struct SupervisorEndpoint {
-    std::string socketPath;   // a Unix socket; empty: url
-    std::string url;          // with socketPath: "http://localhost/RPC2"
+    std::string socketPath; // a Unix socket; empty: url
+    std::string url;        // with socketPath: "http://localhost/RPC2"
 
     // From "PATH", "unix://PATH" or "http://HOST:PORT[/PATH]" (no path: /RPC2). Throws
     // std::invalid_argument naming what is wrong for an empty text or another scheme.
@@ -40,11 +40,11 @@ struct SupervisorEndpoint {
 class SupervisorCallError : public std::runtime_error {
 public:
     enum class Kind {
-        unreachable,   // no connection (nothing listens, the connection dropped)
-        timeout,       // connected, but no complete answer in time
-        cancelled,     // Options::cancel was set
-        refused,       // an HTTP status other than 200 (401: wrong or missing credentials)
-        badReply,      // not a well-formed methodResponse
+        unreachable, // no connection (nothing listens, the connection dropped)
+        timeout,     // connected, but no complete answer in time
+        cancelled,   // Options::cancel was set
+        refused,     // an HTTP status other than 200 (401: wrong or missing credentials)
+        badReply,    // not a well-formed methodResponse
     };
     SupervisorCallError(Kind kind, const std::string& what) : std::runtime_error(what), kind_(kind) {}
     Kind kind() const noexcept { return kind_; }
@@ -56,11 +56,11 @@ private:
 class SupervisorClient {
 public:
     struct Options {
-        std::chrono::milliseconds timeout{5000};          // per call, connecting included
+        std::chrono::milliseconds timeout{5000}; // per call, connecting included
         std::chrono::milliseconds connectTimeout{1000};
-        std::string username;                             // basic authentication when set
+        std::string username; // basic authentication when set
         std::string password;
-        const std::atomic<bool>* cancel = nullptr;        // when set and true, a call ends at once
+        const std::atomic<bool>* cancel = nullptr; // when set and true, a call ends at once
     };
 
     // Throws std::runtime_error when libcurl cannot be set up.

@@ -26,8 +26,8 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds firstRetry{100};
 constexpr milliseconds lastRetry{5000};
-constexpr std::int64_t faultBadName = 10;        // supervisord: no such process
-constexpr std::int64_t faultShutdownState = 6;   // supervisord: shutting down or restarting
+constexpr std::int64_t faultBadName = 10;      // supervisord: no such process
+constexpr std::int64_t faultShutdownState = 6; // supervisord: shutting down or restarting
 constexpr std::size_t maxNotesPerRound = 4096;
 // Processes whose exit is watched with a pidfd at most (descriptors are not unlimited).
 constexpr std::size_t maxWatched = 512;
@@ -45,8 +45,8 @@ sockaddr_un socketAddress(const std::string& path) {
     a.sun_family = AF_UNIX;
     if (path.size() >= sizeof a.sun_path)
         throw std::invalid_argument("events socket \"" + path + "\": the path is " + std::to_string(path.size()) +
-                                    " bytes, more than a Unix socket allows (" +
-                                    std::to_string(sizeof a.sun_path - 1) + ")");
+                                    " bytes, more than a Unix socket allows (" + std::to_string(sizeof a.sun_path - 1) +
+                                    ")");
     std::memcpy(a.sun_path, path.c_str(), path.size() + 1);
     return a;
 }
@@ -60,7 +60,7 @@ public:
     explicit Worker(SupervisorSource& s)
         : s_(s),
           client_(s.options_.endpoint, SupervisorClient::Options{s.options_.callTimeout, milliseconds(1000),
-                                                                s.options_.username, s.options_.password, &cancel_}),
+                                                                 s.options_.username, s.options_.password, &cancel_}),
           tracker_(s.options_.patterns, s.options_.command) {}
 
     enum class Link { never, up, down };
@@ -116,14 +116,12 @@ void SupervisorSource::Worker::lost(SourceState state, const std::string& why, b
     bool wasUp = link_ == Link::up;
     bool wasState = s_.skeleton_.updateHealth([&](SourceHealth& h) {
         bool same = h.state == state;
-        if (h.state != SourceState::notLoaded || state != SourceState::busLost || link_ != Link::never)
-            h.state = state;
+        if (h.state != SourceState::notLoaded || state != SourceState::busLost || link_ != Link::never) h.state = state;
         h.connected = false;
         return same;
     });
     if (link_ == Link::never) {
-        if (initial)
-            s_.skeleton_.say(Severity::warning, "cannot connect: " + why + "; serving nothing, trying again");
+        if (initial) s_.skeleton_.say(Severity::warning, "cannot connect: " + why + "; serving nothing, trying again");
         return;
     }
     link_ = Link::down;
@@ -139,7 +137,8 @@ void SupervisorSource::Worker::failed(std::exception_ptr error, bool initial) {
     try {
         std::rethrow_exception(error);
     } catch (const XmlRpc::Fault& f) {
-        if (f.code() == faultShutdownState) return lost(SourceState::busLost, "supervisord is shutting down or restarting", initial);
+        if (f.code() == faultShutdownState)
+            return lost(SourceState::busLost, "supervisord is shutting down or restarting", initial);
         answered();
         std::string line = std::string(f.what()) + "; serving the last state";
         s_.skeleton_.updateHealth([&](SourceHealth& h) {
@@ -150,23 +149,26 @@ void SupervisorSource::Worker::failed(std::exception_ptr error, bool initial) {
     } catch (const SupervisorCallError& e) {
         using Kind = SupervisorCallError::Kind;
         switch (e.kind()) {
-        case Kind::cancelled: return;
-        case Kind::unreachable: return lost(SourceState::busLost, e.what(), initial);
-        case Kind::timeout: return lost(SourceState::unresponsive, e.what(), initial);
-        case Kind::refused:
-        case Kind::badReply: {
-            std::string line = std::string(e.what()) + "; serving the last state";
-            s_.skeleton_.updateHealth([&](SourceHealth& h) {
-                ++h.refused;
-                h.lastRefusal = s_.skeleton_.name() + ": " + line;
-                h.state = SourceState::refused;
-            });
-            s_.skeleton_.say(Severity::warning, line);
-            retryAt_ = Clock::now() + backoff_;
-            backoff_ = std::min({backoff_ * 2, lastRetry, s_.options_.refresh});
-            if (link_ == Link::up) link_ = Link::down;
-            return;
-        }
+            case Kind::cancelled:
+                return;
+            case Kind::unreachable:
+                return lost(SourceState::busLost, e.what(), initial);
+            case Kind::timeout:
+                return lost(SourceState::unresponsive, e.what(), initial);
+            case Kind::refused:
+            case Kind::badReply: {
+                std::string line = std::string(e.what()) + "; serving the last state";
+                s_.skeleton_.updateHealth([&](SourceHealth& h) {
+                    ++h.refused;
+                    h.lastRefusal = s_.skeleton_.name() + ": " + line;
+                    h.state = SourceState::refused;
+                });
+                s_.skeleton_.say(Severity::warning, line);
+                retryAt_ = Clock::now() + backoff_;
+                backoff_ = std::min({backoff_ * 2, lastRetry, s_.options_.refresh});
+                if (link_ == Link::up) link_ = Link::down;
+                return;
+            }
         }
     }
 }
@@ -179,7 +181,8 @@ bool SupervisorSource::Worker::fullRead(bool initial) {
         XmlRpc::Value i = client_.call("supervisor.getAllProcessInfo");
         auto entries = [](const XmlRpc::Value& v, const char* call, auto convert, auto& into) {
             const XmlRpc::Array* a = v.array();
-            if (!a) throw SupervisorCallError(SupervisorCallError::Kind::badReply, std::string(call) + ": not an array");
+            if (!a)
+                throw SupervisorCallError(SupervisorCallError::Kind::badReply, std::string(call) + ": not an array");
             into.reserve(a->size());
             for (std::size_t n = 0; n < a->size(); ++n) {
                 try {
@@ -254,7 +257,8 @@ SupervisorSource::SupervisorSource(Options options)
     : options_(std::move(options)), skeleton_("supervisord on " + options_.endpoint.text()) {
     if (options_.patterns.empty()) throw std::invalid_argument("supervisor source: no process patterns");
     if (options_.refresh.count() <= 0) throw std::invalid_argument("supervisor source: the refresh must be above 0");
-    if (options_.fullRead.count() <= 0) throw std::invalid_argument("supervisor source: the full read interval must be above 0");
+    if (options_.fullRead.count() <= 0)
+        throw std::invalid_argument("supervisor source: the full read interval must be above 0");
     if (!options_.eventsSocket.empty()) (void)socketAddress(options_.eventsSocket);
     skeleton_.updateHealth([](SourceHealth& h) {
         h.launcher = "supervisord";
@@ -277,7 +281,7 @@ void SupervisorSource::start() {
     if (worker_.joinable()) throw std::logic_error("supervisor source: already started");
     if (!options_.eventsSocket.empty()) {
         sockaddr_un a = socketAddress(options_.eventsSocket);
-        struct stat st{};
+        struct stat st {};
         if (::lstat(a.sun_path, &st) == 0 && S_ISSOCK(st.st_mode)) ::unlink(a.sun_path);
         events_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         if (events_ < 0) throw std::system_error(errno, std::generic_category(), "events socket");
@@ -345,8 +349,10 @@ void SupervisorSource::run() {
                 watched.erase(it);
             } else if (next.size() < maxWatched) {
                 int fd = static_cast<int>(::syscall(SYS_pidfd_open, static_cast<pid_t>(p.pid), 0u));
-                if (fd >= 0) next.emplace(p.pid, Watch{fd, std::move(p.group), std::move(p.name)});
-                else if (errno == ESRCH) rechecks.push_back({p.group, p.name, p.pid, maxRechecks, Clock::now()});
+                if (fd >= 0)
+                    next.emplace(p.pid, Watch{fd, std::move(p.group), std::move(p.name)});
+                else if (errno == ESRCH)
+                    rechecks.push_back({p.group, p.name, p.pid, maxRechecks, Clock::now()});
             }
         }
         closeWatches();
@@ -357,8 +363,10 @@ void SupervisorSource::run() {
     for (;;) {
         now = Clock::now();
         Clock::time_point due = nextFull;
-        if (w.link() != Worker::Link::up) due = std::min(due, w.retryAt());
-        else if (!listening) due = std::min(due, nextPoll);
+        if (w.link() != Worker::Link::up)
+            due = std::min(due, w.retryAt());
+        else if (!listening)
+            due = std::min(due, nextPoll);
         if (listening) due = std::min(due, lastHeard + o.listenerQuiet);
         for (const Recheck& r : rechecks) due = std::min(due, r.due);
         auto wait = std::chrono::duration_cast<milliseconds>(due - now).count();
@@ -406,11 +414,16 @@ void SupervisorSource::run() {
                 if (!note) continue;
                 heard = true;
                 switch (note->kind) {
-                case EventNote::Kind::process: processes.emplace(note->group, note->name); break;
-                case EventNote::Kind::group:
-                case EventNote::Kind::hello:
-                case EventNote::Kind::bye: full = true; break;   // bye: is supervisord going?
-                case EventNote::Kind::tick: break;
+                    case EventNote::Kind::process:
+                        processes.emplace(note->group, note->name);
+                        break;
+                    case EventNote::Kind::group:
+                    case EventNote::Kind::hello:
+                    case EventNote::Kind::bye:
+                        full = true;
+                        break; // bye: is supervisord going?
+                    case EventNote::Kind::tick:
+                        break;
                 }
             }
         }
@@ -431,8 +444,10 @@ void SupervisorSource::run() {
 
         if (w.link() != Worker::Link::up) {
             // Anything heard, or an operator's reread, means supervisord may be back.
-            if (now >= w.retryAt() || full || heard) full = true;
-            else continue;
+            if (now >= w.retryAt() || full || heard)
+                full = true;
+            else
+                continue;
         }
         if (!full && (now >= nextFull || (!listening && now >= nextPoll))) full = true;
         if (full) {

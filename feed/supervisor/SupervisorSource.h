@@ -16,8 +16,8 @@
 //     listener sends one datagram per supervisord event (EventNote.h): for a process that
 //     changed state the worker reads that process again (getProcessInfo); for a group
 //     added or removed (`supervisorctl update`), or a listener that has just started or is
-//     stopping (supervisord stops or restarts: the read finds out which), every process. Datagrams that arrive together are handled as one round, each
-//     process read once.
+//     stopping (supervisord stops or restarts: the read finds out which), every process. Datagrams that arrive together
+//     are handled as one round, each process read once.
 //   - for a supervisord on a Unix socket (on this machine), the exit of each process is
 //     watched with a pidfd (up to 512 processes): the process is read at once, and every
 //     20 ms until supervisord reports it exited (supervisord reaps its children once per
@@ -69,13 +69,13 @@ class SupervisorSource final : public Source {
 public:
     struct Options {
         SupervisorEndpoint endpoint;
-        std::string username;                         // basic authentication; empty: none
+        std::string username; // basic authentication; empty: none
         std::string password;
-        std::vector<std::string> patterns{"*"};       // on the process name or group:name
+        std::vector<std::string> patterns{"*"}; // on the process name or group:name
         CommandShown command = CommandShown::executable;
-        std::string eventsSocket;                     // where the listener sends; empty: none
-        std::chrono::milliseconds refresh{10'000};    // polling while the listener is silent
-        std::chrono::milliseconds fullRead{60'000};   // every process, whatever else happens
+        std::string eventsSocket;                   // where the listener sends; empty: none
+        std::chrono::milliseconds refresh{10'000};  // polling while the listener is silent
+        std::chrono::milliseconds fullRead{60'000}; // every process, whatever else happens
         std::chrono::milliseconds listenerQuiet{16'000};
         std::chrono::milliseconds callTimeout{5'000};
     };
@@ -106,16 +106,16 @@ public:
     // The listener has been heard within listenerQuiet.
     bool listening() const noexcept { return listening_.load(); }
 
-    class Worker;   // the calls and what is known of the processes (SupervisorSource.cpp)
+    class Worker; // the calls and what is known of the processes (SupervisorSource.cpp)
 
 private:
     void run();
 
     Options options_;
     SourceSkeleton skeleton_;
-    EventFd stop_;      // stop() -> worker
-    EventFd reread_;    // reread() -> worker
-    int events_ = -1;   // the events socket, bound by start()
+    EventFd stop_;    // stop() -> worker
+    EventFd reread_;  // reread() -> worker
+    int events_ = -1; // the events socket, bound by start()
     std::thread worker_;
     bool loadedInitial_ = false;
     std::unique_ptr<Worker> work_;

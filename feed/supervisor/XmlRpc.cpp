@@ -26,7 +26,7 @@ struct Builder {
     XML_Parser parser = nullptr;
     std::unique_ptr<Element> root;
     std::vector<Element*> open;
-    std::string error;   // set when the builder stopped the parser
+    std::string error; // set when the builder stopped the parser
 };
 
 void stop(Builder& b, std::string why) {
@@ -65,8 +65,7 @@ void XMLCALL onDoctype(void* data, const XML_Char*, const XML_Char*, const XML_C
 // The only child element of e; throws when e has none or several.
 const Element& onlyChild(const Element& e) {
     if (e.children.size() != 1)
-        throw BadReply("<" + e.name + "> holds " + std::to_string(e.children.size()) +
-                       " elements, expected one");
+        throw BadReply("<" + e.name + "> holds " + std::to_string(e.children.size()) + " elements, expected one");
     return *e.children.front();
 }
 
@@ -91,7 +90,7 @@ std::int64_t integerOf(const Element& e) {
 Value valueOf(const Element& e) {
     if (e.name != "value") throw BadReply("expected <value>, found <" + e.name + ">");
     Value out;
-    if (e.children.empty()) {   // no type element: a string
+    if (e.children.empty()) { // no type element: a string
         out.v = e.text;
         return out;
     }
@@ -152,10 +151,17 @@ namespace {
 void escapeInto(std::string& out, std::string_view s) {
     for (char c : s) {
         switch (c) {
-        case '&': out += "&amp;"; break;
-        case '<': out += "&lt;"; break;
-        case '>': out += "&gt;"; break;
-        default: out += c;
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            default:
+                out += c;
         }
     }
 }
@@ -177,8 +183,8 @@ std::string callBody(std::string_view method, const std::vector<std::string>& pa
 
 Value decodeResponse(std::string_view body) {
     Builder b;
-    std::unique_ptr<std::remove_pointer_t<XML_Parser>, decltype(&XML_ParserFree)> parser(
-        XML_ParserCreate("UTF-8"), &XML_ParserFree);
+    std::unique_ptr<std::remove_pointer_t<XML_Parser>, decltype(&XML_ParserFree)> parser(XML_ParserCreate("UTF-8"),
+                                                                                         &XML_ParserFree);
     if (!parser) throw std::bad_alloc();
     b.parser = parser.get();
     XML_SetUserData(b.parser, &b);
@@ -193,8 +199,7 @@ Value decodeResponse(std::string_view body) {
         if (!b.error.empty()) throw BadReply(b.error + where);
         throw BadReply(std::string("not well-formed XML: ") + XML_ErrorString(XML_GetErrorCode(b.parser)) + where);
     }
-    if (!b.root || b.root->name != "methodResponse")
-        throw BadReply("the reply is not a <methodResponse>");
+    if (!b.root || b.root->name != "methodResponse") throw BadReply("the reply is not a <methodResponse>");
     const Element& top = onlyChild(*b.root);
     if (top.name == "fault") {
         Value f = valueOf(onlyChild(top));

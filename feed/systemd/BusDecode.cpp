@@ -100,8 +100,10 @@ int readPropertyDict(sd_bus_message* m, UnitIface iface, PropertyValues& out) {
         if ((r = sd_bus_message_read_basic(m, 's', &name)) < 0) return r;
         const UnitProperty* p = findUnitProperty(iface, name);
         bool matched = false;
-        if (p) r = readPropertyValue(m, *p, out.values, matched);
-        else r = sd_bus_message_skip(m, "v");
+        if (p)
+            r = readPropertyValue(m, *p, out.values, matched);
+        else
+            r = sd_bus_message_skip(m, "v");
         if (r < 0) return r;
         if (matched) out.present.push_back(p);
         if ((r = sd_bus_message_exit_container(m)) < 0) return r;
@@ -110,7 +112,9 @@ int readPropertyDict(sd_bus_message* m, UnitIface iface, PropertyValues& out) {
     return sd_bus_message_exit_container(m);
 }
 
-int readStrings(sd_bus_message* m, std::vector<std::string>& out) { return readStrv(m, out); }
+int readStrings(sd_bus_message* m, std::vector<std::string>& out) {
+    return readStrv(m, out);
+}
 
 int readListedUnits(sd_bus_message* m, std::vector<ListedUnit>& out) {
     int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "(ssssssouso)");

@@ -27,7 +27,9 @@ constexpr const char* propertiesIface = "org.freedesktop.DBus.Properties";
 
 using Clock = std::chrono::steady_clock;
 
-std::string errnoText(int negativeErrno) { return std::strerror(-negativeErrno); }
+std::string errnoText(int negativeErrno) {
+    return std::strerror(-negativeErrno);
+}
 
 std::string errorText(const sd_bus_error* e, int r) {
     if (e && sd_bus_error_is_set(e)) return std::string(e->name) + (e->message ? std::string(": ") + e->message : "");
@@ -39,7 +41,9 @@ struct MessageRef {
     ~MessageRef() { sd_bus_message_unref(m); }
 };
 
-std::uint64_t usec(std::chrono::milliseconds ms) { return static_cast<std::uint64_t>(ms.count()) * 1000u; }
+std::uint64_t usec(std::chrono::milliseconds ms) {
+    return static_cast<std::uint64_t>(ms.count()) * 1000u;
+}
 
 std::uint64_t monotonicUsec() {
     timespec ts{};
@@ -51,9 +55,11 @@ std::uint64_t monotonicUsec() {
 
 SystemdShell::SystemdShell(const SystemdSource::Options& options, const std::string& address, SourceSkeleton& skeleton,
                            SystemdSource::Counts& counts)
-    : options_(options), address_(address), skeleton_(skeleton), counts_(counts),
+    : options_(options),
+      address_(address),
+      skeleton_(skeleton),
+      counts_(counts),
       tracker_({options.patterns, {options.settings.serveCommandLines}, 64}) {}
-
 
 bool SystemdShell::connect(bool sayFailure) {
     sd_bus* bus = nullptr;
@@ -75,13 +81,16 @@ bool SystemdShell::connect(bool sayFailure) {
     const std::string managerRule = sender + ",path='" + managerPath + "',interface='" + managerIface + "'";
     const std::string propertiesRule = sender + ",interface='" + propertiesIface +
                                        "',member='PropertiesChanged',path_namespace='/org/freedesktop/systemd1/unit'";
-    const std::string ownerRule = std::string("type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
-                                              "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='") +
+    const std::string ownerRule = std::string(
+                                      "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+                                      "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='") +
                                   systemdName + "'";
     r = sd_bus_add_match_async(bus_, nullptr, managerRule.c_str(), &SystemdShell::onManagerSignal, nullptr, this);
     if (r >= 0)
-        r = sd_bus_add_match_async(bus_, nullptr, propertiesRule.c_str(), &SystemdShell::onPropertiesChanged, nullptr, this);
-    if (r >= 0) r = sd_bus_add_match_async(bus_, nullptr, ownerRule.c_str(), &SystemdShell::onNameOwnerChanged, nullptr, this);
+        r = sd_bus_add_match_async(bus_, nullptr, propertiesRule.c_str(), &SystemdShell::onPropertiesChanged, nullptr,
+                                   this);
+    if (r >= 0)
+        r = sd_bus_add_match_async(bus_, nullptr, ownerRule.c_str(), &SystemdShell::onNameOwnerChanged, nullptr, this);
     if (r >= 0)
         r = sd_bus_match_signal(bus_, nullptr, "org.freedesktop.DBus.Local", "/org/freedesktop/DBus/Local",
                                 "org.freedesktop.DBus.Local", "Disconnected", &SystemdShell::onDisconnected, this);
@@ -141,7 +150,8 @@ bool SystemdShell::sendCalls() {
             if (r >= 0) {
                 // A unit name holds no glob characters, so as a pattern it matches itself only.
                 std::vector<char*> patterns;
-                if (!c->unit.empty()) patterns.push_back(c->unit.data());
+                if (!c->unit.empty())
+                    patterns.push_back(c->unit.data());
                 else
                     for (const std::string& p : options_.patterns) patterns.push_back(const_cast<char*>(p.c_str()));
                 patterns.push_back(nullptr);
@@ -200,7 +210,7 @@ int SystemdShell::onReply(sd_bus_message* m, void* userdata, sd_bus_error*) {
                 t.resync();
             }
         } else if (sd_bus_error_has_name(error, SD_BUS_ERROR_TIMEOUT)) {
-            self->subscribe();          // still waiting for it: ask again
+            self->subscribe(); // still waiting for it: ask again
         } else {
             // Not on the bus (yet): NameOwnerChanged says when it is.
             self->say(Severity::warning, "systemd is not on the bus; waiting for it");
@@ -212,8 +222,9 @@ int SystemdShell::onReply(sd_bus_message* m, void* userdata, sd_bus_error*) {
         // A unit that went meanwhile fails its reads: UnitRemoved follows. A failed list is said.
         const BusCall::Kind k = sent.call.kind;
         if (k == BusCall::Kind::listUnits || k == BusCall::Kind::listFiles)
-            self->say(Severity::warning, std::string(k == BusCall::Kind::listUnits ? "ListUnitsByPatterns" : "ListUnitFilesByPatterns") +
-                                             ": " + errorText(error, -EIO));
+            self->say(Severity::warning,
+                      std::string(k == BusCall::Kind::listUnits ? "ListUnitsByPatterns" : "ListUnitFilesByPatterns") +
+                          ": " + errorText(error, -EIO));
         t.failed(sent.call.token);
         return 0;
     }
@@ -227,29 +238,29 @@ int SystemdShell::onReply(sd_bus_message* m, void* userdata, sd_bus_error*) {
 int SystemdShell::readAnswer(sd_bus_message* m, const BusCall& call) {
     int r = 0;
     switch (call.kind) {
-    case BusCall::Kind::listUnits: {
-        std::vector<ListedUnit> units;
-        if ((r = readListedUnits(m, units)) >= 0) tracker_.listedUnits(call.token, units);
-        return r;
-    }
-    case BusCall::Kind::listFiles: {
-        std::vector<ListedFile> files;
-        if ((r = readListedFiles(m, files)) >= 0) tracker_.listedFiles(call.token, files);
-        return r;
-    }
-    case BusCall::Kind::getAll: {
-        PropertyValues values;
-        if ((r = readPropertyDict(m, call.iface, values)) >= 0) tracker_.properties(call.token, values);
-        return r;
-    }
-    case BusCall::Kind::get: {
-        PropertyValues values;
-        bool matched = false;
-        if ((r = readPropertyValue(m, *call.property, values.values, matched)) < 0) return r;
-        if (matched) values.present.push_back(call.property);
-        tracker_.properties(call.token, values);
-        return r;
-    }
+        case BusCall::Kind::listUnits: {
+            std::vector<ListedUnit> units;
+            if ((r = readListedUnits(m, units)) >= 0) tracker_.listedUnits(call.token, units);
+            return r;
+        }
+        case BusCall::Kind::listFiles: {
+            std::vector<ListedFile> files;
+            if ((r = readListedFiles(m, files)) >= 0) tracker_.listedFiles(call.token, files);
+            return r;
+        }
+        case BusCall::Kind::getAll: {
+            PropertyValues values;
+            if ((r = readPropertyDict(m, call.iface, values)) >= 0) tracker_.properties(call.token, values);
+            return r;
+        }
+        case BusCall::Kind::get: {
+            PropertyValues values;
+            bool matched = false;
+            if ((r = readPropertyValue(m, *call.property, values.values, matched)) < 0) return r;
+            if (matched) values.present.push_back(call.property);
+            tracker_.properties(call.token, values);
+            return r;
+        }
     }
     return r;
 }
@@ -265,8 +276,10 @@ int SystemdShell::onManagerSignal(sd_bus_message* m, void* userdata, sd_bus_erro
     if (name == "UnitNew" || name == "UnitRemoved") {
         const char *id = nullptr, *path = nullptr;
         if (sd_bus_message_read(m, "so", &id, &path) < 0) return 0;
-        if (name == "UnitNew") t.unitNew(id, path);
-        else t.unitRemoved(id, path);
+        if (name == "UnitNew")
+            t.unitNew(id, path);
+        else
+            t.unitRemoved(id, path);
     } else if (name == "UnitFilesChanged") {
         t.unitFilesChanged();
     } else if (name == "Reloading") {
@@ -284,9 +297,12 @@ int SystemdShell::onPropertiesChanged(sd_bus_message* m, void* userdata, sd_bus_
     if (!path || sd_bus_message_read(m, "s", &iface) < 0) return 0;
     const std::string_view i(iface);
     UnitIface which;
-    if (i == ifaceName(UnitIface::unit)) which = UnitIface::unit;
-    else if (i == ifaceName(UnitIface::service)) which = UnitIface::service;
-    else return 0;
+    if (i == ifaceName(UnitIface::unit))
+        which = UnitIface::unit;
+    else if (i == ifaceName(UnitIface::service))
+        which = UnitIface::service;
+    else
+        return 0;
     PropertyValues changed;
     std::vector<std::string> invalidated;
     if (readPropertyDict(m, which, changed) < 0 || readStrings(m, invalidated) < 0) return 0;
@@ -300,7 +316,7 @@ int SystemdShell::onNameOwnerChanged(sd_bus_message* m, void* userdata, sd_bus_e
     if (sd_bus_message_read(m, "sss", &name, &oldOwner, &newOwner) < 0 || std::strcmp(name, systemdName) != 0) return 0;
     if (newOwner && *newOwner) {
         if (self->present_) {
-            self->tracker_.resync();    // a new owner without the old one leaving: read again
+            self->tracker_.resync(); // a new owner without the old one leaving: read again
         } else if (!self->subscribing_) {
             self->say(Severity::notice, "systemd is back; reading every unit again");
             self->subscribe();
@@ -348,14 +364,15 @@ void SystemdShell::watchTimes() {
         timedOut_ = 0;
         peak_ = sent_.size();
         const auto waited = std::chrono::duration_cast<std::chrono::seconds>(now - oldest).count();
-        say(Severity::warning, "systemd does not answer (a call waited " + std::to_string(waited) +
-                                   " s); serving the last state");
+        say(Severity::warning,
+            "systemd does not answer (a call waited " + std::to_string(waited) + " s); serving the last state");
         setState(SourceState::unresponsive, present_);
     }
     // A quiet systemd is asked whether it is still there.
     if (sent_.empty() && now - lastAlive_ >= o.probeInterval) {
         MessageRef call;
-        int r = sd_bus_message_new_method_call(bus_, &call.m, systemdName, managerPath, "org.freedesktop.DBus.Peer", "Ping");
+        int r = sd_bus_message_new_method_call(bus_, &call.m, systemdName, managerPath, "org.freedesktop.DBus.Peer",
+                                               "Ping");
         if (r >= 0) send(call.m, What::probe);
     }
 }
@@ -391,9 +408,10 @@ bool SystemdShell::step() {
     skeleton_.updateHealth([&](SourceHealth& h) {
         h.lastRead = std::chrono::time_point_cast<std::chrono::system_clock::duration>(alive);
         h.skippedNow = skipped;
-        h.skippedNote = !skipped ? std::string()
-                                 : std::to_string(skipped) + (skipped == 1 ? " unit" : " units") + " skipped (name over " +
-                                       std::to_string(GenericAgent::maxDaemonNameBytes) + " bytes)";
+        h.skippedNote = !skipped
+                            ? std::string()
+                            : std::to_string(skipped) + (skipped == 1 ? " unit" : " units") + " skipped (name over " +
+                                  std::to_string(GenericAgent::maxDaemonNameBytes) + " bytes)";
     });
     watchTimes();
     counts_.outstanding = sent_.size();

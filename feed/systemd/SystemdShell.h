@@ -47,7 +47,7 @@ private:
     enum class What { tracker, subscribe, probe };
     struct Sent {
         What what = What::tracker;
-        BusCall call;                   // for What::tracker
+        BusCall call; // for What::tracker
         std::chrono::steady_clock::time_point at;
     };
 
@@ -80,13 +80,13 @@ private:
     SystemdSource::Counts& counts_;
     UnitTracker tracker_;
     sd_bus* bus_ = nullptr;
-    bool lost_ = false;                 // the connection dropped during processing
-    bool present_ = false;              // systemd answered Subscribe
-    bool unresponsive_ = false;         // a call has waited too long; said
+    bool lost_ = false;         // the connection dropped during processing
+    bool present_ = false;      // systemd answered Subscribe
+    bool unresponsive_ = false; // a call has waited too long; said
     bool subscribing_ = false;
-    std::size_t timedOut_ = 0;          // calls timed out since systemd stopped answering
-    std::size_t peak_ = 0;              // the most calls waiting at once since then
-    std::unordered_map<std::uint64_t, Sent> sent_;   // by cookie
+    std::size_t timedOut_ = 0;                     // calls timed out since systemd stopped answering
+    std::size_t peak_ = 0;                         // the most calls waiting at once since then
+    std::unordered_map<std::uint64_t, Sent> sent_; // by cookie
     std::chrono::steady_clock::time_point lastAlive_ = std::chrono::steady_clock::now();
 };
 

@@ -33,7 +33,8 @@ SystemdSource::SystemdSource(Options options)
     : options_(std::move(options)), address_(busAddressFor(options_)), skeleton_("systemd on " + address_) {
     if (options_.patterns.empty()) throw std::invalid_argument("systemd source: no unit patterns");
     if (options_.refresh.count() < 0) throw std::invalid_argument("systemd source: the refresh interval is negative");
-    if (options_.callTimeout.count() <= 0 || options_.unresponsiveAfter.count() <= 0 || options_.probeInterval.count() <= 0)
+    if (options_.callTimeout.count() <= 0 || options_.unresponsiveAfter.count() <= 0 ||
+        options_.probeInterval.count() <= 0)
         throw std::invalid_argument("systemd source: a call timeout, wait or probe interval is not positive");
     skeleton_.updateHealth([](SourceHealth& h) {
         h.connected = false;
@@ -48,7 +49,8 @@ SystemdSource::~SystemdSource() {
 }
 
 void SystemdSource::loadInitial() {
-    if (loadedInitial_ || worker_.joinable()) throw std::logic_error("systemd source: loadInitial after a load or start");
+    if (loadedInitial_ || worker_.joinable())
+        throw std::logic_error("systemd source: loadInitial after a load or start");
     loadedInitial_ = true;
     if (!shell_->connect(true)) {
         skeleton_.updateHealth([](SourceHealth& h) { h.state = SourceState::busLost; });
@@ -85,13 +87,14 @@ void SystemdSource::run() {
     auto retryAt = Clock::now();
     const bool refreshing = options_.refresh.count() > 0;
     auto refreshAt = Clock::now() + options_.refresh;
-    bool saidDown = !shell_->hasBus();      // loadInitial has said why it is not connected
+    bool saidDown = !shell_->hasBus(); // loadInitial has said why it is not connected
     for (;;) {
         auto now = Clock::now();
         if (!shell_->hasBus() && now >= retryAt) {
             if (shell_->connect(false)) {
                 retryDelay = firstRetry;
-                skeleton_.say(Severity::notice, saidDown ? "connected; reading every unit" : "back on the bus; reading every unit again");
+                skeleton_.say(Severity::notice,
+                              saidDown ? "connected; reading every unit" : "back on the bus; reading every unit again");
                 saidDown = false;
             } else {
                 retryAt = now + retryDelay;
@@ -119,14 +122,17 @@ void SystemdSource::run() {
         pollfd fds[3] = {{stop_.fd(), POLLIN, 0}, {reread_.fd(), POLLIN, 0}, {shell_->fd(), shell_->events(), 0}};
         const int n = ::poll(fds, shell_->hasBus() ? 3 : 2, timeout);
         if (n < 0 && errno != EINTR) {
-            skeleton_.say(Severity::error, std::string("poll: ") + std::strerror(errno) + "; stopped following systemd");
+            skeleton_.say(Severity::error,
+                          std::string("poll: ") + std::strerror(errno) + "; stopped following systemd");
             return;
         }
         if (n > 0 && (fds[0].revents & POLLIN)) return;
         if (n > 0 && (fds[1].revents & POLLIN)) {
             reread_.drain();
-            if (shell_->hasBus()) shell_->resyncNow();
-            else retryAt = Clock::now();
+            if (shell_->hasBus())
+                shell_->resyncNow();
+            else
+                retryAt = Clock::now();
         }
     }
 }

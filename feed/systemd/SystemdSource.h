@@ -37,8 +37,8 @@
 //   systemd on ADDR: systemd left the bus; serving the last state until it is back   (warning)
 //   systemd on ADDR: systemd is back; reading every unit again                       (notice)
 //   systemd on ADDR: systemd does not answer (a call waited N s); serving the last state (warning)
-//   systemd on ADDR: systemd answers again (N calls timed out, at most M waiting at once); reading every unit again (notice)
-//   systemd on ADDR: unit "U" skipped: its name is N bytes, more than 32 ...         (warning, once per unit)
+//   systemd on ADDR: systemd answers again (N calls timed out, at most M waiting at once); reading every unit again
+//   (notice) systemd on ADDR: unit "U" skipped: its name is N bytes, more than 32 ...         (warning, once per unit)
 //   systemd on ADDR: <a call that failed>: <error>                                   (warning)
 #pragma once
 
@@ -62,9 +62,9 @@ class SystemdSource final : public Source {
 public:
     struct Options {
         std::vector<std::string> patterns{std::string(defaultUnitPatterns)};
-        std::chrono::seconds refresh{10};   // memory, CPU and tasks; 0: never
-        std::string busAddress;             // empty: $DBUS_SYSTEM_BUS_ADDRESS, else the system bus
-        SourceSettings settings;            // whole command lines or not
+        std::chrono::seconds refresh{10}; // memory, CPU and tasks; 0: never
+        std::string busAddress;           // empty: $DBUS_SYSTEM_BUS_ADDRESS, else the system bus
+        SourceSettings settings;          // whole command lines or not
         std::chrono::milliseconds callTimeout{10000};
         std::chrono::milliseconds unresponsiveAfter{3000};
         std::chrono::milliseconds probeInterval{5000};
@@ -106,13 +106,13 @@ private:
 
     Options options_;
     std::string address_;
-    SourceSkeleton skeleton_;           // worker -> loop: events, wake-up, health
-    EventFd stop_;                      // stop() -> worker
-    EventFd reread_;                    // reread() -> worker
+    SourceSkeleton skeleton_; // worker -> loop: events, wake-up, health
+    EventFd stop_;            // stop() -> worker
+    EventFd reread_;          // reread() -> worker
     std::thread worker_;
     bool loadedInitial_ = false;
     Counts counts_;
-    std::unique_ptr<SystemdShell> shell_;   // the connection (SystemdShell.h)
+    std::unique_ptr<SystemdShell> shell_; // the connection (SystemdShell.h)
 };
 
 } // namespace Feed

@@ -11,7 +11,9 @@ namespace {
 
 constexpr std::string_view serviceSuffix = ".service";
 
-bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+bool isSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+}
 
 std::string_view trimmed(std::string_view s) {
     while (!s.empty() && isSpace(s.front())) s.remove_prefix(1);
@@ -34,8 +36,7 @@ std::vector<std::string> parseUnitPatterns(std::string_view patterns) {
     for (;;) {
         std::size_t comma = patterns.find(',');
         std::string_view item = trimmed(patterns.substr(0, comma));
-        if (item.empty())
-            throw std::invalid_argument("unit patterns: item " + std::to_string(index) + " is empty");
+        if (item.empty()) throw std::invalid_argument("unit patterns: item " + std::to_string(index) + " is empty");
         out.emplace_back(item);
         if (comma == std::string_view::npos) break;
         patterns.remove_prefix(comma + 1);
@@ -47,9 +48,8 @@ std::vector<std::string> parseUnitPatterns(std::string_view patterns) {
 bool unitMatches(std::string_view unitId, const std::vector<std::string>& patterns) {
     if (!daemonNameOf(unitId) || isTemplateUnit(unitId)) return false;
     std::string id(unitId);
-    return std::any_of(patterns.begin(), patterns.end(), [&](const std::string& p) {
-        return ::fnmatch(p.c_str(), id.c_str(), FNM_NOESCAPE) == 0;
-    });
+    return std::any_of(patterns.begin(), patterns.end(),
+                       [&](const std::string& p) { return ::fnmatch(p.c_str(), id.c_str(), FNM_NOESCAPE) == 0; });
 }
 
 std::optional<std::string> daemonNameOf(std::string_view unitId) {
@@ -61,7 +61,9 @@ bool daemonNameFits(std::string_view name) {
     return !name.empty() && name.size() <= GenericAgent::maxDaemonNameBytes;
 }
 
-bool isTemplateUnit(std::string_view unitId) { return unitId.ends_with("@" + std::string(serviceSuffix)); }
+bool isTemplateUnit(std::string_view unitId) {
+    return unitId.ends_with("@" + std::string(serviceSuffix));
+}
 
 bool unitIsDaemon(const UnitInfo& unit) {
     const std::string& s = unit.loadState;
@@ -115,8 +117,8 @@ std::string commandLineText(const std::vector<std::string>& argv) {
     for (const std::string& arg : argv) {
         if (!out.empty()) out += ' ';
         bool quoted = arg.empty() || std::any_of(arg.begin(), arg.end(), [](char c) {
-            return isSpace(c) || c == '"' || c == '\\' || c == '\'';
-        });
+                          return isSpace(c) || c == '"' || c == '\\' || c == '\'';
+                      });
         if (!quoted) {
             out += arg;
             continue;

@@ -51,31 +51,31 @@ inline constexpr std::uint64_t unitInfinity = std::numeric_limits<std::uint64_t>
 // What the bus says of one service unit: properties of its org.freedesktop.systemd1.Unit
 // and .Service interfaces, as read (strings as sent, numbers in systemd's units).
 struct UnitInfo {
-    std::string id;                         // Unit.Id, "ssh.service"
+    std::string id; // Unit.Id, "ssh.service"
     // org.freedesktop.systemd1.Unit
     std::string description;
-    std::string loadState;                  // loaded, not-found, masked, bad-setting, error, stub
-    std::string loadError;                  // why it failed to load (LoadError's message)
-    std::string activeState;                // active, reloading, inactive, failed, activating, deactivating
-    std::string subState;                   // for services: running, exited, dead, auto-restart, ...
-    std::string unitFileState;              // enabled, enabled-runtime, disabled, static, masked, transient, ...
+    std::string loadState;     // loaded, not-found, masked, bad-setting, error, stub
+    std::string loadError;     // why it failed to load (LoadError's message)
+    std::string activeState;   // active, reloading, inactive, failed, activating, deactivating
+    std::string subState;      // for services: running, exited, dead, auto-restart, ...
+    std::string unitFileState; // enabled, enabled-runtime, disabled, static, masked, transient, ...
     std::string unitFilePreset;
     std::string fragmentPath;
     std::vector<std::string> dropInPaths;
-    std::uint64_t activeEnterTimestamp = 0;     // microseconds since the epoch; 0: never
+    std::uint64_t activeEnterTimestamp = 0; // microseconds since the epoch; 0: never
     std::uint64_t inactiveEnterTimestamp = 0;
     // org.freedesktop.systemd1.Service
     std::string type;
     std::string restart;
     std::string user;
-    std::string execPath;                   // the executable of the first ExecStart= command line
-    std::vector<std::string> execStart;     // its argv
+    std::string execPath;               // the executable of the first ExecStart= command line
+    std::vector<std::string> execStart; // its argv
     std::string result;
     std::uint32_t mainPid = 0;
     std::uint32_t nRestarts = 0;
-    std::int32_t execMainCode = 0;          // CLD_EXITED 1, CLD_KILLED 2, CLD_DUMPED 3
+    std::int32_t execMainCode = 0; // CLD_EXITED 1, CLD_KILLED 2, CLD_DUMPED 3
     std::int32_t execMainStatus = 0;
-    std::uint64_t execMainExitTimestamp = 0;    // 0: the main process has not exited
+    std::uint64_t execMainExitTimestamp = 0; // 0: the main process has not exited
     std::uint64_t memoryCurrent = unitInfinity;
     std::uint64_t cpuUsageNSec = unitInfinity;
     std::uint64_t tasksCurrent = unitInfinity;

@@ -11,8 +11,8 @@ namespace {
 using I = UnitIface;
 using S = Serve;
 using F = Format;
-constexpr bool timer = true;      // refreshed
-constexpr bool kept = true;       // keptWhenUnloaded
+constexpr bool timer = true; // refreshed
+constexpr bool kept = true;  // keptWhenUnloaded
 constexpr bool dropped = false;
 
 // name, interface, signature, served as, refreshed, kept when unloaded, format, field.
@@ -53,7 +53,9 @@ std::string joined(const std::vector<std::string>& items) {
     return out;
 }
 
-bool exited(const UnitInfo& u) { return u.execMainExitTimestamp != 0 && u.execMainExitTimestamp != unitInfinity; }
+bool exited(const UnitInfo& u) {
+    return u.execMainExitTimestamp != 0 && u.execMainExitTimestamp != unitInfinity;
+}
 
 } // namespace
 
@@ -61,7 +63,9 @@ const char* ifaceName(UnitIface iface) {
     return iface == UnitIface::unit ? "org.freedesktop.systemd1.Unit" : "org.freedesktop.systemd1.Service";
 }
 
-std::span<const UnitProperty> unitProperties() { return table; }
+std::span<const UnitProperty> unitProperties() {
+    return table;
+}
 
 const UnitProperty* findUnitProperty(UnitIface iface, std::string_view name) {
     for (const UnitProperty& p : table)
@@ -85,37 +89,44 @@ std::vector<std::string_view> unitDataKeys() {
 
 std::string propertyText(const UnitProperty& p, const UnitInfo& u, bool wholeCommandLines) {
     switch (p.format) {
-    case Format::text: return u.*std::get<std::string UnitInfo::*>(p.field);
-    case Format::list: return joined(u.*std::get<std::vector<std::string> UnitInfo::*>(p.field));
-    case Format::command: {
-        const auto& argv = u.*std::get<std::vector<std::string> UnitInfo::*>(p.field);
-        if (wholeCommandLines) return argv.empty() ? std::string() : commandLineText(argv);
-        return !u.execPath.empty() ? u.execPath : argv.empty() ? std::string() : argv.front();
-    }
-    case Format::number:
-        if (auto* f = std::get_if<std::uint32_t UnitInfo::*>(&p.field)) return std::to_string(u.**f);
-        return std::to_string(u.*std::get<std::int32_t UnitInfo::*>(p.field));
-    case Format::pid: {
-        const std::uint32_t pid = u.*std::get<std::uint32_t UnitInfo::*>(p.field);
-        return pid == 0 ? std::string() : std::to_string(pid);
-    }
-    case Format::counter: {
-        const std::uint64_t v = u.*std::get<std::uint64_t UnitInfo::*>(p.field);
-        return v == unitInfinity ? std::string() : std::to_string(v);
-    }
-    case Format::timestamp: return isoTimestamp(u.*std::get<std::uint64_t UnitInfo::*>(p.field));
-    case Format::exitStatus:
-        return exited(u) ? std::to_string(u.*std::get<std::int32_t UnitInfo::*>(p.field)) : std::string();
-    case Format::exitCode: {
-        if (!exited(u)) return {};
-        const std::int32_t code = u.*std::get<std::int32_t UnitInfo::*>(p.field);
-        switch (code) {
-        case 1: return "exited";
-        case 2: return "killed";
-        case 3: return "dumped";
-        default: return code == 0 ? std::string() : std::to_string(code);
+        case Format::text:
+            return u.*std::get<std::string UnitInfo::*>(p.field);
+        case Format::list:
+            return joined(u.*std::get<std::vector<std::string> UnitInfo::*>(p.field));
+        case Format::command: {
+            const auto& argv = u.*std::get<std::vector<std::string> UnitInfo::*>(p.field);
+            if (wholeCommandLines) return argv.empty() ? std::string() : commandLineText(argv);
+            return !u.execPath.empty() ? u.execPath : argv.empty() ? std::string() : argv.front();
         }
-    }
+        case Format::number:
+            if (auto* f = std::get_if<std::uint32_t UnitInfo::*>(&p.field)) return std::to_string(u.**f);
+            return std::to_string(u.*std::get<std::int32_t UnitInfo::*>(p.field));
+        case Format::pid: {
+            const std::uint32_t pid = u.*std::get<std::uint32_t UnitInfo::*>(p.field);
+            return pid == 0 ? std::string() : std::to_string(pid);
+        }
+        case Format::counter: {
+            const std::uint64_t v = u.*std::get<std::uint64_t UnitInfo::*>(p.field);
+            return v == unitInfinity ? std::string() : std::to_string(v);
+        }
+        case Format::timestamp:
+            return isoTimestamp(u.*std::get<std::uint64_t UnitInfo::*>(p.field));
+        case Format::exitStatus:
+            return exited(u) ? std::to_string(u.*std::get<std::int32_t UnitInfo::*>(p.field)) : std::string();
+        case Format::exitCode: {
+            if (!exited(u)) return {};
+            const std::int32_t code = u.*std::get<std::int32_t UnitInfo::*>(p.field);
+            switch (code) {
+                case 1:
+                    return "exited";
+                case 2:
+                    return "killed";
+                case 3:
+                    return "dumped";
+                default:
+                    return code == 0 ? std::string() : std::to_string(code);
+            }
+        }
     }
     return {};
 }

@@ -32,23 +32,23 @@ const char* ifaceName(UnitIface iface);
 
 // Where a property's value is served.
 enum class Serve {
-    none,     // used by the mapping only (Id, the running flag's SubState is also data)
-    option,   // a row of the option table, key = the property's name
-    data,     // a row of the data table, key = the property's name
+    none,   // used by the mapping only (Id, the running flag's SubState is also data)
+    option, // a row of the option table, key = the property's name
+    data,   // a row of the data table, key = the property's name
 };
 
 // How a value is written as a row's text; an unset value has no row.
 enum class Format {
-    text,        // a string as sent; unset when empty
-    list,        // strings separated by spaces; unset when none
-    command,     // the first command line: the executable's path, or the whole line when
-                 // the operator asks for it (commandLineText); unset when none
-    number,      // a number, always set
-    pid,         // a process id; unset when 0
-    counter,     // a counter; unset at systemd's "infinity"
-    timestamp,   // microseconds since the epoch as ISO 8601 UTC; unset at 0 and infinity
-    exitStatus,  // the main process's exit status; set once it has exited
-    exitCode,    // how the main process ended (exited, killed, dumped); set once it has exited
+    text,       // a string as sent; unset when empty
+    list,       // strings separated by spaces; unset when none
+    command,    // the first command line: the executable's path, or the whole line when
+                // the operator asks for it (commandLineText); unset when none
+    number,     // a number, always set
+    pid,        // a process id; unset when 0
+    counter,    // a counter; unset at systemd's "infinity"
+    timestamp,  // microseconds since the epoch as ISO 8601 UTC; unset at 0 and infinity
+    exitStatus, // the main process's exit status; set once it has exited
+    exitCode,   // how the main process ended (exited, killed, dumped); set once it has exited
 };
 
 // Where the value lives in UnitInfo; the signature says which alternative.
@@ -56,13 +56,13 @@ using UnitField = std::variant<std::string UnitInfo::*, std::vector<std::string>
                                std::int32_t UnitInfo::*, std::uint64_t UnitInfo::*>;
 
 struct UnitProperty {
-    std::string_view name;        // the D-Bus property, and the row's key
+    std::string_view name; // the D-Bus property, and the row's key
     UnitIface iface;
-    std::string_view signature;   // "s", "as", "u", "i", "t", "(ss)" (the message),
-                                  // "a(sasbttttuii)" (the command lines: their first)
+    std::string_view signature; // "s", "as", "u", "i", "t", "(ss)" (the message),
+                                // "a(sasbttttuii)" (the command lines: their first)
     Serve serve;
-    bool refreshed;               // no change signal: read on the refresh timer
-    bool keptWhenUnloaded;        // still true of the unit once systemd has unloaded it
+    bool refreshed;        // no change signal: read on the refresh timer
+    bool keptWhenUnloaded; // still true of the unit once systemd has unloaded it
     Format format;
     UnitField field;
 };

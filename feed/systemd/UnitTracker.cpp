@@ -40,7 +40,7 @@ std::pair<std::uint64_t, std::uint64_t> digestOf(const DaemonState& d) {
 
 const UnitProperty& property(UnitIface iface, std::string_view name) {
     const UnitProperty* p = findUnitProperty(iface, name);
-    return *p;   // names of this file's own, all in the table
+    return *p; // names of this file's own, all in the table
 }
 
 } // namespace
@@ -135,7 +135,7 @@ void UnitTracker::unitNew(const std::string& id, const std::string& path) {
     // A reload unloads and loads every unit: the resync that follows tells what changed.
     if (reloading_ || !unitMatches(id, options_.patterns)) return;
     Unit* u = byPath(path);
-    if (u && u->loaded) return;          // known: its signals follow
+    if (u && u->loaded) return; // known: its signals follow
     // Listed first: only a unit a list shows loaded is read.
     BusCall list;
     list.kind = BusCall::Kind::listUnits;
@@ -178,7 +178,7 @@ void UnitTracker::loadedAs(const ListedUnit& listed) {
     if (unitIsDaemon(u.info)) {
         readAll(listed.id, u);
     } else {
-        u.generation = nextGeneration_++;   // answers still on their way no longer count
+        u.generation = nextGeneration_++; // answers still on their way no longer count
         u.pending = 0;
         touch(listed.id);
     }
@@ -296,8 +296,9 @@ bool UnitTracker::refresh() {
     for (auto& [id, unit] : units_) {
         if (!unit.loaded || !unit.read || !unitIsDaemon(unit.info)) continue;
         const UnitInfo& u = unit.info;
-        const bool idle = (u.activeState == "inactive" || u.activeState == "failed") && u.memoryCurrent == unitInfinity &&
-                          u.cpuUsageNSec == unitInfinity && u.tasksCurrent == unitInfinity;
+        const bool idle = (u.activeState == "inactive" || u.activeState == "failed") &&
+                          u.memoryCurrent == unitInfinity && u.cpuUsageNSec == unitInfinity &&
+                          u.tasksCurrent == unitInfinity;
         if (idle) continue;
         for (const UnitProperty& p : unitProperties())
             if (p.refreshed) read(id, unit, p, true);
@@ -327,7 +328,9 @@ std::optional<BusCall> UnitTracker::nextCall() {
     return out;
 }
 
-std::vector<std::pair<Severity, std::string>> UnitTracker::takeLines() { return std::exchange(lines_, {}); }
+std::vector<std::pair<Severity, std::string>> UnitTracker::takeLines() {
+    return std::exchange(lines_, {});
+}
 
 bool UnitTracker::resyncSettled() const {
     // The loaded units make the batch; the unit files (a list systemd can take seconds to
@@ -371,7 +374,7 @@ std::optional<ChangedDaemons> UnitTracker::flush() {
     for (auto t = touched_.begin(); t != touched_.end();) {
         auto it = units_.find(*t);
         if (it != units_.end() && it->second.pending > 0) {
-            ++t;                        // still being read
+            ++t; // still being read
             continue;
         }
         const std::string name = daemonNameOf(*t).value_or(*t);

@@ -59,10 +59,10 @@ namespace Feed {
 // A call the tracker wants made.
 struct BusCall {
     enum class Kind {
-        listFiles,   // ListUnitFilesByPatterns(states: any, patterns)
-        listUnits,   // ListUnitsByPatterns(states: any, patterns, or the one unit named)
-        getAll,      // Properties.GetAll(iface) on path
-        get,         // Properties.Get(iface, property) on path
+        listFiles, // ListUnitFilesByPatterns(states: any, patterns)
+        listUnits, // ListUnitsByPatterns(states: any, patterns, or the one unit named)
+        getAll,    // Properties.GetAll(iface) on path
+        get,       // Properties.Get(iface, property) on path
     };
     Kind kind = Kind::listUnits;
     std::uint64_t token = 0;                // hand it back with the answer
@@ -78,8 +78,8 @@ struct ListedUnit {
 };
 // A unit file as ListUnitFilesByPatterns lists it.
 struct ListedFile {
-    std::string path;                       // "/etc/systemd/system/ssh.service"
-    std::string state;                      // its UnitFileState
+    std::string path;  // "/etc/systemd/system/ssh.service"
+    std::string state; // its UnitFileState
 };
 
 // Properties read from a reply or a signal: values in a UnitInfo, and which were sent.
@@ -93,7 +93,7 @@ public:
     struct Options {
         std::vector<std::string> patterns{std::string(defaultUnitPatterns)};
         MappingOptions mapping;
-        std::size_t maxOutstanding = 64;    // the system bus allows 128 pending replies
+        std::size_t maxOutstanding = 64; // the system bus allows 128 pending replies
     };
     explicit UnitTracker(Options options);
 
@@ -145,20 +145,20 @@ public:
 
 private:
     struct Unit {
-        std::optional<ListedFile> file;     // in the last file list
-        bool loaded = false;                // listed loaded, not removed since
-        bool read = false;                  // info holds what a loaded read said
-        std::string path;                   // object path while loaded
+        std::optional<ListedFile> file; // in the last file list
+        bool loaded = false;            // listed loaded, not removed since
+        bool read = false;              // info holds what a loaded read said
+        std::string path;               // object path while loaded
         UnitInfo info;
         std::uint64_t generation = 0;
-        int pending = 0;                    // reads outstanding or queued for this generation
+        int pending = 0; // reads outstanding or queued for this generation
     };
     struct Call {
         BusCall call;
-        std::string id;                     // the unit, for getAll and get
+        std::string id; // the unit, for getAll and get
         std::uint64_t generation = 0;
         bool refresh = false;
-        bool full = false;                  // a list of a resync
+        bool full = false; // a list of a resync
     };
 
     Unit* byPath(const std::string& path);
@@ -175,25 +175,25 @@ private:
     bool resyncSettled() const;
 
     Options options_;
-    std::map<std::string, Unit> units_;                       // by unit id
-    std::unordered_map<std::string, std::string> paths_;       // object path -> unit id
-    std::set<std::string> touched_;                           // ids to look at in flush()
-    std::unordered_map<std::string, std::pair<std::uint64_t, std::uint64_t>> handed_;   // name -> digest
-    std::set<std::string> skippedNames_;                      // said once each
+    std::map<std::string, Unit> units_;                                               // by unit id
+    std::unordered_map<std::string, std::string> paths_;                              // object path -> unit id
+    std::set<std::string> touched_;                                                   // ids to look at in flush()
+    std::unordered_map<std::string, std::pair<std::uint64_t, std::uint64_t>> handed_; // name -> digest
+    std::set<std::string> skippedNames_;                                              // said once each
     std::vector<std::pair<Severity, std::string>> lines_;
     std::deque<Call> queue_;
     std::unordered_map<std::uint64_t, Call> outstanding_;
     std::uint64_t nextToken_ = 1;
     std::uint64_t nextGeneration_ = 1;
-    int listing_ = 0;                       // full lists (files, units) asked and not answered
-    bool listingUnits_ = false;             // the full list of loaded units is not answered
-    bool filesAfterUnits_ = false;          // list the unit files once the loaded units are read
+    int listing_ = 0;              // full lists (files, units) asked and not answered
+    bool listingUnits_ = false;    // the full list of loaded units is not answered
+    bool filesAfterUnits_ = false; // list the unit files once the loaded units are read
     bool resyncing_ = false;
-    bool resyncAgain_ = false;              // a resync asked for while one lists
+    bool resyncAgain_ = false; // a resync asked for while one lists
     bool reloading_ = false;
     bool synced_ = false;
-    bool saidFirst_ = false;                // the first batch has gone over
-    std::size_t refreshPending_ = 0;        // refresh reads queued or outstanding
+    bool saidFirst_ = false;         // the first batch has gone over
+    std::size_t refreshPending_ = 0; // refresh reads queued or outstanding
     std::uint64_t refreshesSkipped_ = 0;
     std::size_t skippedNow_ = 0;
 };

@@ -73,8 +73,10 @@ void FlagNotifieeConst<Owner>::isRegisteredNotifieeIs(bool registered) {
     Orbel::Entity::NotifieeConst::isRegisteredNotifieeIs(registered);
     Owner* o = orphaned_ ? nullptr : notifier_;
     if (!o) return;
-    if (registered) o->observers_.registered.pushBack(this);
-    else o->observers_.registered.remove(this);
+    if (registered)
+        o->observers_.registered.pushBack(this);
+    else
+        o->observers_.registered.remove(this);
 }
 
 template <class Owner>
@@ -89,8 +91,10 @@ void FlagNotifieeConst<Owner>::isWeakReferenceIs(bool weak) {
     Orbel::Entity::NotifieeConst::isWeakReferenceIs(weak);
     Owner* o = orphaned_ ? nullptr : notifier_;
     if (!o) return;
-    if (weak) o->deleteRef();  // may free the object; it then unlinks and orphans us
-    else o->newRef();
+    if (weak)
+        o->deleteRef(); // may free the object; it then unlinks and orphans us
+    else
+        o->newRef();
 }
 
 template <class Owner>
@@ -100,7 +104,7 @@ FlagNotifieeConst<Owner>::~FlagNotifieeConst() {
     if (isRegisteredNotifiee()) o->observers_.registered.remove(this);
     FlagObservers<Owner, FlagNotifieeConst<Owner>>::detach(*o, this);
     if (o->observers_.destroying) return;
-    if (isWeakReference()) o->newRef();  // keeps the count balanced for the release below
+    if (isWeakReference()) o->newRef(); // keeps the count balanced for the release below
     o->deleteRef();
 }
 
@@ -121,17 +125,29 @@ void Status::runningIs(bool running) {
     FlagObservers<Status, Status::NotifieeConst>::flagChanged(*this, runningId);
 }
 
-void Config::zeroReferencesIs(bool) { FlagObservers<Config, Config::NotifieeConst>::zeroReferences(*this); }
-void Status::zeroReferencesIs(bool) { FlagObservers<Status, Status::NotifieeConst>::zeroReferences(*this); }
+void Config::zeroReferencesIs(bool) {
+    FlagObservers<Config, Config::NotifieeConst>::zeroReferences(*this);
+}
+void Status::zeroReferencesIs(bool) {
+    FlagObservers<Status, Status::NotifieeConst>::zeroReferences(*this);
+}
 
-Config::~Config() { FlagObservers<Config, Config::NotifieeConst>::destroy(*this); }
-Status::~Status() { FlagObservers<Status, Status::NotifieeConst>::destroy(*this); }
+Config::~Config() {
+    FlagObservers<Config, Config::NotifieeConst>::destroy(*this);
+}
+Status::~Status() {
+    FlagObservers<Status, Status::NotifieeConst>::destroy(*this);
+}
 
 void Config::NotifieeConst::onEnabled() {}
 void Status::NotifieeConst::onRunning() {}
 
-Orbel::Ptr<Config> Config::configFactory(Orbel::Name name) { return new Config(std::move(name)); }
-Orbel::Ptr<Status> Status::statusFactory(Orbel::Name name) { return new Status(std::move(name)); }
+Orbel::Ptr<Config> Config::configFactory(Orbel::Name name) {
+    return new Config(std::move(name));
+}
+Orbel::Ptr<Status> Status::statusFactory(Orbel::Name name) {
+    return new Status(std::move(name));
+}
 
 const AgentVal* Config::option(const AgentKey& key) const {
     auto it = options_.find(key);
@@ -178,8 +194,8 @@ const Orbel::TypeDescriptor* registerStateType(const char* name, const char* fla
     d.genericIfOf = [](const Orbel::PtrInterface* o, bool isConst) -> Orbel::Ptr<Orbel::GenericIf> {
         return new StateGenericIf<T>(static_cast<const T*>(o), isConst);
     };
-    r.attributeIs({130, flagName, "bool", Orbel::AttributeKind::nonInstantiating, Orbel::attrReadable,
-                   Orbel::introDerived});
+    r.attributeIs(
+        {130, flagName, "bool", Orbel::AttributeKind::nonInstantiating, Orbel::attrReadable, Orbel::introDerived});
     r.typeClose();
     r.namespaceClose();
     return &d;

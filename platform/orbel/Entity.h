@@ -121,7 +121,10 @@ public:
     // Appends t (precondition: not on any list).
     void pushBack(T* t) noexcept {
         t->*Link = nullptr;
-        if (last_) last_->*Link = t; else first_ = t;
+        if (last_)
+            last_->*Link = t;
+        else
+            first_ = t;
         last_ = t;
         ++count_;
         ++modCount_;

@@ -15,13 +15,17 @@ NotSupportedException::NotSupportedException(String attribute, unsigned op)
                      notSupported),
       op_(op) {}
 
-void throwNameInUseException(const String& message) { throw NameInUseException(message); }
+void throwNameInUseException(const String& message) {
+    throw NameInUseException(message);
+}
 
 std::ostream& operator<<(std::ostream& os, const Exception& e) {
     return os << e.typeName() << ": " << e.message();
 }
 
-Expect::Expect(int id) : id_(id) { expected.push_back(id); }
+Expect::Expect(int id) : id_(id) {
+    expected.push_back(id);
+}
 
 Expect::~Expect() {
     auto it = std::find(expected.rbegin(), expected.rend(), id_);

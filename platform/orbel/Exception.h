@@ -58,8 +58,7 @@ public:
 // Exceptions about one named attribute or argument; name() is that name.
 class NamedException : public Exception {
 public:
-    NamedException(String message, String name, int id)
-        : Exception(std::move(message), id), name_(std::move(name)) {}
+    NamedException(String message, String name, int id) : Exception(std::move(message), id), name_(std::move(name)) {}
     const String& name() const noexcept { return name_; }
 
 private:
@@ -96,8 +95,7 @@ private:
 // An operand of the wrong type; name() names what was expected or the argument.
 class TypeException : public NamedException {
 public:
-    explicit TypeException(String name)
-        : NamedException("wrong type for " + name, name, typeId) {}
+    explicit TypeException(String name) : NamedException("wrong type for " + name, name, typeId) {}
     const char* typeName() const noexcept override { return "Orbel::TypeException"; }
 };
 

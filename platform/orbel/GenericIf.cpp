@@ -22,8 +22,7 @@ AttributeId GenericIf::attributeId(String8 name) const {
     return a->number;
 }
 
-Ptr<GenericIf> GenericIf::attributeOp(const AttributeOp& op, const Ptr<const GenericIf>&,
-                                      const Ptr<const GenericIf>&) {
+Ptr<GenericIf> GenericIf::attributeOp(const AttributeOp& op, const Ptr<const GenericIf>&, const Ptr<const GenericIf>&) {
     throw NotSupportedException("attribute " + String(std::to_string(op.attributeId)), op.op);
 }
 
@@ -31,12 +30,16 @@ void GenericIf::genericNotifieeIs(const Ptr<Notifiee>& n) {
     if (n && std::find(notifiees_.begin(), notifiees_.end(), n) == notifiees_.end()) notifiees_.push_back(n);
 }
 
-void GenericIf::genericNotifieeDel(const Ptr<Notifiee>& n) { std::erase(notifiees_, n); }
+void GenericIf::genericNotifieeDel(const Ptr<Notifiee>& n) {
+    std::erase(notifiees_, n);
+}
 
 bool GenericIf::orbelOnAttribute(AttributeId attributeId) {
     if (!deferred_) return false;
-    if (pending_ == attributeNone) pending_ = attributeId;
-    else if (pending_ != attributeId && pending_ != attributeAllForced) pending_ = attributeAll;
+    if (pending_ == attributeNone)
+        pending_ = attributeId;
+    else if (pending_ != attributeId && pending_ != attributeAllForced)
+        pending_ = attributeAll;
     ActivityLoop::instance().pendingIs(Ptr<PtrInterface::NotifieeConst>(this));
     return true;
 }
@@ -103,9 +106,13 @@ void GenericIf::defaultNotification(AttributeId attributeId) {
     onAttribute(attributeId);
 }
 
-void GenericIf::handleNotification(ActivityConfig*) { defaultNotification(pendingAttributeTake()); }
+void GenericIf::handleNotification(ActivityConfig*) {
+    defaultNotification(pendingAttributeTake());
+}
 
-void GenericIf::redispatch() { ++redispatches_; }
+void GenericIf::redispatch() {
+    ++redispatches_;
+}
 
 void GenericIf::Notifiee::onAttribute(AttributeId, const Ptr<const GenericIf>&) {}
 void GenericIf::Notifiee::onNotificationException(AttributeId) {}
@@ -137,6 +144,8 @@ const TypeDescriptor* boolType() {
     return t;
 }
 
-Ptr<GenericIf> genericBool(bool value, bool isConst) { return GenericIf::Value_<bool>::make(value, isConst, boolType()); }
+Ptr<GenericIf> genericBool(bool value, bool isConst) {
+    return GenericIf::Value_<bool>::make(value, isConst, boolType());
+}
 
 } // namespace Orbel

@@ -25,7 +25,7 @@ void deliverToObservers(List& list, AttributeId id, F&& f) {
     snapshot.reserve(list.count());
     for (Observer* n = list.first(); n; n = list.next(n)) snapshot.emplace_back(n);
     for (auto& n : snapshot) {
-        if (n->references() == 1) {  // only the snapshot holds it: released meanwhile
+        if (n->references() == 1) { // only the snapshot holds it: released meanwhile
             n = nullptr;
             continue;
         }

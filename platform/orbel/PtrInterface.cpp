@@ -9,14 +9,15 @@ namespace {
 std::atomic<std::int64_t> liveCount{0};
 }
 
-PtrInterface::PtrInterface() noexcept { liveCount.fetch_add(1, std::memory_order_relaxed); }
+PtrInterface::PtrInterface() noexcept {
+    liveCount.fetch_add(1, std::memory_order_relaxed);
+}
 
 PtrInterface::~PtrInterface() {
 #ifndef NDEBUG
     // A counted object must only die through its last reference.
     if (refs_ != 0) {
-        std::fprintf(stderr, "Orbel::PtrInterface destroyed with %u references left\n",
-                     static_cast<unsigned>(refs_));
+        std::fprintf(stderr, "Orbel::PtrInterface destroyed with %u references left\n", static_cast<unsigned>(refs_));
         std::abort();
     }
 #endif
@@ -27,8 +28,12 @@ void PtrInterface::deleteRef() const {
     if (--refs_ == 0) onLastReference();
 }
 
-void PtrInterface::onLastReference() const { delete this; }
+void PtrInterface::onLastReference() const {
+    delete this;
+}
 
-std::int64_t PtrInterface::liveInstances() noexcept { return liveCount.load(std::memory_order_relaxed); }
+std::int64_t PtrInterface::liveInstances() noexcept {
+    return liveCount.load(std::memory_order_relaxed);
+}
 
 } // namespace Orbel

@@ -59,19 +59,39 @@ public:
     Ptr() noexcept = default;
     Ptr(std::nullptr_t) noexcept {}
     // Takes a new reference to p (which may be a freshly made object with count 0).
-    Ptr(T* p) noexcept : p_(p) { if (p_) p_->newRef(); }
-    Ptr(const Ptr& o) noexcept : p_(o.p_) { if (p_) p_->newRef(); }
+    Ptr(T* p) noexcept : p_(p) {
+        if (p_) p_->newRef();
+    }
+    Ptr(const Ptr& o) noexcept : p_(o.p_) {
+        if (p_) p_->newRef();
+    }
     Ptr(Ptr&& o) noexcept : p_(o.p_) { o.p_ = nullptr; }
     template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
-    Ptr(const Ptr<U>& o) noexcept : p_(o.ptr()) { if (p_) p_->newRef(); }
+    Ptr(const Ptr<U>& o) noexcept : p_(o.ptr()) {
+        if (p_) p_->newRef();
+    }
     template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
     Ptr(Ptr<U>&& o) noexcept : p_(o.release()) {}
-    ~Ptr() { if (p_) p_->deleteRef(); }
+    ~Ptr() {
+        if (p_) p_->deleteRef();
+    }
 
-    Ptr& operator=(const Ptr& o) { Ptr(o).swap(*this); return *this; }
-    Ptr& operator=(Ptr&& o) noexcept { Ptr(std::move(o)).swap(*this); return *this; }
-    Ptr& operator=(T* p) { Ptr(p).swap(*this); return *this; }
-    Ptr& operator=(std::nullptr_t) { Ptr().swap(*this); return *this; }
+    Ptr& operator=(const Ptr& o) {
+        Ptr(o).swap(*this);
+        return *this;
+    }
+    Ptr& operator=(Ptr&& o) noexcept {
+        Ptr(std::move(o)).swap(*this);
+        return *this;
+    }
+    Ptr& operator=(T* p) {
+        Ptr(p).swap(*this);
+        return *this;
+    }
+    Ptr& operator=(std::nullptr_t) {
+        Ptr().swap(*this);
+        return *this;
+    }
 
     T* ptr() const noexcept { return p_; }
     T* operator->() const noexcept { return p_; }
@@ -79,19 +99,34 @@ public:
     explicit operator bool() const noexcept { return p_ != nullptr; }
     void swap(Ptr& o) noexcept { std::swap(p_, o.p_); }
     // Gives up the reference without dropping it; the caller owns it now.
-    T* release() noexcept { T* p = p_; p_ = nullptr; return p; }
+    T* release() noexcept {
+        T* p = p_;
+        p_ = nullptr;
+        return p;
+    }
 
 private:
     T* p_ = nullptr;
 };
 
-template <class T, class U> bool operator==(const Ptr<T>& a, const Ptr<U>& b) noexcept { return a.ptr() == b.ptr(); }
-template <class T> bool operator==(const Ptr<T>& a, std::nullptr_t) noexcept { return !a; }
-template <class T, class U> bool operator==(const Ptr<T>& a, const U* b) noexcept { return a.ptr() == b; }
+template <class T, class U>
+bool operator==(const Ptr<T>& a, const Ptr<U>& b) noexcept {
+    return a.ptr() == b.ptr();
+}
+template <class T>
+bool operator==(const Ptr<T>& a, std::nullptr_t) noexcept {
+    return !a;
+}
+template <class T, class U>
+bool operator==(const Ptr<T>& a, const U* b) noexcept {
+    return a.ptr() == b;
+}
 
 // Checked downcast: null when p is null or not a T.
 template <class T, class U>
-Ptr<T> dynamicPtrCast(const Ptr<U>& p) { return Ptr<T>(dynamic_cast<T*>(p.ptr())); }
+Ptr<T> dynamicPtrCast(const Ptr<U>& p) {
+    return Ptr<T>(dynamic_cast<T*>(p.ptr()));
+}
 
 } // namespace Orbel
 

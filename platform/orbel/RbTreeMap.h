@@ -116,9 +116,12 @@ public:
         z->rbLeft_ = z->rbRight_ = nullptr;
         z->rbRed_ = true;
         z->rbLinked_ = true;
-        if (!parent) root_ = z;
-        else if (goLeft) parent->rbLeft_ = z;
-        else parent->rbRight_ = z;
+        if (!parent)
+            root_ = z;
+        else if (goLeft)
+            parent->rbLeft_ = z;
+        else
+            parent->rbRight_ = z;
         insertFixup(z);
         ++size_;
         ++modCount_;
@@ -159,8 +162,10 @@ public:
             } else {
                 L* parent = n->rbParent_;
                 if (parent) {
-                    if (parent->rbLeft_ == n) parent->rbLeft_ = nullptr;
-                    else parent->rbRight_ = nullptr;
+                    if (parent->rbLeft_ == n)
+                        parent->rbLeft_ = nullptr;
+                    else
+                        parent->rbRight_ = nullptr;
                 }
                 resetLinks(n);
                 n->deleteRef();
@@ -257,8 +262,7 @@ public:
         std::size_t count = 0;
         const L* previous = nullptr;
         checkSubtree(root_, nullptr, count, previous);
-        if (count != size_)
-            fail("size " + std::to_string(size_) + " but " + std::to_string(count) + " rows linked");
+        if (count != size_) fail("size " + std::to_string(size_) + " but " + std::to_string(count) + " rows linked");
     }
 
     // Position in the map. Holds a counted reference to its row, so the row stays readable
@@ -369,9 +373,12 @@ private:
     // Puts v where u hangs (in u's parent or as root); u's own links are left alone.
     void replaceChild(L* u, L* v) noexcept {
         L* p = u->rbParent_;
-        if (!p) root_ = v;
-        else if (u == p->rbLeft_) p->rbLeft_ = v;
-        else p->rbRight_ = v;
+        if (!p)
+            root_ = v;
+        else if (u == p->rbLeft_)
+            p->rbLeft_ = v;
+        else
+            p->rbRight_ = v;
         if (v) v->rbParent_ = p;
     }
 
@@ -407,14 +414,14 @@ private:
         resetLinks(old);
         ++modCount_;
         Ptr<V> out(asV(old));
-        old->deleteRef();  // the map's reference now lives in out
+        old->deleteRef(); // the map's reference now lives in out
         return out;
     }
 
     void insertFixup(L* z) noexcept {
         while (isRed(z->rbParent_)) {
             L* p = z->rbParent_;
-            L* g = p->rbParent_;  // exists: a red parent is never the root
+            L* g = p->rbParent_; // exists: a red parent is never the root
             if (p == g->rbLeft_) {
                 L* uncle = g->rbRight_;
                 if (isRed(uncle)) {
@@ -492,7 +499,7 @@ private:
     void eraseFixup(L* x, L* xParent) noexcept {
         while (x != root_ && !isRed(x)) {
             if (x == xParent->rbLeft_) {
-                L* w = xParent->rbRight_;  // non-null: that side has black height >= 1
+                L* w = xParent->rbRight_; // non-null: that side has black height >= 1
                 if (w->rbRed_) {
                     w->rbRed_ = false;
                     xParent->rbRed_ = true;
@@ -556,7 +563,7 @@ private:
         resetLinks(n);
         --size_;
         ++modCount_;
-        n->deleteRef();  // cannot be the last reference: out holds one
+        n->deleteRef(); // cannot be the last reference: out holds one
         return out;
     }
 

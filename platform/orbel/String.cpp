@@ -46,9 +46,13 @@ void String::drop() noexcept {
     b_ = nullptr;
 }
 
-std::size_t String::hash() const noexcept { return fnv1a(data(), size()); }
+std::size_t String::hash() const noexcept {
+    return fnv1a(data(), size());
+}
 
-std::int64_t String::liveBodies() noexcept { return bodies.load(std::memory_order_relaxed); }
+std::int64_t String::liveBodies() noexcept {
+    return bodies.load(std::memory_order_relaxed);
+}
 
 String operator+(const String& a, const String& b) {
     std::string s;
@@ -56,8 +60,12 @@ String operator+(const String& a, const String& b) {
     s.append(a.view()).append(b.view());
     return String(s);
 }
-String operator+(const String& a, const char* b) { return a + String(b); }
-String operator+(const char* a, const String& b) { return String(a) + b; }
+String operator+(const String& a, const char* b) {
+    return a + String(b);
+}
+String operator+(const char* a, const String& b) {
+    return String(a) + b;
+}
 
 std::ostream& operator<<(std::ostream& os, const String& s) {
     return os.write(s.data(), static_cast<std::streamsize>(s.size()));

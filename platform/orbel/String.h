@@ -28,11 +28,19 @@ public:
     String(const char* bytes, std::size_t n);
     String(std::string_view s) : String(s.data(), s.size()) {}
     String(const std::string& s) : String(s.data(), s.size()) {}
-    String(const String& o) noexcept : b_(o.b_) { if (b_) ++b_->refs; }
+    String(const String& o) noexcept : b_(o.b_) {
+        if (b_) ++b_->refs;
+    }
     String(String&& o) noexcept : b_(o.b_) { o.b_ = nullptr; }
     ~String() { drop(); }
-    String& operator=(const String& o) noexcept { String(o).swap(*this); return *this; }
-    String& operator=(String&& o) noexcept { String(std::move(o)).swap(*this); return *this; }
+    String& operator=(const String& o) noexcept {
+        String(o).swap(*this);
+        return *this;
+    }
+    String& operator=(String&& o) noexcept {
+        String(std::move(o)).swap(*this);
+        return *this;
+    }
 
     std::size_t size() const noexcept { return b_ ? b_->size : 0; }
     bool empty() const noexcept { return b_ == nullptr; }
@@ -57,9 +65,7 @@ public:
     // Number of string bodies alive in the process (tests prove that none leak).
     static std::int64_t liveBodies() noexcept;
 
-    friend bool operator==(const String& a, const String& b) noexcept {
-        return a.b_ == b.b_ || a.view() == b.view();
-    }
+    friend bool operator==(const String& a, const String& b) noexcept { return a.b_ == b.b_ || a.view() == b.view(); }
     friend bool operator!=(const String& a, const String& b) noexcept { return !(a == b); }
     // Byte order (unsigned), a prefix before its extensions: the order of std::string.
     friend bool operator<(const String& a, const String& b) noexcept { return a.view().compare(b.view()) < 0; }
@@ -83,7 +89,9 @@ private:
         std::uint32_t refs;
 #endif
         std::uint32_t size;
-        char* bytes() noexcept { return reinterpret_cast<char*>(this + 1); }
+        char* bytes() noexcept {
+            return reinterpret_cast<char*>(this + 1);
+        }
     };
     void drop() noexcept;
     Body* b_ = nullptr;

@@ -78,8 +78,8 @@ std::vector<std::pair<std::string, std::string>> splitConfig(const std::string& 
     while (i < config.size()) {
         std::size_t slash = config.find('/', i);
         if (slash == std::string::npos || slash == i)
-            throw RangeException("bad trace configuration '" + String(config) + "': expected FACILITY/LEVELS at column " +
-                                 String(std::to_string(i)));
+            throw RangeException("bad trace configuration '" + String(config) +
+                                 "': expected FACILITY/LEVELS at column " + String(std::to_string(i)));
         std::string name = config.substr(i, slash - i);
         std::size_t j = slash + 1, end = j;
         // The levels run up to a comma that precedes another "NAME/".
@@ -166,8 +166,12 @@ void traceSinkIs(TraceSink sink) {
     s.sink = std::move(sink);
 }
 
-std::ostream* coverageStream() noexcept { return coverage.load(std::memory_order_relaxed); }
-void coverageStreamIs(std::ostream* os) noexcept { coverage.store(os, std::memory_order_relaxed); }
+std::ostream* coverageStream() noexcept {
+    return coverage.load(std::memory_order_relaxed);
+}
+void coverageStreamIs(std::ostream* os) noexcept {
+    coverage.store(os, std::memory_order_relaxed);
+}
 
 std::string formatTraceLine(const TraceLine& l) {
     using namespace std::chrono;
@@ -194,8 +198,8 @@ std::string formatTraceLine(const TraceLine& l) {
     return out;
 }
 
-void traceHelper(const TraceHandle& handle, const char* name, unsigned level, bool enabled, const char* file,
-                 int line, const char* function, const std::string& text) {
+void traceHelper(const TraceHandle& handle, const char* name, unsigned level, bool enabled, const char* file, int line,
+                 const char* function, const std::string& text) {
     TraceLine l{std::chrono::system_clock::now(), handle.facility(), name, level, enabled, file, line, function, text};
     if (std::ostream* cov = coverageStream()) *cov << formatTraceLine(l) << '\n';
     if (!enabled) return;

@@ -82,23 +82,23 @@ std::ostream* coverageStream() noexcept;
 void coverageStreamIs(std::ostream* os) noexcept;
 
 // Hands one composed line on: to the sink when enabled, to the coverage stream when set.
-void traceHelper(const TraceHandle& handle, const char* name, unsigned level, bool enabled, const char* file,
-                 int line, const char* function, const std::string& text);
+void traceHelper(const TraceHandle& handle, const char* name, unsigned level, bool enabled, const char* file, int line,
+                 const char* function, const std::string& text);
 
 } // namespace Orbel
 
 // Traces `parts` (a chain of stream insertions) at `level` through `handle`, naming the
 // given source file and function.
-#define ORBEL_TRACE_AT(handle, level, file, function, parts)                                                  \
-    do {                                                                                                       \
-        const ::Orbel::TraceHandle& orbelTh_ = (handle);                                                       \
-        const bool orbelOn_ = orbelTh_.enabled(level);                                                         \
-        if (orbelOn_ || ::Orbel::coverageStream()) {                                                           \
-            std::ostringstream orbelOs_;                                                                       \
-            orbelOs_ << parts;                                                                                 \
-            ::Orbel::traceHelper(orbelTh_, "<unknown>", (level), orbelOn_, (file), __LINE__, (function),       \
-                                 orbelOs_.str());                                                              \
-        }                                                                                                      \
+#define ORBEL_TRACE_AT(handle, level, file, function, parts)                                             \
+    do {                                                                                                 \
+        const ::Orbel::TraceHandle& orbelTh_ = (handle);                                                 \
+        const bool orbelOn_ = orbelTh_.enabled(level);                                                   \
+        if (orbelOn_ || ::Orbel::coverageStream()) {                                                     \
+            std::ostringstream orbelOs_;                                                                 \
+            orbelOs_ << parts;                                                                           \
+            ::Orbel::traceHelper(orbelTh_, "<unknown>", (level), orbelOn_, (file), __LINE__, (function), \
+                                 orbelOs_.str());                                                        \
+        }                                                                                                \
     } while (0)
 
 #define ORBEL_TRACE(handle, level, parts) ORBEL_TRACE_AT(handle, level, __FILE_NAME__, __func__, parts)

@@ -20,8 +20,12 @@ TypeRegistry& TypeRegistry::instance() {
     return *r;
 }
 
-void TypeRegistry::namespaceOpen(const String& ns) { namespace_ = ns; }
-void TypeRegistry::namespaceClose() { namespace_ = String(); }
+void TypeRegistry::namespaceOpen(const String& ns) {
+    namespace_ = ns;
+}
+void TypeRegistry::namespaceClose() {
+    namespace_ = String();
+}
 
 TypeDescriptor& TypeRegistry::typeOpen(const String& name) {
     String qualified = namespace_.empty() ? name : namespace_ + "::" + name;
@@ -36,7 +40,9 @@ void TypeRegistry::attributeIs(AttributeDescriptor attribute) {
     open_->attributes_.push_back(std::move(attribute));
 }
 
-void TypeRegistry::typeClose() { open_ = nullptr; }
+void TypeRegistry::typeClose() {
+    open_ = nullptr;
+}
 
 void TypeRegistry::typeDel(const String& qualifiedName) {
     std::erase_if(types_, [&](const auto& t) { return t->name() == qualifiedName; });

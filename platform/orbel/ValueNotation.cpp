@@ -7,7 +7,9 @@
 namespace Orbel {
 
 namespace {
-bool isSpace(char c) noexcept { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+bool isSpace(char c) noexcept {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+}
 
 String excerpt(String8::IteratorConst pos, const String8::IteratorConst& end) {
     if (pos == end) return "end of text";
@@ -59,22 +61,34 @@ String sequenceToValue(String8::IteratorConst& pos, const String8::IteratorConst
         if (p == end) throw RangeException("unterminated escape in quoted string");
         char e = *p++;
         switch (e) {
-        case '\\': out.push_back('\\'); break;
-        case '\'': out.push_back('\''); break;
-        case '"': out.push_back('"'); break;
-        case 'n': out.push_back('\n'); break;
-        case 'r': out.push_back('\r'); break;
-        case 't': out.push_back('\t'); break;
-        case 'x': {
-            int hi = p != end ? hexValue(*p) : -1;
-            int lo = (hi >= 0 && p + 1 != end) ? hexValue(p[1]) : -1;
-            if (hi < 0 || lo < 0) throw RangeException("bad \\x escape in quoted string");
-            out.push_back(static_cast<char>(hi * 16 + lo));
-            p += 2;
-            break;
-        }
-        default:
-            throw RangeException(format("unknown escape \\%c in quoted string", e));
+            case '\\':
+                out.push_back('\\');
+                break;
+            case '\'':
+                out.push_back('\'');
+                break;
+            case '"':
+                out.push_back('"');
+                break;
+            case 'n':
+                out.push_back('\n');
+                break;
+            case 'r':
+                out.push_back('\r');
+                break;
+            case 't':
+                out.push_back('\t');
+                break;
+            case 'x': {
+                int hi = p != end ? hexValue(*p) : -1;
+                int lo = (hi >= 0 && p + 1 != end) ? hexValue(p[1]) : -1;
+                if (hi < 0 || lo < 0) throw RangeException("bad \\x escape in quoted string");
+                out.push_back(static_cast<char>(hi * 16 + lo));
+                p += 2;
+                break;
+            }
+            default:
+                throw RangeException(format("unknown escape \\%c in quoted string", e));
         }
     }
     pos = p;
@@ -89,19 +103,29 @@ String quoteBytes(std::string_view bytes) {
     for (char ch : bytes) {
         auto c = static_cast<unsigned char>(ch);
         switch (c) {
-        case '\\': out += "\\\\"; break;
-        case '\'': out += "\\'"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        default:
-            if (c < 0x20 || c >= 0x7f) {
-                out += "\\x";
-                out.push_back(hex[c >> 4]);
-                out.push_back(hex[c & 15]);
-            } else {
-                out.push_back(static_cast<char>(c));
-            }
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\'':
+                out += "\\'";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            default:
+                if (c < 0x20 || c >= 0x7f) {
+                    out += "\\x";
+                    out.push_back(hex[c >> 4]);
+                    out.push_back(hex[c & 15]);
+                } else {
+                    out.push_back(static_cast<char>(c));
+                }
         }
     }
     out.push_back('\'');
@@ -128,8 +152,8 @@ void rethrowFromDeserializeAttr(const Exception& e, const String& attribute) {
 }
 
 void throwJunk(const String8& text, String8::IteratorConst pos) {
-    throw RangeException(format("junk at column %lld deserializing %s", static_cast<long long>(pos - text.begin()),
-                                text.cStr()));
+    throw RangeException(
+        format("junk at column %lld deserializing %s", static_cast<long long>(pos - text.begin()), text.cStr()));
 }
 
 } // namespace Orbel

@@ -13,8 +13,7 @@ int BoolToAsnIntegerF::operator()(bool value, unsigned char* buffer, int bufferL
     return static_cast<int>(sizeof v);
 }
 
-int StringToAsnOctetStringF::operator()(const Orbel::String8& value, unsigned char* buffer,
-                                         int limit) const noexcept {
+int StringToAsnOctetStringF::operator()(const Orbel::String8& value, unsigned char* buffer, int limit) const noexcept {
     if (limit < 0 || value.size() > static_cast<std::size_t>(limit)) return -1;
     if (value.empty()) return 0;
     if (!buffer) return -1;

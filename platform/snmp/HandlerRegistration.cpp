@@ -14,7 +14,9 @@ AutoRegistree::AutoRegistree(HandlerRegistration* registration) : registration_(
     PluginRegistry::instance().registrationIs(registration_);
 }
 
-AutoRegistree::~AutoRegistree() { PluginRegistry::instance().registrationDel(registration_); }
+AutoRegistree::~AutoRegistree() {
+    PluginRegistry::instance().registrationDel(registration_);
+}
 
 PluginRegistry& PluginRegistry::instance() {
     // Never destroyed: module libraries may be unloaded after static destruction began.
@@ -61,7 +63,9 @@ ModuleLoader::ModuleLoader(const std::string& path) : path_(path), module_(modul
         if (std::find(before.begin(), before.end(), r) == before.end()) registrations_.push_back(r);
 }
 
-ModuleLoader::~ModuleLoader() { unload(); }
+ModuleLoader::~ModuleLoader() {
+    unload();
+}
 
 void ModuleLoader::initContext(const Orbel::String8& context) {
     if (!handle_) throw Orbel::Exception("module " + Orbel::String(module_) + " is not loaded");

@@ -30,8 +30,12 @@ Orbel::Ptr<String::GenericIf_> String::genericIf(const String& value, bool isCon
     return GenericIf_::make(value, isConst, type());
 }
 
-Orbel::String8 valueToStrep(const String& s) { return Orbel::quoteBytes(s.view()); }
+Orbel::String8 valueToStrep(const String& s) {
+    return Orbel::quoteBytes(s.view());
+}
 
-std::ostream& operator<<(std::ostream& os, const String& s) { return os << s.str(); }
+std::ostream& operator<<(std::ostream& os, const String& s) {
+    return os << s.str();
+}
 
 } // namespace Snmp

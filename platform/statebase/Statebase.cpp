@@ -25,7 +25,9 @@ std::vector<std::string_view> split(std::string_view path, bool strict) {
 }
 } // namespace
 
-Orbel::Ptr<Directory> Directory::directoryFactory(Orbel::Name name) { return new Directory(std::move(name)); }
+Orbel::Ptr<Directory> Directory::directoryFactory(Orbel::Name name) {
+    return new Directory(std::move(name));
+}
 
 Orbel::Ptr<Orbel::Entity> Directory::entity(std::string_view path) const {
     auto parts = split(path, false);
@@ -47,8 +49,9 @@ Orbel::Ptr<Directory> Directory::directoryIs(std::string_view path) {
         auto& slot = dir->entries_[Orbel::String(part)];
         if (!slot) slot = directoryFactory(Orbel::Name(part));
         auto next = Orbel::dynamicPtrCast<Directory>(slot);
-        if (!next) throw Orbel::RangeException("'" + Orbel::String(part) + "' in state path '" + Orbel::String(path) +
-                                               "' is not a directory");
+        if (!next)
+            throw Orbel::RangeException("'" + Orbel::String(part) + "' in state path '" + Orbel::String(path) +
+                                        "' is not a directory");
         dir = next;
     }
     return dir;

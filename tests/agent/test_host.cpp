@@ -29,7 +29,9 @@ extern "C" void init_vacm_conf(void);
 
 namespace {
 volatile sig_atomic_t stop = 0;
-void onSignal(int) { stop = 1; }
+void onSignal(int) {
+    stop = 1;
+}
 } // namespace
 
 int main(int argc, char** argv) {
@@ -100,7 +102,7 @@ int main(int argc, char** argv) {
         module.initContext("");
         for (int i = 4; i < argc; ++i) module.initContext(argv[i]);
         struct sigaction sa {};
-        sa.sa_handler = onSignal;  // no SA_RESTART, so the select loop wakes up
+        sa.sa_handler = onSignal; // no SA_RESTART, so the select loop wakes up
         sigaction(SIGTERM, &sa, nullptr);
         sigaction(SIGINT, &sa, nullptr);
         std::cout << "velmar-test-host: serving on " << port << std::endl;
@@ -111,6 +113,6 @@ int main(int argc, char** argv) {
     }
     Statebase::root()->entityDelAll();
     std::error_code ec;
-    std::filesystem::remove_all(dir, ec);  // snmp_shutdown saved velmar-test-host.conf there
+    std::filesystem::remove_all(dir, ec); // snmp_shutdown saved velmar-test-host.conf there
     return status;
 }

@@ -50,8 +50,9 @@ TEST(ModuleExports, OnlyEntryPointsSetUpFunctionsAndHandlersAreExported) {
     if (run("command -v nm >/dev/null 2>&1").second != 0) GTEST_SKIP() << "nm is not installed; cannot list exports";
     const auto [out, status] = run(std::string("nm -C -D --defined-only '") + modulePath + "'");
     ASSERT_EQ(status, 0) << out;
-    const std::string handlerArgs = "(netsnmp_mib_handler_s*, netsnmp_handler_registration_s*, "
-                                    "netsnmp_agent_request_info_s*, netsnmp_request_info_s*)";
+    const std::string handlerArgs =
+        "(netsnmp_mib_handler_s*, netsnmp_handler_registration_s*, "
+        "netsnmp_agent_request_info_s*, netsnmp_request_info_s*)";
     const std::set<std::string> expected = {
         "init_VelmarDaemonMIB(Orbel::String)",
         "unregister_VelmarDaemonMIB(Orbel::String)",

@@ -55,8 +55,12 @@ protected:
     Orbel::Ptr<GenericAgent::Status> st_;
 };
 
-std::string key(const OptionTableIndex& i) { return streamed(i); }
-std::string key(const DataTableIndex& i) { return streamed(i); }
+std::string key(const OptionTableIndex& i) {
+    return streamed(i);
+}
+std::string key(const DataTableIndex& i) {
+    return streamed(i);
+}
 
 } // namespace
 
@@ -90,12 +94,13 @@ TEST_F(Handling, EmptyOptionValueAnswersGenErr) {
         EXPECT_EQ(r->status, SNMP_ERR_GENERR);
         EXPECT_EQ(r->processed, 1);
         EXPECT_EQ(r->requestvb->type, ASN_NULL);
-        EXPECT_THAT(trace.texts(),
-                    ElementsAre("velmarDaemonOptionTable_handler", "velmarDaemonOptionTable_handler: request mode 160",
-                                "velmarDaemonOptionTable_handler: request GET for column velmarDaemonOptionValue, key " +
-                                    key(OptionTableIndex("bgpd", k)),
-                                "handle_velmarDaemonOptionTable - entity /<sysname>/snmp/launcher/daemonMIB length out "
-                                "of range: val (0)"));
+        EXPECT_THAT(
+            trace.texts(),
+            ElementsAre("velmarDaemonOptionTable_handler", "velmarDaemonOptionTable_handler: request mode 160",
+                        "velmarDaemonOptionTable_handler: request GET for column velmarDaemonOptionValue, key " +
+                            key(OptionTableIndex("bgpd", k)),
+                        "handle_velmarDaemonOptionTable - entity /<sysname>/snmp/launcher/daemonMIB length out "
+                        "of range: val (0)"));
         EXPECT_EQ(trace.lines().back().level, 2u);
     }
 }
@@ -183,7 +188,8 @@ TEST_F(Handling, WrongColumnMarksNoSuchObjectAndStops) {
         SCOPED_TRACE(column);
         TraceCapture trace("Snmp/0-2");
         RequestList list(MODE_GET);
-        netsnmp_request_info* wrong = list.addForHandler(rowOid(Table::option, column, "bgpd", "asn"), column, row.get());
+        netsnmp_request_info* wrong =
+            list.addForHandler(rowOid(Table::option, column, "bgpd", "asn"), column, row.get());
         netsnmp_request_info* after = list.addForHandler(rowOid(Table::option, 3, "bgpd", "asn"), 3, row.get());
         EXPECT_EQ(call(Table::option, list), SNMP_ERR_NOERROR);
         EXPECT_EQ(wrong->requestvb->type, SNMP_NOSUCHOBJECT);
@@ -305,6 +311,7 @@ TEST_F(Handling, FailedConversionMarksTheFirstRequestOfTheList) {
     EXPECT_EQ(first->status, SNMP_ERR_GENERR);
     EXPECT_EQ(failing->status, 0);
     EXPECT_EQ(failing->requestvb->type, ASN_NULL);
-    EXPECT_EQ(trace.texts().back(),
-              "handle_velmarDaemonOptionTable - entity /<sysname>/snmp/launcher/daemonMIB length out of range: val (0)");
+    EXPECT_EQ(
+        trace.texts().back(),
+        "handle_velmarDaemonOptionTable - entity /<sysname>/snmp/launcher/daemonMIB length out of range: val (0)");
 }

@@ -41,8 +41,12 @@ void* next(const char* symbol) {
 
 } // namespace
 
-ModuleCalls& moduleCalls() { return calls; }
-void resetModuleCalls() { calls = ModuleCalls{}; }
+ModuleCalls& moduleCalls() {
+    return calls;
+}
+void resetModuleCalls() {
+    calls = ModuleCalls{};
+}
 
 } // namespace ModuleTest
 
@@ -66,12 +70,13 @@ extern "C" int snmp_set_var_typed_value(netsnmp_variable_list* var, u_char type,
 
 namespace Orbel {
 
-void traceHelper(const TraceHandle& handle, const char* name, unsigned level, bool enabled, const char* file,
-                 int line, const char* function, const std::string& text) {
-    using Fn = void (*)(const TraceHandle&, const char*, unsigned, bool, const char*, int, const char*,
-                        const std::string&);
-    static const auto real = reinterpret_cast<Fn>(ModuleTest::next(
-        "_ZN5Orbel11traceHelperERKNS_11TraceHandleEPKcjbS4_iS4_RKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"));
+void traceHelper(const TraceHandle& handle, const char* name, unsigned level, bool enabled, const char* file, int line,
+                 const char* function, const std::string& text) {
+    using Fn =
+        void (*)(const TraceHandle&, const char*, unsigned, bool, const char*, int, const char*, const std::string&);
+    static const auto real =
+        reinterpret_cast<Fn>(ModuleTest::next("_ZN5Orbel11traceHelperERKNS_11TraceHandleEPKcjbS4_iS4_RKNSt7__"
+                                              "cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"));
     if (ModuleTest::fromModule(__builtin_return_address(0))) ++ModuleTest::calls.traceHelper;
     real(handle, name, level, enabled, file, line, function, text);
 }

@@ -28,8 +28,12 @@ std::string hintLine(const std::string& fn, const void* hint, unsigned n) {
 std::string allocatedLine(const std::string& fn, const void* loop, bool matched) {
     return fn + " - allocated new loop context " + ptr(loop) + ", hintMatched=" + (matched ? "1" : "0");
 }
-std::string rowLines(const std::string& name) { return helper + " - iterator has another value: agentName=" + name; }
-std::string keyLine(const std::string& key) { return helper + " - iterator has another value: key=" + key; }
+std::string rowLines(const std::string& name) {
+    return helper + " - iterator has another value: agentName=" + name;
+}
+std::string keyLine(const std::string& key) {
+    return helper + " - iterator has another value: key=" + key;
+}
 
 std::string rangeText(const void* bytes, unsigned length) {
     try {
@@ -70,11 +74,10 @@ TEST_F(Iteration, ExactHintStartsOnThatRow) {
     EXPECT_NE(pass.loopContext(), static_cast<void*>(hint.info())); // the slot was overwritten
     EXPECT_EQ(octets(v), "bgpd");
     EXPECT_EQ(octets(v->next_variable), "asn");
-    EXPECT_THAT(trace.texts(), ElementsAre(hintLine(getFirst, hint.info(), 2),
-                                           "hint component velmarDaemonOptionAgentName is 'bgpd'",
-                                           "hint component velmarDaemonOptionKey is 'asn'",
-                                           allocatedLine(getFirst, pass.loopContext(), true), rowLines("bgpd"),
-                                           keyLine("asn")));
+    EXPECT_THAT(trace.texts(),
+                ElementsAre(hintLine(getFirst, hint.info(), 2), "hint component velmarDaemonOptionAgentName is 'bgpd'",
+                            "hint component velmarDaemonOptionKey is 'asn'",
+                            allocatedLine(getFirst, pass.loopContext(), true), rowLines("bgpd"), keyLine("asn")));
     for (const Line& l : trace.lines()) {
         EXPECT_EQ(l.level, 2u) << l.text;
         EXPECT_EQ(l.file, sourceFile);
@@ -120,11 +123,12 @@ TEST_F(Iteration, HintForAMissingNameWalksFromTheFirstRow) {
     ASSERT_NE(v, nullptr);
     EXPECT_EQ(octets(v), "bgpd");
     EXPECT_EQ(octets(v->next_variable), "id");
-    EXPECT_THAT(trace.texts(),
-                ElementsAre(hintLine(getFirst, hint.info(), 2), "hint component velmarDaemonOptionAgentName is 'nosuchd'",
-                            "hint component velmarDaemonOptionKey is 'asn'",
-                            getFirst + " - key '" + streamed(OptionTableIndex("nosuchd", "asn")) + "' not found in table",
-                            allocatedLine(getFirst, pass.loopContext(), false), rowLines("bgpd"), keyLine("id")));
+    EXPECT_THAT(
+        trace.texts(),
+        ElementsAre(hintLine(getFirst, hint.info(), 2), "hint component velmarDaemonOptionAgentName is 'nosuchd'",
+                    "hint component velmarDaemonOptionKey is 'asn'",
+                    getFirst + " - key '" + streamed(OptionTableIndex("nosuchd", "asn")) + "' not found in table",
+                    allocatedLine(getFirst, pass.loopContext(), false), rowLines("bgpd"), keyLine("id")));
 }
 
 TEST_F(Iteration, GetOfAMissingRowFindsNoRow) {
@@ -164,12 +168,12 @@ TEST_F(Iteration, WrongTypedNameDoesNotStopTheKeyFromBeingExamined) {
     netsnmp_variable_list* v = pass.first(hint.info());
     ASSERT_NE(v, nullptr);
     EXPECT_EQ(octets(v->next_variable), "id"); // first row
-    EXPECT_THAT(trace.texts(),
-                ElementsAre(hintLine(getFirst, hint.info(), 2),
-                            "hint for velmarDaemonOptionAgentName has incorrect type! Expecting 4 but got 2",
-                            "hint component velmarDaemonOptionKey is 'asn'",
-                            getFirst + " - needed 2 components, found only 1",
-                            allocatedLine(getFirst, pass.loopContext(), false), rowLines("bgpd"), keyLine("id")));
+    EXPECT_THAT(
+        trace.texts(),
+        ElementsAre(hintLine(getFirst, hint.info(), 2),
+                    "hint for velmarDaemonOptionAgentName has incorrect type! Expecting 4 but got 2",
+                    "hint component velmarDaemonOptionKey is 'asn'", getFirst + " - needed 2 components, found only 1",
+                    allocatedLine(getFirst, pass.loopContext(), false), rowLines("bgpd"), keyLine("id")));
     EXPECT_EQ(trace.lines()[1].level, 0u);
     EXPECT_EQ(trace.lines()[2].level, 2u);
     EXPECT_EQ(trace.lines()[3].level, 2u);
@@ -196,10 +200,11 @@ TEST_F(Iteration, OneVarbindForATwoComponentTable) {
         TraceCapture trace("Snmp/0-2");
         Pass pass(ii_);
         pass.first(hint.info());
-        EXPECT_THAT(trace.texts(),
-                    ElementsAre(hintLine(getFirst, hint.info(), 2), "hint component velmarDaemonOptionAgentName is 'bgpd'",
-                                getFirst + " - needed 2 components, found only 1",
-                                allocatedLine(getFirst, pass.loopContext(), false), rowLines("bgpd"), keyLine("id")));
+        EXPECT_THAT(
+            trace.texts(),
+            ElementsAre(hintLine(getFirst, hint.info(), 2), "hint component velmarDaemonOptionAgentName is 'bgpd'",
+                        getFirst + " - needed 2 components, found only 1",
+                        allocatedLine(getFirst, pass.loopContext(), false), rowLines("bgpd"), keyLine("id")));
     }
     {
         Hint hint(2);
@@ -218,10 +223,9 @@ TEST_F(Iteration, OneVarbindForATwoComponentTable) {
         TraceCapture trace("Snmp/0-2");
         Pass pass(ii_);
         pass.first(hint.info());
-        EXPECT_THAT(trace.texts(), ElementsAre(hintLine(getFirst, hint.info(), 2),
-                                               getFirst + " - needed 2 components, found only 0",
-                                               allocatedLine(getFirst, pass.loopContext(), false), rowLines("bgpd"),
-                                               keyLine("id")));
+        EXPECT_THAT(trace.texts(),
+                    ElementsAre(hintLine(getFirst, hint.info(), 2), getFirst + " - needed 2 components, found only 0",
+                                allocatedLine(getFirst, pass.loopContext(), false), rowLines("bgpd"), keyLine("id")));
     }
 }
 
@@ -236,13 +240,14 @@ TEST_F(Iteration, OutOfRangeComponentsAreTracedAtLevelZero) {
         TraceCapture trace("Snmp/0-2");
         Pass pass(ii_);
         pass.first(hint.info());
-        EXPECT_THAT(trace.texts(),
-                    ElementsAre(hintLine(getFirst, hint.info(), 2),
-                                "hint for index velmarDaemonOptionAgentName of velmarDaemonOptionTable is out of range! " +
-                                    rangeText(nullptr, 3),
-                                "hint component velmarDaemonOptionKey is 'asn'",
-                                getFirst + " - needed 2 components, found only 1",
-                                allocatedLine(getFirst, pass.loopContext(), false), rowLines("bgpd"), keyLine("id")));
+        EXPECT_THAT(
+            trace.texts(),
+            ElementsAre(hintLine(getFirst, hint.info(), 2),
+                        "hint for index velmarDaemonOptionAgentName of velmarDaemonOptionTable is out of range! " +
+                            rangeText(nullptr, 3),
+                        "hint component velmarDaemonOptionKey is 'asn'",
+                        getFirst + " - needed 2 components, found only 1",
+                        allocatedLine(getFirst, pass.loopContext(), false), rowLines("bgpd"), keyLine("id")));
         EXPECT_EQ(trace.lines()[1].level, 0u);
     }
     {
@@ -252,12 +257,13 @@ TEST_F(Iteration, OutOfRangeComponentsAreTracedAtLevelZero) {
         TraceCapture trace("Snmp/0-2");
         Pass pass(ii_);
         pass.first(hint.info());
-        EXPECT_THAT(trace.texts(),
-                    ElementsAre(hintLine(getFirst, hint.info(), 2), "hint component velmarDaemonOptionAgentName is 'bgpd'",
-                                "hint for index velmarDaemonOptionKey of velmarDaemonOptionTable is out of range! " +
-                                    rangeText(huge.data(), static_cast<unsigned>(huge.size())),
-                                getFirst + " - needed 2 components, found only 1",
-                                allocatedLine(getFirst, pass.loopContext(), false), rowLines("bgpd"), keyLine("id")));
+        EXPECT_THAT(
+            trace.texts(),
+            ElementsAre(hintLine(getFirst, hint.info(), 2), "hint component velmarDaemonOptionAgentName is 'bgpd'",
+                        "hint for index velmarDaemonOptionKey of velmarDaemonOptionTable is out of range! " +
+                            rangeText(huge.data(), static_cast<unsigned>(huge.size())),
+                        getFirst + " - needed 2 components, found only 1",
+                        allocatedLine(getFirst, pass.loopContext(), false), rowLines("bgpd"), keyLine("id")));
         EXPECT_EQ(trace.lines()[2].level, 0u);
     }
 }
@@ -277,11 +283,10 @@ TEST_F(Iteration, OneComponentTablesCountZeroForAnyUnusableHint) {
             TraceCapture trace("Snmp/0-2");
             Pass pass(ii);
             EXPECT_EQ(octets(pass.first(hint.info())), "bgpd");
-            EXPECT_THAT(trace.textsFrom(first),
-                        ElementsAre(hintLine(first, hint.info(), 1),
-                                    std::string("hint for ") + f.nameComponent +
-                                        " has incorrect type! Expecting 4 but got 2",
-                                    needed, allocatedLine(first, pass.loopContext(), false)));
+            EXPECT_THAT(trace.textsFrom(first), ElementsAre(hintLine(first, hint.info(), 1),
+                                                            std::string("hint for ") + f.nameComponent +
+                                                                " has incorrect type! Expecting 4 but got 2",
+                                                            needed, allocatedLine(first, pass.loopContext(), false)));
             EXPECT_EQ(trace.lines()[1].level, 0u);
         }
         {
@@ -299,11 +304,10 @@ TEST_F(Iteration, OneComponentTablesCountZeroForAnyUnusableHint) {
             TraceCapture trace("Snmp/0-2");
             Pass pass(ii);
             pass.first(hint.info());
-            EXPECT_THAT(trace.textsFrom(first),
-                        ElementsAre(hintLine(first, hint.info(), 1),
-                                    std::string("hint for index ") + f.nameComponent + " of " + f.name +
-                                        " is out of range! " + rangeText(nullptr, 3),
-                                    needed, allocatedLine(first, pass.loopContext(), false)));
+            EXPECT_THAT(trace.textsFrom(first), ElementsAre(hintLine(first, hint.info(), 1),
+                                                            std::string("hint for index ") + f.nameComponent + " of " +
+                                                                f.name + " is out of range! " + rangeText(nullptr, 3),
+                                                            needed, allocatedLine(first, pass.loopContext(), false)));
             EXPECT_EQ(trace.lines()[1].level, 0u);
         }
     }
@@ -316,17 +320,17 @@ TEST_F(Iteration, MismatchedOrMissingHintWalksFromTheFirstRowSilently) {
         TraceCapture trace("Snmp/0-2");
         Pass pass(ii_);
         pass.first(hint.info());
-        EXPECT_THAT(trace.texts(), ElementsAre(hintLine(getFirst, hint.info(), 1),
-                                               allocatedLine(getFirst, pass.loopContext(), false), rowLines("bgpd"),
-                                               keyLine("id")));
+        EXPECT_THAT(trace.texts(),
+                    ElementsAre(hintLine(getFirst, hint.info(), 1), allocatedLine(getFirst, pass.loopContext(), false),
+                                rowLines("bgpd"), keyLine("id")));
     }
     {
         TraceCapture trace("Snmp/0-2");
         Pass pass(ii_);
         pass.first(nullptr);
-        EXPECT_THAT(trace.texts(), ElementsAre(hintLine(getFirst, nullptr, 0),
-                                               allocatedLine(getFirst, pass.loopContext(), false), rowLines("bgpd"),
-                                               keyLine("id")));
+        EXPECT_THAT(trace.texts(),
+                    ElementsAre(hintLine(getFirst, nullptr, 0), allocatedLine(getFirst, pass.loopContext(), false),
+                                rowLines("bgpd"), keyLine("id")));
     }
 }
 
@@ -355,10 +359,10 @@ TEST_F(Iteration, NullContextsAreTracedAndIgnored) {
     netsnmp_variable_list* put = snmp_clone_varbind(ii_->table_reginfo->indexes);
     EXPECT_EQ(ii_->get_next_data_point(&loop, &data, put, ii_), nullptr);
     snmp_free_varbind(put);
-    EXPECT_THAT(trace.texts(), ElementsAre("velmarDaemonOptionTable_free_data_context " + ptr(nullptr),
-                                           "velmarDaemonOptionTable_free_loop_context_at_end " + ptr(nullptr),
-                                           "velmarDaemonOptionTable_get_next_data_point - at end of loop context " +
-                                               ptr(nullptr)));
+    EXPECT_THAT(trace.texts(),
+                ElementsAre("velmarDaemonOptionTable_free_data_context " + ptr(nullptr),
+                            "velmarDaemonOptionTable_free_loop_context_at_end " + ptr(nullptr),
+                            "velmarDaemonOptionTable_get_next_data_point - at end of loop context " + ptr(nullptr)));
 }
 
 TEST_F(Iteration, RowRemovedBetweenNextCallsContinuesWithTheNextGreaterKey) {
@@ -366,11 +370,11 @@ TEST_F(Iteration, RowRemovedBetweenNextCallsContinuesWithTheNextGreaterKey) {
     netsnmp_iterator_info* ii = module().iterator(Table::enabled);
     std::vector<std::string> walked;
     Pass pass(ii);
-    walked.push_back(octets(pass.first(nullptr)));   // a
-    walked.push_back(octets(pass.next()));           // b
-    EXPECT_TRUE(mib().enabledTableDel("b"));         // the row the walk stands on
-    walked.push_back(octets(pass.next()));           // c
-    EXPECT_TRUE(mib().enabledTableDel("d"));         // the row after it
+    walked.push_back(octets(pass.first(nullptr))); // a
+    walked.push_back(octets(pass.next()));         // b
+    EXPECT_TRUE(mib().enabledTableDel("b"));       // the row the walk stands on
+    walked.push_back(octets(pass.next()));         // c
+    EXPECT_TRUE(mib().enabledTableDel("d"));       // the row after it
     for (netsnmp_variable_list* v = pass.next(); v; v = pass.next()) walked.push_back(octets(v));
     EXPECT_THAT(walked, ElementsAre("a", "b", "c", "e"));
 }

@@ -30,8 +30,7 @@ public:
     }
 };
 
-[[maybe_unused]] testing::Environment* const agentEnvironment =
-    testing::AddGlobalTestEnvironment(new AgentEnvironment);
+[[maybe_unused]] testing::Environment* const agentEnvironment = testing::AddGlobalTestEnvironment(new AgentEnvironment);
 
 const TableFacts tableFacts[] = {
     {Table::enabled, "velmarDaemonEnabledTable", 1, 1, 2, 1, "velmarDaemonEnabledAgentName", nullptr,
@@ -52,7 +51,9 @@ Line lineOf(const Orbel::TraceLine& l) {
 
 } // namespace
 
-const TableFacts& facts(Table t) { return tableFacts[static_cast<int>(t)]; }
+const TableFacts& facts(Table t) {
+    return tableFacts[static_cast<int>(t)];
+}
 
 std::vector<oid> tableOid(Table t) {
     const TableFacts& f = facts(t);
@@ -78,7 +79,9 @@ std::string oidText(const std::vector<oid>& name) {
     return buffer;
 }
 
-std::string ptr(const void* p) { return streamed(p); }
+std::string ptr(const void* p) {
+    return streamed(p);
+}
 
 std::string stringFunctionSymbol(const std::string& name) {
     return "_Z" + std::to_string(name.size()) + name + "N5Orbel6StringE";
@@ -98,7 +101,9 @@ Module& Module::instance() {
     return *m;
 }
 
-bool Module::created() { return moduleCreated; }
+bool Module::created() {
+    return moduleCreated;
+}
 
 Module::Module() {
     mib_ = GenericAgent::daemonMibFactory("daemonMIB");
@@ -250,7 +255,9 @@ int LogCapture::onLog(int, int, void* serverArg, void* clientArg) {
 
 // ---------------------------------------------------------------------------------------
 
-RequestList::RequestList(int mode) { info_.mode = mode; }
+RequestList::RequestList(int mode) {
+    info_.mode = mode;
+}
 
 RequestList::~RequestList() {
     for (netsnmp_request_info* r : requests_) {
@@ -288,22 +295,32 @@ netsnmp_request_info* RequestList::addForHandler(const std::vector<oid>& name, u
     return r;
 }
 
-int RequestList::callChain(netsnmp_handler_registration* reg) { return netsnmp_call_handlers(reg, &info_, head()); }
+int RequestList::callChain(netsnmp_handler_registration* reg) {
+    return netsnmp_call_handlers(reg, &info_, head());
+}
 
 std::string octets(const netsnmp_variable_list* vb) {
     if (!vb || !vb->val.string) return {};
     return std::string(reinterpret_cast<const char*>(vb->val.string), vb->val_len);
 }
 
-long integer(const netsnmp_variable_list* vb) { return vb && vb->val.integer ? *vb->val.integer : -999; }
+long integer(const netsnmp_variable_list* vb) {
+    return vb && vb->val.integer ? *vb->val.integer : -999;
+}
 
-std::vector<oid> nameOf(const netsnmp_variable_list* vb) { return std::vector<oid>(vb->name, vb->name + vb->name_length); }
+std::vector<oid> nameOf(const netsnmp_variable_list* vb) {
+    return std::vector<oid>(vb->name, vb->name + vb->name_length);
+}
 
 // ---------------------------------------------------------------------------------------
 
-Hint::Hint(unsigned numberIndexes) { info_.number_indexes = numberIndexes; }
+Hint::Hint(unsigned numberIndexes) {
+    info_.number_indexes = numberIndexes;
+}
 
-Hint::~Hint() { snmp_free_varbind(info_.indexes); }
+Hint::~Hint() {
+    snmp_free_varbind(info_.indexes);
+}
 
 Hint& Hint::octets(std::string_view bytes) {
     snmp_varlist_add_variable(&info_.indexes, nullptr, 0, ASN_OCTET_STR, bytes.data(), bytes.size());
@@ -343,7 +360,9 @@ netsnmp_variable_list* Pass::next() {
     return ii_->get_next_data_point(&loop_, &data, put_, ii_);
 }
 
-void* Pass::makeData() { return ii_->make_data_context(loop_, ii_); }
+void* Pass::makeData() {
+    return ii_->make_data_context(loop_, ii_);
+}
 
 void Pass::freeLoop() {
     ii_->free_loop_context_at_end(loop_, ii_);

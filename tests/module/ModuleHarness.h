@@ -212,8 +212,8 @@ private:
 // (only calls whose return address lies in the module count).
 
 struct ModuleCalls {
-    std::size_t snprintObjid = 0;        // identifiers formatted
-    std::size_t traceHelper = 0;         // trace texts composed and handed on
+    std::size_t snprintObjid = 0;          // identifiers formatted
+    std::size_t traceHelper = 0;           // trace texts composed and handed on
     std::vector<std::size_t> valueLengths; // lengths handed to snmp_set_var_typed_value
 };
 ModuleCalls& moduleCalls();

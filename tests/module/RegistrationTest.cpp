@@ -60,7 +60,9 @@ TEST(ModuleLoad, AnnouncesOneRegistrationAndUnloadingWithdrawsIt) {
                 "unloaded: announced \\+1 withdrawn \\+1 listed \\+0\n");
 }
 
-TEST_F(ModuleFixture, LoadingAnnouncedOneRegistration) { EXPECT_EQ(module().announcedByLoad(), 1u); }
+TEST_F(ModuleFixture, LoadingAnnouncedOneRegistration) {
+    EXPECT_EQ(module().announcedByLoad(), 1u);
+}
 
 TEST_F(ModuleFixture, DefaultContextSetsUpTheFourTablesInOrder) {
     std::vector<std::string> expected;
@@ -162,10 +164,7 @@ TEST_F(ModuleFixture, UnregisteringAnUnknownContextReturnsQuietly) {
 }
 
 TEST(ModuleInitDeathTest, SecondDefaultContextInitialisationStopsTheProcess) {
-    EXPECT_DEATH(
-        {
-            Module::instance().init("");
-        },
-        "VelmarDaemonMIB:[0-9]+: void initialize_table_velmarDaemonEnabledTable\\(Orbel::String\\): "
-        "Assertion `result == 0' failed");
+    EXPECT_DEATH({ Module::instance().init(""); },
+                 "VelmarDaemonMIB:[0-9]+: void initialize_table_velmarDaemonEnabledTable\\(Orbel::String\\): "
+                 "Assertion `result == 0' failed");
 }

@@ -84,9 +84,10 @@ TEST_F(ModuleFixture, IteratorInformationIsSortedAndHoldsTheStateObject) {
         ASSERT_NE(ii->make_data_context, nullptr);
         ASSERT_NE(ii->free_data_context, nullptr);
         ASSERT_NE(ii->free_loop_context_at_end, nullptr);
-        for (void* f : {reinterpret_cast<void*>(ii->get_first_data_point), reinterpret_cast<void*>(ii->get_next_data_point),
-                        reinterpret_cast<void*>(ii->make_data_context), reinterpret_cast<void*>(ii->free_data_context),
-                        reinterpret_cast<void*>(ii->free_loop_context_at_end)})
+        for (void* f :
+             {reinterpret_cast<void*>(ii->get_first_data_point), reinterpret_cast<void*>(ii->get_next_data_point),
+              reinterpret_cast<void*>(ii->make_data_context), reinterpret_cast<void*>(ii->free_data_context),
+              reinterpret_cast<void*>(ii->free_loop_context_at_end)})
             callbacks.push_back(f);
     }
     // Twenty distinct callbacks: each table has its own.
@@ -185,14 +186,14 @@ TEST(TableSetUpDeathTest, MissingStateObjectStopsTheProcessAtTheFirstTable) {
             Snmp::ModuleLoader loader(modulePath);
             loader.initContext("");
         },
-        testing::AllOf(
-            testing::ContainsRegex("(^|\n)Can not getEntityRelative\\( snmp/launcher/daemonMIB \\) for table "
-                                   "velmarDaemonEnabledTable\\. Is this path correct\\?\n"
-                                   ".*VelmarDaemonMIB:[0-9]+: void "
-                                   "initialize_table_velmarDaemonEnabledTable\\(Orbel::String\\): Assertion `e' failed"),
-            testing::Not(testing::HasSubstr("velmarDaemonOptionTable")),
-            testing::Not(testing::HasSubstr("velmarDaemonRunningTable")),
-            testing::Not(testing::HasSubstr("velmarDaemonDataTable"))));
+        testing::AllOf(testing::ContainsRegex(
+                           "(^|\n)Can not getEntityRelative\\( snmp/launcher/daemonMIB \\) for table "
+                           "velmarDaemonEnabledTable\\. Is this path correct\\?\n"
+                           ".*VelmarDaemonMIB:[0-9]+: void "
+                           "initialize_table_velmarDaemonEnabledTable\\(Orbel::String\\): Assertion `e' failed"),
+                       testing::Not(testing::HasSubstr("velmarDaemonOptionTable")),
+                       testing::Not(testing::HasSubstr("velmarDaemonRunningTable")),
+                       testing::Not(testing::HasSubstr("velmarDaemonDataTable"))));
 }
 
 TEST(TableSetUpDeathTest, StateObjectOfAnotherTypeStopsTheProcess) {

@@ -78,8 +78,8 @@ TEST_F(Tracing, LevelTwoWithoutLevelZeroLeavesOutTheInvalidColumn) {
         netsnmp_request_info* r = list.addForHandler(rowOid(Table::option, 4, "bgpd", "asn"), 4, row.get());
         EXPECT_EQ(module().handler(Table::option)(nullptr, nullptr, list.info(), list.head()), SNMP_ERR_NOERROR);
         EXPECT_EQ(r->requestvb->type, SNMP_NOSUCHOBJECT);
-        EXPECT_THAT(trace.texts(),
-                    ElementsAre("velmarDaemonOptionTable_handler", "velmarDaemonOptionTable_handler: request mode 160"));
+        EXPECT_THAT(trace.texts(), ElementsAre("velmarDaemonOptionTable_handler",
+                                               "velmarDaemonOptionTable_handler: request mode 160"));
         EXPECT_EQ(moduleCalls().traceHelper, 2u); // the invalid-column text was not even composed
     }
     {

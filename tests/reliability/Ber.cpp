@@ -29,11 +29,12 @@ Bytes tlv(std::uint8_t tag, const Bytes& payload) {
 
 Bytes signedInt(std::int64_t v, std::uint8_t tag) {
     Bytes b;
-    for (int i = 7; i >= 0; --i) b.push_back(static_cast<std::uint8_t>((static_cast<std::uint64_t>(v) >> (8 * i)) & 0xFF));
+    for (int i = 7; i >= 0; --i)
+        b.push_back(static_cast<std::uint8_t>((static_cast<std::uint64_t>(v) >> (8 * i)) & 0xFF));
     // Drop leading bytes that only repeat the sign.
     std::size_t start = 0;
-    while (start + 1 < b.size() && ((b[start] == 0x00 && !(b[start + 1] & 0x80)) ||
-                                    (b[start] == 0xFF && (b[start + 1] & 0x80))))
+    while (start + 1 < b.size() &&
+           ((b[start] == 0x00 && !(b[start + 1] & 0x80)) || (b[start] == 0xFF && (b[start + 1] & 0x80))))
         ++start;
     return tlv(tag, Bytes(b.begin() + static_cast<std::ptrdiff_t>(start), b.end()));
 }
@@ -48,8 +49,12 @@ Bytes unsignedInt(std::uint64_t v, std::uint8_t tag) {
     return tlv(tag, b);
 }
 
-Bytes octets(std::string_view s, std::uint8_t tag) { return tlv(tag, Bytes(s.begin(), s.end())); }
-Bytes octets(const Bytes& b, std::uint8_t tag) { return tlv(tag, b); }
+Bytes octets(std::string_view s, std::uint8_t tag) {
+    return tlv(tag, Bytes(s.begin(), s.end()));
+}
+Bytes octets(const Bytes& b, std::uint8_t tag) {
+    return tlv(tag, b);
+}
 
 namespace {
 void subId(Bytes& out, std::uint64_t x) {
@@ -67,9 +72,13 @@ Bytes oid(const Oid& o) {
     return tlv(objectId, body);
 }
 
-Bytes null(std::uint8_t tag) { return {tag, 0}; }
+Bytes null(std::uint8_t tag) {
+    return {tag, 0};
+}
 
-Bytes varbind(const Oid& name, const Bytes& value) { return tlv(sequence, oid(name) + value); }
+Bytes varbind(const Oid& name, const Bytes& value) {
+    return tlv(sequence, oid(name) + value);
+}
 
 Bytes pdu(std::uint8_t tag, std::int64_t reqId, std::int64_t a, std::int64_t b, const std::vector<Bytes>& varbinds) {
     Bytes list;

@@ -20,14 +20,13 @@ using Bytes = std::vector<std::uint8_t>;
 using Oid = std::vector<std::uint32_t>;
 
 // Universal and SNMP application tags.
-inline constexpr std::uint8_t integer = 0x02, bitString = 0x03, octetString = 0x04, nullTag = 0x05,
-                              objectId = 0x06, sequence = 0x30, ipAddress = 0x40, counter32 = 0x41,
-                              gauge32 = 0x42, timeTicks = 0x43, opaque = 0x44, counter64 = 0x46,
-                              noSuchObject = 0x80, noSuchInstance = 0x81, endOfMibView = 0x82;
+inline constexpr std::uint8_t integer = 0x02, bitString = 0x03, octetString = 0x04, nullTag = 0x05, objectId = 0x06,
+                              sequence = 0x30, ipAddress = 0x40, counter32 = 0x41, gauge32 = 0x42, timeTicks = 0x43,
+                              opaque = 0x44, counter64 = 0x46, noSuchObject = 0x80, noSuchInstance = 0x81,
+                              endOfMibView = 0x82;
 // PDU tags.
 inline constexpr std::uint8_t getRequest = 0xA0, getNextRequest = 0xA1, response = 0xA2, setRequest = 0xA3,
-                              trapV1 = 0xA4, getBulkRequest = 0xA5, informRequest = 0xA6, trapV2 = 0xA7,
-                              report = 0xA8;
+                              trapV1 = 0xA4, getBulkRequest = 0xA5, informRequest = 0xA6, trapV2 = 0xA7, report = 0xA8;
 
 Bytes& operator+=(Bytes& a, const Bytes& b);
 Bytes operator+(Bytes a, const Bytes& b);

@@ -116,13 +116,16 @@ struct Rng {
     std::int64_t range(std::int64_t lo, std::int64_t hi) { return lo + static_cast<std::int64_t>(below(hi - lo + 1)); }
     bool chance(double p) { return (next() >> 11) * (1.0 / 9007199254740992.0) < p; }
     template <class T>
-    const T& pick(const std::vector<T>& v) { return v[below(v.size())]; }
+    const T& pick(const std::vector<T>& v) {
+        return v[below(v.size())];
+    }
 };
 
 // Sub-identifier values that sit on boundaries.
 std::uint32_t edgeSubId(Rng& r) {
-    static const std::vector<std::uint32_t> edges{0, 1, 2, 3, 4, 31, 32, 33, 63, 64, 65, 127, 128, 129, 255,
-                                                  256, 1000, 65535, 65536, 0x7FFFFFFF, 0x80000000u, 0xFFFFFFFFu};
+    static const std::vector<std::uint32_t> edges{0,    1,     2,     3,          4,           31,         32,  33,
+                                                  63,   64,    65,    127,        128,         129,        255, 256,
+                                                  1000, 65535, 65536, 0x7FFFFFFF, 0x80000000u, 0xFFFFFFFFu};
     return r.pick(edges);
 }
 
@@ -147,26 +150,33 @@ std::string show(const Value& v) {
     if (v.tag == Ber::integer) return out.str() + v.bytes;
     out << v.bytes.size() << " bytes \"";
     for (unsigned char c : v.bytes.substr(0, 40)) {
-        if (c >= 0x20 && c < 0x7F) out << c;
-        else out << "\\x" << std::hex << int(c) << std::dec;
+        if (c >= 0x20 && c < 0x7F)
+            out << c;
+        else
+            out << "\\x" << std::hex << int(c) << std::dec;
     }
     out << "\"";
     return out.str();
 }
 
-Oid toOid(const oid* name, std::size_t len) { return Oid(name, name + len); }
+Oid toOid(const oid* name, std::size_t len) {
+    return Oid(name, name + len);
+}
 
 Value valueOf(const netsnmp_variable_list* v) {
     Value out;
     out.tag = v->type;
     switch (v->type) {
-    case ASN_INTEGER: out.bytes = std::to_string(*v->val.integer); break;
-    case ASN_NULL:
-    case SNMP_NOSUCHOBJECT:
-    case SNMP_NOSUCHINSTANCE:
-    case SNMP_ENDOFMIBVIEW: break;
-    default:
-        if (v->val.string && v->val_len) out.bytes.assign(reinterpret_cast<const char*>(v->val.string), v->val_len);
+        case ASN_INTEGER:
+            out.bytes = std::to_string(*v->val.integer);
+            break;
+        case ASN_NULL:
+        case SNMP_NOSUCHOBJECT:
+        case SNMP_NOSUCHINSTANCE:
+        case SNMP_ENDOFMIBVIEW:
+            break;
+        default:
+            if (v->val.string && v->val_len) out.bytes.assign(reinterpret_cast<const char*>(v->val.string), v->val_len);
     }
     return out;
 }
@@ -199,10 +209,25 @@ bool inTables(const Oid& o) {
 }
 
 const char* errorName(long e) {
-    static const char* names[] = {"noError", "tooBig", "noSuchName", "badValue", "readOnly", "genErr",
-                                  "noAccess", "wrongType", "wrongLength", "wrongEncoding", "wrongValue",
-                                  "noCreation", "inconsistentValue", "resourceUnavailable", "commitFailed",
-                                  "undoFailed", "authorizationError", "notWritable", "inconsistentName"};
+    static const char* names[] = {"noError",
+                                  "tooBig",
+                                  "noSuchName",
+                                  "badValue",
+                                  "readOnly",
+                                  "genErr",
+                                  "noAccess",
+                                  "wrongType",
+                                  "wrongLength",
+                                  "wrongEncoding",
+                                  "wrongValue",
+                                  "noCreation",
+                                  "inconsistentValue",
+                                  "resourceUnavailable",
+                                  "commitFailed",
+                                  "undoFailed",
+                                  "authorizationError",
+                                  "notWritable",
+                                  "inconsistentName"};
     return e >= 0 && e <= 18 ? names[e] : "errorStatusOutOfRange";
 }
 
@@ -258,23 +283,40 @@ bool parse(int argc, char** argv, Options& o) {
         if (i + 1 >= argc) return false;
         std::string v = argv[++i];
         try {
-            if (a == "--host") o.host = v;
-            else if (a == "--port") o.port = std::stoi(v);
-            else if (a == "--requests") o.requests = std::stoull(v);
-            else if (a == "--seed") o.seed = std::stoull(v);
-            else if (a == "--batch") o.batch = std::max<std::uint64_t>(1, std::stoull(v));
-            else if (a == "--window") o.window = std::max(1, std::stoi(v));
-            else if (a == "--timeout-ms") o.timeoutMs = std::max(10, std::stoi(v));
-            else if (a == "--community") o.community = v;
-            else if (a == "--write-community") o.writeCommunity = v;
-            else if (a == "--v3-user") o.roUser = v;
-            else if (a == "--v3-write-user") o.rwUser = v;
-            else if (a == "--v3-bad-user") o.badUser = v;
-            else if (a == "--v3-auth") o.auth = v;
-            else if (a == "--v3-priv") o.priv = v;
-            else if (a == "--agent-pid") o.agentPid = std::stol(v);
-            else if (a == "--only") o.only = std::stoll(v);
-            else return false;
+            if (a == "--host")
+                o.host = v;
+            else if (a == "--port")
+                o.port = std::stoi(v);
+            else if (a == "--requests")
+                o.requests = std::stoull(v);
+            else if (a == "--seed")
+                o.seed = std::stoull(v);
+            else if (a == "--batch")
+                o.batch = std::max<std::uint64_t>(1, std::stoull(v));
+            else if (a == "--window")
+                o.window = std::max(1, std::stoi(v));
+            else if (a == "--timeout-ms")
+                o.timeoutMs = std::max(10, std::stoi(v));
+            else if (a == "--community")
+                o.community = v;
+            else if (a == "--write-community")
+                o.writeCommunity = v;
+            else if (a == "--v3-user")
+                o.roUser = v;
+            else if (a == "--v3-write-user")
+                o.rwUser = v;
+            else if (a == "--v3-bad-user")
+                o.badUser = v;
+            else if (a == "--v3-auth")
+                o.auth = v;
+            else if (a == "--v3-priv")
+                o.priv = v;
+            else if (a == "--agent-pid")
+                o.agentPid = std::stol(v);
+            else if (a == "--only")
+                o.only = std::stoll(v);
+            else
+                return false;
         } catch (const std::exception&) {
             return false;
         }
@@ -285,16 +327,36 @@ bool parse(int argc, char** argv, Options& o) {
 // ---------------------------------------------------------------------------------------
 // Sessions: one per way of asking.
 
-enum class Via { v1, v2c, v2cWrite, v3ro, v3rw, v3rwAuthNoPriv, v3roAuthNoPriv, v3roNoAuth, v3badPassword,
-                 v3unknownUser, count };
-const char* viaName[] = {"v1 read community", "v2c read community", "v2c write community", "v3 authPriv read user",
-                         "v3 authPriv write user", "v3 authNoPriv write user", "v3 authNoPriv read user (too low)",
-                         "v3 noAuthNoPriv read user (too low)", "v3 wrong passwords", "v3 unknown user"};
+enum class Via {
+    v1,
+    v2c,
+    v2cWrite,
+    v3ro,
+    v3rw,
+    v3rwAuthNoPriv,
+    v3roAuthNoPriv,
+    v3roNoAuth,
+    v3badPassword,
+    v3unknownUser,
+    count
+};
+const char* viaName[] = {"v1 read community",
+                         "v2c read community",
+                         "v2c write community",
+                         "v3 authPriv read user",
+                         "v3 authPriv write user",
+                         "v3 authNoPriv write user",
+                         "v3 authNoPriv read user (too low)",
+                         "v3 noAuthNoPriv read user (too low)",
+                         "v3 wrong passwords",
+                         "v3 unknown user"};
 // Credentials that the agent accepts for reading the tables: no error status is expected.
 bool goodReader(Via v) {
     return v == Via::v2c || v == Via::v2cWrite || v == Via::v3ro || v == Via::v3rw || v == Via::v3rwAuthNoPriv;
 }
-bool isV3(Via v) { return v >= Via::v3ro; }
+bool isV3(Via v) {
+    return v >= Via::v3ro;
+}
 
 netsnmp_session* openSession(const Options& o, Via via, int timeoutMs, int retries) {
     netsnmp_session s;
@@ -306,17 +368,47 @@ netsnmp_session* openSession(const Options& o, Via via, int timeoutMs, int retri
     std::string community, user, auth = o.auth, priv = o.priv;
     int level = SNMP_SEC_LEVEL_AUTHPRIV;
     switch (via) {
-    case Via::v1: s.version = SNMP_VERSION_1; community = o.community; break;
-    case Via::v2c: s.version = SNMP_VERSION_2c; community = o.community; break;
-    case Via::v2cWrite: s.version = SNMP_VERSION_2c; community = o.writeCommunity; break;
-    case Via::v3ro: user = o.roUser; break;
-    case Via::v3rw: user = o.rwUser; break;
-    case Via::v3rwAuthNoPriv: user = o.rwUser; level = SNMP_SEC_LEVEL_AUTHNOPRIV; break;
-    case Via::v3roAuthNoPriv: user = o.roUser; level = SNMP_SEC_LEVEL_AUTHNOPRIV; break;
-    case Via::v3roNoAuth: user = o.roUser; level = SNMP_SEC_LEVEL_NOAUTH; break;
-    case Via::v3badPassword: user = o.badUser; auth = o.auth + "-wrong"; priv = o.priv + "-wrong"; break;
-    case Via::v3unknownUser: user = "nobody-here"; level = SNMP_SEC_LEVEL_NOAUTH; break;
-    case Via::count: return nullptr;
+        case Via::v1:
+            s.version = SNMP_VERSION_1;
+            community = o.community;
+            break;
+        case Via::v2c:
+            s.version = SNMP_VERSION_2c;
+            community = o.community;
+            break;
+        case Via::v2cWrite:
+            s.version = SNMP_VERSION_2c;
+            community = o.writeCommunity;
+            break;
+        case Via::v3ro:
+            user = o.roUser;
+            break;
+        case Via::v3rw:
+            user = o.rwUser;
+            break;
+        case Via::v3rwAuthNoPriv:
+            user = o.rwUser;
+            level = SNMP_SEC_LEVEL_AUTHNOPRIV;
+            break;
+        case Via::v3roAuthNoPriv:
+            user = o.roUser;
+            level = SNMP_SEC_LEVEL_AUTHNOPRIV;
+            break;
+        case Via::v3roNoAuth:
+            user = o.roUser;
+            level = SNMP_SEC_LEVEL_NOAUTH;
+            break;
+        case Via::v3badPassword:
+            user = o.badUser;
+            auth = o.auth + "-wrong";
+            priv = o.priv + "-wrong";
+            break;
+        case Via::v3unknownUser:
+            user = "nobody-here";
+            level = SNMP_SEC_LEVEL_NOAUTH;
+            break;
+        case Via::count:
+            return nullptr;
     }
     if (!isV3(via)) {
         s.community = reinterpret_cast<u_char*>(community.data());
@@ -344,7 +436,7 @@ netsnmp_session* openSession(const Options& o, Via via, int timeoutMs, int retri
                 return nullptr;
         }
     }
-    return snmp_open(&s);  // copies everything it keeps; probes the engine ID for v3
+    return snmp_open(&s); // copies everything it keeps; probes the engine ID for v3
 }
 
 // ---------------------------------------------------------------------------------------
@@ -353,11 +445,11 @@ netsnmp_session* openSession(const Options& o, Via via, int timeoutMs, int retri
 struct Stats {
     std::uint64_t sent = 0, answered = 0, timeouts = 0, sendFailed = 0, unencodable = 0, repeatedCallbacks = 0;
     std::uint64_t resends = 0;
-    std::vector<std::uint64_t> timedOut;  // the first requests that timed out, to send again alone
+    std::vector<std::uint64_t> timedOut; // the first requests that timed out, to send again alone
     std::uint64_t viaLibrary = 0, raw = 0, rawAnswers = 0, rawV3Answers = 0, rawUndecoded = 0;
-    std::map<std::string, std::uint64_t> outcomes;    // by error status, or report
+    std::map<std::string, std::uint64_t> outcomes; // by error status, or report
     std::map<std::string, std::uint64_t> rawOutcomes;
-    std::map<std::string, std::uint64_t> exceptions;  // varbind exceptions in answers
+    std::map<std::string, std::uint64_t> exceptions; // varbind exceptions in answers
     std::map<std::string, std::uint64_t> byVia, byKind, setTypes;
     std::uint64_t checkedValues = 0, checkedNext = 0;
     std::uint64_t batches = 0, knownGets = 0, knownGetFailures = 0;
@@ -427,7 +519,7 @@ private:
     std::map<Oid, Value> baselineMap_;
     std::vector<Oid> structure_;
     int outstanding_ = 0;
-    std::map<Record*, std::unique_ptr<Record>> live_;  // requests waiting for their callback
+    std::map<Record*, std::unique_ptr<Record>> live_; // requests waiting for their callback
     std::deque<Clock::time_point> rawRecent_;
     Stats stats_;
 };
@@ -445,7 +537,7 @@ Oid Fuzzer::randomIndexRow(Rng& r) {
     for (int c = 0; c < components; ++c) {
         std::uint32_t len = r.chance(0.8) ? static_cast<std::uint32_t>(r.range(0, 40)) : edgeSubId(r);
         std::uint32_t bytes = std::min<std::uint32_t>(len, 60);
-        if (r.chance(0.2)) bytes = static_cast<std::uint32_t>(r.range(0, 60));  // prefix and bytes disagree
+        if (r.chance(0.2)) bytes = static_cast<std::uint32_t>(r.range(0, 60)); // prefix and bytes disagree
         o.push_back(len);
         for (std::uint32_t i = 0; i < bytes && o.size() < 128; ++i)
             o.push_back(r.chance(0.9) ? static_cast<std::uint32_t>(r.range(0x20, 0x7e))
@@ -456,53 +548,57 @@ Oid Fuzzer::randomIndexRow(Rng& r) {
 }
 
 Oid Fuzzer::mutateRow(Rng& r, Oid o, bool allowOverlong) {
-    const std::size_t indexAt = root.size() + 4;  // first sub-identifier of the index
-    if (o.size() <= indexAt) {  // cut short by an earlier mutation: only lengthen it
+    const std::size_t indexAt = root.size() + 4; // first sub-identifier of the index
+    if (o.size() <= indexAt) {                   // cut short by an earlier mutation: only lengthen it
         o.push_back(static_cast<std::uint32_t>(r.below(256)));
         return o;
     }
     switch (r.below(9)) {
-    case 0:  // another column
-        o[root.size() + 3] = r.chance(0.7) ? static_cast<std::uint32_t>(r.range(0, 5)) : edgeSubId(r);
-        break;
-    case 1:  // another entry or table
-        o[root.size() + (r.chance(0.5) ? 2 : 1)] = static_cast<std::uint32_t>(r.range(0, 4));
-        break;
-    case 2: {  // a wrong length prefix (of the name, or of the key when there is one)
-        std::size_t at = indexAt;
-        if (o.size() > indexAt + o[indexAt] + 1 && r.chance(0.5)) at = indexAt + o[indexAt] + 1;
-        if (at < o.size()) {
-            std::int64_t delta = r.chance(0.7) ? r.range(-3, 3) : 0;
-            o[at] = delta ? static_cast<std::uint32_t>(std::max<std::int64_t>(0, std::int64_t(o[at]) + delta))
-                          : edgeSubId(r);
+        case 0: // another column
+            o[root.size() + 3] = r.chance(0.7) ? static_cast<std::uint32_t>(r.range(0, 5)) : edgeSubId(r);
+            break;
+        case 1: // another entry or table
+            o[root.size() + (r.chance(0.5) ? 2 : 1)] = static_cast<std::uint32_t>(r.range(0, 4));
+            break;
+        case 2: { // a wrong length prefix (of the name, or of the key when there is one)
+            std::size_t at = indexAt;
+            if (o.size() > indexAt + o[indexAt] + 1 && r.chance(0.5)) at = indexAt + o[indexAt] + 1;
+            if (at < o.size()) {
+                std::int64_t delta = r.chance(0.7) ? r.range(-3, 3) : 0;
+                o[at] = delta ? static_cast<std::uint32_t>(std::max<std::int64_t>(0, std::int64_t(o[at]) + delta))
+                              : edgeSubId(r);
+            }
+            break;
         }
-        break;
-    }
-    case 3:  // truncated
-        if (o.size() > 1) o.resize(static_cast<std::size_t>(r.range(1, static_cast<std::int64_t>(o.size()) - 1)));
-        break;
-    case 4: {  // extended (over 128 sub-identifiers only where the encoder is ours)
-        std::size_t limit = allowOverlong && r.chance(0.5) ? static_cast<std::size_t>(r.range(129, 300)) : 128;
-        std::size_t extra = static_cast<std::size_t>(r.range(1, r.chance(0.3) ? 200 : 10));
-        for (std::size_t i = 0; i < extra && o.size() < limit; ++i)
-            o.push_back(r.chance(0.8) ? static_cast<std::uint32_t>(r.below(256)) : edgeSubId(r));
-        break;
-    }
-    case 5:  // a byte of the index that is not a byte
-        if (o.size() > indexAt + 1) o[static_cast<std::size_t>(r.range(indexAt + 1, o.size() - 1))] =
-                                        r.chance(0.5) ? static_cast<std::uint32_t>(r.range(256, 70000)) : edgeSubId(r);
-        break;
-    case 6:  // one step on, or back, in the last sub-identifier
-        if (r.chance(0.5)) ++o.back();
-        else if (o.back() > 0) --o.back();
-        else o.pop_back();
-        break;
-    case 7:  // a trailing zero, or trailing 255s
-        o.push_back(r.chance(0.5) ? 0 : 255);
-        break;
-    default:  // a random byte of the index changed
-        if (o.size() > indexAt) o[static_cast<std::size_t>(r.range(indexAt, o.size() - 1))] =
-                                    static_cast<std::uint32_t>(r.below(256));
+        case 3: // truncated
+            if (o.size() > 1) o.resize(static_cast<std::size_t>(r.range(1, static_cast<std::int64_t>(o.size()) - 1)));
+            break;
+        case 4: { // extended (over 128 sub-identifiers only where the encoder is ours)
+            std::size_t limit = allowOverlong && r.chance(0.5) ? static_cast<std::size_t>(r.range(129, 300)) : 128;
+            std::size_t extra = static_cast<std::size_t>(r.range(1, r.chance(0.3) ? 200 : 10));
+            for (std::size_t i = 0; i < extra && o.size() < limit; ++i)
+                o.push_back(r.chance(0.8) ? static_cast<std::uint32_t>(r.below(256)) : edgeSubId(r));
+            break;
+        }
+        case 5: // a byte of the index that is not a byte
+            if (o.size() > indexAt + 1)
+                o[static_cast<std::size_t>(r.range(indexAt + 1, o.size() - 1))] =
+                    r.chance(0.5) ? static_cast<std::uint32_t>(r.range(256, 70000)) : edgeSubId(r);
+            break;
+        case 6: // one step on, or back, in the last sub-identifier
+            if (r.chance(0.5))
+                ++o.back();
+            else if (o.back() > 0)
+                --o.back();
+            else
+                o.pop_back();
+            break;
+        case 7: // a trailing zero, or trailing 255s
+            o.push_back(r.chance(0.5) ? 0 : 255);
+            break;
+        default: // a random byte of the index changed
+            if (o.size() > indexAt)
+                o[static_cast<std::size_t>(r.range(indexAt, o.size() - 1))] = static_cast<std::uint32_t>(r.below(256));
     }
     return o;
 }
@@ -528,32 +624,44 @@ Oid Fuzzer::genAnyOid(Rng& r, bool allowOverlong) {
     if (k < 90) return r.pick(structure_);
     // Anywhere: random OIDs of random lengths, a few of them huge.
     Oid o;
-    std::size_t n = r.chance(0.9) ? static_cast<std::size_t>(r.range(1, 40)) : static_cast<std::size_t>(r.range(41, 128));
+    std::size_t n =
+        r.chance(0.9) ? static_cast<std::size_t>(r.range(1, 40)) : static_cast<std::size_t>(r.range(41, 128));
     if (allowOverlong && r.chance(0.1)) n = static_cast<std::size_t>(r.range(129, 400));
     o.push_back(static_cast<std::uint32_t>(r.below(3)));
     while (o.size() < n) o.push_back(r.chance(0.7) ? static_cast<std::uint32_t>(r.below(40)) : edgeSubId(r));
-    if (o.size() >= 2 && o[0] < 2 && o[1] > 39) o[1] %= 40;  // encodable as the first two
+    if (o.size() >= 2 && o[0] < 2 && o[1] > 39) o[1] %= 40; // encodable as the first two
     return o;
 }
 
 // SET values of every type --------------------------------------------------------------
 
-const std::vector<int> setTypes{ASN_INTEGER, ASN_OCTET_STR, ASN_OBJECT_ID, ASN_IPADDRESS, ASN_COUNTER, ASN_GAUGE,
-                                ASN_TIMETICKS, ASN_OPAQUE, ASN_COUNTER64, ASN_NULL, ASN_BIT_STR};
+const std::vector<int> setTypes{ASN_INTEGER,   ASN_OCTET_STR, ASN_OBJECT_ID, ASN_IPADDRESS, ASN_COUNTER, ASN_GAUGE,
+                                ASN_TIMETICKS, ASN_OPAQUE,    ASN_COUNTER64, ASN_NULL,      ASN_BIT_STR};
 
 const char* typeName(int t) {
     switch (t) {
-    case ASN_INTEGER: return "INTEGER";
-    case ASN_OCTET_STR: return "OCTET STRING";
-    case ASN_OBJECT_ID: return "OBJECT IDENTIFIER";
-    case ASN_IPADDRESS: return "IpAddress";
-    case ASN_COUNTER: return "Counter32";
-    case ASN_GAUGE: return "Gauge32";
-    case ASN_TIMETICKS: return "TimeTicks";
-    case ASN_OPAQUE: return "Opaque";
-    case ASN_COUNTER64: return "Counter64";
-    case ASN_NULL: return "NULL";
-    case ASN_BIT_STR: return "BITS";
+        case ASN_INTEGER:
+            return "INTEGER";
+        case ASN_OCTET_STR:
+            return "OCTET STRING";
+        case ASN_OBJECT_ID:
+            return "OBJECT IDENTIFIER";
+        case ASN_IPADDRESS:
+            return "IpAddress";
+        case ASN_COUNTER:
+            return "Counter32";
+        case ASN_GAUGE:
+            return "Gauge32";
+        case ASN_TIMETICKS:
+            return "TimeTicks";
+        case ASN_OPAQUE:
+            return "Opaque";
+        case ASN_COUNTER64:
+            return "Counter64";
+        case ASN_NULL:
+            return "NULL";
+        case ASN_BIT_STR:
+            return "BITS";
     }
     return "?";
 }
@@ -561,40 +669,42 @@ const char* typeName(int t) {
 void Fuzzer::addSetValue(Rng& r, netsnmp_pdu* pdu, const Oid& name, int type) {
     std::vector<oid> n(name.begin(), name.end());
     switch (type) {
-    case ASN_INTEGER: {
-        static const std::vector<long> edges{1, 2, 0, -1, 3, LONG_MIN, LONG_MAX, INT_MIN, INT_MAX};
-        long v = r.chance(0.7) ? r.pick(edges) : static_cast<long>(r.next());
-        snmp_pdu_add_variable(pdu, n.data(), n.size(), ASN_INTEGER, &v, sizeof v);
-        break;
-    }
-    case ASN_COUNTER:
-    case ASN_GAUGE:
-    case ASN_TIMETICKS: {
-        u_long v = r.chance(0.5) ? static_cast<u_long>(r.below(3)) : static_cast<u_long>(r.next() & 0xFFFFFFFFu);
-        snmp_pdu_add_variable(pdu, n.data(), n.size(), static_cast<u_char>(type), &v, sizeof v);
-        break;
-    }
-    case ASN_COUNTER64: {
-        counter64 v{static_cast<u_long>(r.next() & 0xFFFFFFFFu), static_cast<u_long>(r.next() & 0xFFFFFFFFu)};
-        snmp_pdu_add_variable(pdu, n.data(), n.size(), ASN_COUNTER64, &v, sizeof v);
-        break;
-    }
-    case ASN_OBJECT_ID: {
-        Oid o = genOid(r, false);
-        std::vector<oid> ov(o.begin(), o.end());
-        snmp_pdu_add_variable(pdu, n.data(), n.size(), ASN_OBJECT_ID, ov.data(), ov.size() * sizeof(oid));
-        break;
-    }
-    case ASN_NULL: snmp_pdu_add_variable(pdu, n.data(), n.size(), ASN_NULL, nullptr, 0); break;
-    default: {  // octet strings: text, bytes, empty, the longest value and one byte more
-        std::size_t len = static_cast<std::size_t>(r.chance(0.8) ? r.range(0, 40) : r.pick(std::vector<std::int64_t>{
-                                                                                         0, 4, 64, 65, 1024, 10240, 10241}));
-        if (type == ASN_IPADDRESS && r.chance(0.7)) len = 4;
-        std::string s(len, 'x');
-        for (auto& c : s) c = static_cast<char>(r.chance(0.8) ? r.range(0x20, 0x7e) : r.below(256));
-        snmp_pdu_add_variable(pdu, n.data(), n.size(), static_cast<u_char>(type),
-                              reinterpret_cast<const u_char*>(s.data()), s.size());
-    }
+        case ASN_INTEGER: {
+            static const std::vector<long> edges{1, 2, 0, -1, 3, LONG_MIN, LONG_MAX, INT_MIN, INT_MAX};
+            long v = r.chance(0.7) ? r.pick(edges) : static_cast<long>(r.next());
+            snmp_pdu_add_variable(pdu, n.data(), n.size(), ASN_INTEGER, &v, sizeof v);
+            break;
+        }
+        case ASN_COUNTER:
+        case ASN_GAUGE:
+        case ASN_TIMETICKS: {
+            u_long v = r.chance(0.5) ? static_cast<u_long>(r.below(3)) : static_cast<u_long>(r.next() & 0xFFFFFFFFu);
+            snmp_pdu_add_variable(pdu, n.data(), n.size(), static_cast<u_char>(type), &v, sizeof v);
+            break;
+        }
+        case ASN_COUNTER64: {
+            counter64 v{static_cast<u_long>(r.next() & 0xFFFFFFFFu), static_cast<u_long>(r.next() & 0xFFFFFFFFu)};
+            snmp_pdu_add_variable(pdu, n.data(), n.size(), ASN_COUNTER64, &v, sizeof v);
+            break;
+        }
+        case ASN_OBJECT_ID: {
+            Oid o = genOid(r, false);
+            std::vector<oid> ov(o.begin(), o.end());
+            snmp_pdu_add_variable(pdu, n.data(), n.size(), ASN_OBJECT_ID, ov.data(), ov.size() * sizeof(oid));
+            break;
+        }
+        case ASN_NULL:
+            snmp_pdu_add_variable(pdu, n.data(), n.size(), ASN_NULL, nullptr, 0);
+            break;
+        default: { // octet strings: text, bytes, empty, the longest value and one byte more
+            std::size_t len = static_cast<std::size_t>(
+                r.chance(0.8) ? r.range(0, 40) : r.pick(std::vector<std::int64_t>{0, 4, 64, 65, 1024, 10240, 10241}));
+            if (type == ASN_IPADDRESS && r.chance(0.7)) len = 4;
+            std::string s(len, 'x');
+            for (auto& c : s) c = static_cast<char>(r.chance(0.8) ? r.range(0x20, 0x7e) : r.below(256));
+            snmp_pdu_add_variable(pdu, n.data(), n.size(), static_cast<u_char>(type),
+                                  reinterpret_cast<const u_char*>(s.data()), s.size());
+        }
     }
 }
 
@@ -602,53 +712,82 @@ void Fuzzer::addSetValue(Rng& r, netsnmp_pdu* pdu, const Oid& name, int type) {
 
 Bytes Fuzzer::berValue(Rng& r) {
     switch (r.below(12)) {
-    case 0: return Ber::signedInt(r.chance(0.5) ? r.range(0, 3) : static_cast<std::int64_t>(r.next()));
-    case 1: {
-        std::string s(static_cast<std::size_t>(r.range(0, 64)), 'v');
-        return Ber::octets(s);
-    }
-    case 2: return Ber::oid(genOid(r, true));
-    case 3: return Ber::octets(Bytes{127, 0, 0, 1}, Ber::ipAddress);
-    case 4: return Ber::unsignedInt(r.next() & 0xFFFFFFFFu, Ber::counter32);
-    case 5: return Ber::unsignedInt(r.next(), Ber::counter64);
-    case 6: return Ber::unsignedInt(r.next() & 0xFFFFFFFFu, r.chance(0.5) ? Ber::gauge32 : Ber::timeTicks);
-    case 7: return Ber::octets(Bytes(static_cast<std::size_t>(r.range(0, 16)), 0x9f), Ber::opaque);
-    case 8: return Ber::null(static_cast<std::uint8_t>(Ber::noSuchObject + r.below(3)));  // exceptions as values
-    case 9: return Ber::octets(Bytes{0, 0xff}, Ber::bitString);
-    case 10: {  // an unknown tag
-        Bytes b(static_cast<std::size_t>(r.range(0, 8)));
-        for (auto& x : b) x = static_cast<std::uint8_t>(r.below(256));
-        return Ber::tlv(static_cast<std::uint8_t>(r.below(256)), b);
-    }
-    default: return Ber::null();
+        case 0:
+            return Ber::signedInt(r.chance(0.5) ? r.range(0, 3) : static_cast<std::int64_t>(r.next()));
+        case 1: {
+            std::string s(static_cast<std::size_t>(r.range(0, 64)), 'v');
+            return Ber::octets(s);
+        }
+        case 2:
+            return Ber::oid(genOid(r, true));
+        case 3:
+            return Ber::octets(Bytes{127, 0, 0, 1}, Ber::ipAddress);
+        case 4:
+            return Ber::unsignedInt(r.next() & 0xFFFFFFFFu, Ber::counter32);
+        case 5:
+            return Ber::unsignedInt(r.next(), Ber::counter64);
+        case 6:
+            return Ber::unsignedInt(r.next() & 0xFFFFFFFFu, r.chance(0.5) ? Ber::gauge32 : Ber::timeTicks);
+        case 7:
+            return Ber::octets(Bytes(static_cast<std::size_t>(r.range(0, 16)), 0x9f), Ber::opaque);
+        case 8:
+            return Ber::null(static_cast<std::uint8_t>(Ber::noSuchObject + r.below(3))); // exceptions as values
+        case 9:
+            return Ber::octets(Bytes{0, 0xff}, Ber::bitString);
+        case 10: { // an unknown tag
+            Bytes b(static_cast<std::size_t>(r.range(0, 8)));
+            for (auto& x : b) x = static_cast<std::uint8_t>(r.below(256));
+            return Ber::tlv(static_cast<std::uint8_t>(r.below(256)), b);
+        }
+        default:
+            return Ber::null();
     }
 }
 
 Bytes Fuzzer::rawCommunityMessage(Rng& r) {
-    static const std::vector<std::uint8_t> tags{Ber::getRequest, Ber::getNextRequest, Ber::getBulkRequest,
-                                                Ber::setRequest, Ber::response, Ber::trapV1, Ber::informRequest,
-                                                Ber::trapV2, Ber::report, 0xA9, 0xAF, 0xBF, 0x30};
+    static const std::vector<std::uint8_t> tags{Ber::getRequest,
+                                                Ber::getNextRequest,
+                                                Ber::getBulkRequest,
+                                                Ber::setRequest,
+                                                Ber::response,
+                                                Ber::trapV1,
+                                                Ber::informRequest,
+                                                Ber::trapV2,
+                                                Ber::report,
+                                                0xA9,
+                                                0xAF,
+                                                0xBF,
+                                                0x30};
     std::uint8_t tag = r.chance(0.85) ? r.pick(std::vector<std::uint8_t>{Ber::getRequest, Ber::getNextRequest,
                                                                          Ber::getBulkRequest, Ber::setRequest})
                                       : r.pick(tags);
     std::vector<Bytes> vbs;
     std::size_t n = static_cast<std::size_t>(r.chance(0.9) ? r.range(0, 6) : r.range(7, 400));
-    for (std::size_t i = 0; i < n; ++i) vbs.push_back(Ber::varbind(genOid(r, true), tag == Ber::setRequest || r.chance(0.1)
-                                                                                       ? berValue(r)
-                                                                                       : Ber::null()));
-    static const std::vector<std::int64_t> counts{0, 1, 2, 10, 100, 101, 65535, INT32_MAX, -1, INT32_MIN,
-                                                  INT64_MAX, INT64_MIN};
+    for (std::size_t i = 0; i < n; ++i)
+        vbs.push_back(
+            Ber::varbind(genOid(r, true), tag == Ber::setRequest || r.chance(0.1) ? berValue(r) : Ber::null()));
+    static const std::vector<std::int64_t> counts{0,     1,         2,  10,        100,       101,
+                                                  65535, INT32_MAX, -1, INT32_MIN, INT64_MAX, INT64_MIN};
     std::int64_t a = r.chance(0.6) ? r.range(0, 5) : r.pick(counts);
     std::int64_t b = r.chance(0.6) ? r.range(0, 50) : r.pick(counts);
     std::int64_t version = r.chance(0.9) ? static_cast<std::int64_t>(r.below(2))
                                          : r.pick(std::vector<std::int64_t>{2, 3, -1, 99, INT64_MAX});
     std::string community = opts_.community;
     switch (r.below(10)) {
-    case 0: community = opts_.writeCommunity; break;
-    case 1: community = "wrong-community"; break;
-    case 2: community = ""; break;
-    case 3: community = std::string(static_cast<std::size_t>(r.range(100, 600)), 'c'); break;
-    default: break;
+        case 0:
+            community = opts_.writeCommunity;
+            break;
+        case 1:
+            community = "wrong-community";
+            break;
+        case 2:
+            community = "";
+            break;
+        case 3:
+            community = std::string(static_cast<std::size_t>(r.range(100, 600)), 'c');
+            break;
+        default:
+            break;
     }
     auto reqId = static_cast<std::int64_t>(r.next() & 0x7FFFFFFF);
     return Ber::message(version, community, Ber::pdu(tag, reqId, a, b, vbs));
@@ -661,10 +800,10 @@ Bytes Fuzzer::rawV3Message(Rng& r) {
     std::int64_t msgId = static_cast<std::int64_t>(r.next() & 0x7FFFFFFF);
     std::int64_t maxSize = r.chance(0.8) ? 65507 : r.pick(std::vector<std::int64_t>{0, 484, 483, -1, INT32_MAX});
     std::int64_t model = r.chance(0.9) ? 3 : r.pick(std::vector<std::int64_t>{0, 1, 2, 4, -1});
-    Bytes global = Ber::tlv(Ber::sequence, Ber::signedInt(msgId) + Ber::signedInt(maxSize) +
-                                               Ber::octets(Bytes{flags}) + Ber::signedInt(model));
-    std::string user = r.pick(std::vector<std::string>{opts_.roUser, opts_.rwUser, opts_.badUser, "", "nobody-here",
-                                                       std::string(40, 'u')});
+    Bytes global = Ber::tlv(Ber::sequence, Ber::signedInt(msgId) + Ber::signedInt(maxSize) + Ber::octets(Bytes{flags}) +
+                                               Ber::signedInt(model));
+    std::string user = r.pick(
+        std::vector<std::string>{opts_.roUser, opts_.rwUser, opts_.badUser, "", "nobody-here", std::string(40, 'u')});
     std::string engine = r.chance(0.8) ? engineId_ : (r.chance(0.5) ? std::string() : std::string(40, 'e'));
     Bytes authParams((flags & 1) ? 12 : 0), privParams((flags & 2) ? 8 : 0);
     if (r.chance(0.2)) authParams.resize(static_cast<std::size_t>(r.range(0, 40)));
@@ -676,11 +815,11 @@ Bytes Fuzzer::rawV3Message(Rng& r) {
     std::vector<Bytes> vbs;
     std::size_t n = static_cast<std::size_t>(r.range(0, 5));
     for (std::size_t i = 0; i < n; ++i) vbs.push_back(Ber::varbind(genOid(r, true), Ber::null()));
-    Bytes p = Ber::pdu(r.pick(std::vector<std::uint8_t>{Ber::getRequest, Ber::getNextRequest, Ber::getBulkRequest,
-                                                        Ber::setRequest}),
-                       static_cast<std::int64_t>(r.next() & 0x7FFFFFFF), r.range(0, 3), r.range(0, 20), vbs);
+    Bytes p = Ber::pdu(
+        r.pick(std::vector<std::uint8_t>{Ber::getRequest, Ber::getNextRequest, Ber::getBulkRequest, Ber::setRequest}),
+        static_cast<std::int64_t>(r.next() & 0x7FFFFFFF), r.range(0, 3), r.range(0, 20), vbs);
     Bytes scoped;
-    if ((flags & 2) && r.chance(0.8)) {  // "encrypted": bytes that decrypt to nothing valid
+    if ((flags & 2) && r.chance(0.8)) { // "encrypted": bytes that decrypt to nothing valid
         Bytes junk(static_cast<std::size_t>(r.range(0, 200)));
         for (auto& x : junk) x = static_cast<std::uint8_t>(r.below(256));
         scoped = Ber::octets(junk);
@@ -699,34 +838,45 @@ void Fuzzer::mutate(Rng& r, Bytes& b) {
         }
         std::size_t at = static_cast<std::size_t>(r.below(b.size()));
         switch (r.below(9)) {
-        case 0: b[at] ^= static_cast<std::uint8_t>(1u << r.below(8)); break;
-        case 1: b[at] = r.pick(std::vector<std::uint8_t>{0x00, 0x01, 0x7F, 0x80, 0x81, 0x82, 0x84, 0xFF}); break;
-        case 2: b.resize(at); break;  // cut short
-        case 3: b.erase(b.begin() + static_cast<std::ptrdiff_t>(at),
+            case 0:
+                b[at] ^= static_cast<std::uint8_t>(1u << r.below(8));
+                break;
+            case 1:
+                b[at] = r.pick(std::vector<std::uint8_t>{0x00, 0x01, 0x7F, 0x80, 0x81, 0x82, 0x84, 0xFF});
+                break;
+            case 2:
+                b.resize(at);
+                break; // cut short
+            case 3:
+                b.erase(b.begin() + static_cast<std::ptrdiff_t>(at),
                         b.begin() + static_cast<std::ptrdiff_t>(std::min(b.size(), at + 1 + r.below(8))));
-            break;
-        case 4: {  // random bytes in
-            Bytes junk(static_cast<std::size_t>(r.range(1, 16)));
-            for (auto& x : junk) x = static_cast<std::uint8_t>(r.below(256));
-            b.insert(b.begin() + static_cast<std::ptrdiff_t>(at), junk.begin(), junk.end());
-            break;
-        }
-        case 5: {  // a slice duplicated
-            std::size_t len = std::min<std::size_t>(b.size() - at, 1 + r.below(64));
-            Bytes slice(b.begin() + static_cast<std::ptrdiff_t>(at), b.begin() + static_cast<std::ptrdiff_t>(at + len));
-            b.insert(b.begin() + static_cast<std::ptrdiff_t>(at), slice.begin(), slice.end());
-            break;
-        }
-        case 6: {  // a long-form length claiming far too much
-            Bytes huge{0x84, 0x7F, 0xFF, 0xFF, 0xFF};
-            if (r.chance(0.5)) huge = {0x84, 0xFF, 0xFF, 0xFF, 0xFF};
-            if (r.chance(0.3)) huge = {0x80};  // indefinite length
-            b.erase(b.begin() + static_cast<std::ptrdiff_t>(at));
-            b.insert(b.begin() + static_cast<std::ptrdiff_t>(at), huge.begin(), huge.end());
-            break;
-        }
-        case 7: std::swap(b[at], b[static_cast<std::size_t>(r.below(b.size()))]); break;
-        default: b.push_back(static_cast<std::uint8_t>(r.below(256)));
+                break;
+            case 4: { // random bytes in
+                Bytes junk(static_cast<std::size_t>(r.range(1, 16)));
+                for (auto& x : junk) x = static_cast<std::uint8_t>(r.below(256));
+                b.insert(b.begin() + static_cast<std::ptrdiff_t>(at), junk.begin(), junk.end());
+                break;
+            }
+            case 5: { // a slice duplicated
+                std::size_t len = std::min<std::size_t>(b.size() - at, 1 + r.below(64));
+                Bytes slice(b.begin() + static_cast<std::ptrdiff_t>(at),
+                            b.begin() + static_cast<std::ptrdiff_t>(at + len));
+                b.insert(b.begin() + static_cast<std::ptrdiff_t>(at), slice.begin(), slice.end());
+                break;
+            }
+            case 6: { // a long-form length claiming far too much
+                Bytes huge{0x84, 0x7F, 0xFF, 0xFF, 0xFF};
+                if (r.chance(0.5)) huge = {0x84, 0xFF, 0xFF, 0xFF, 0xFF};
+                if (r.chance(0.3)) huge = {0x80}; // indefinite length
+                b.erase(b.begin() + static_cast<std::ptrdiff_t>(at));
+                b.insert(b.begin() + static_cast<std::ptrdiff_t>(at), huge.begin(), huge.end());
+                break;
+            }
+            case 7:
+                std::swap(b[at], b[static_cast<std::size_t>(r.below(b.size()))]);
+                break;
+            default:
+                b.push_back(static_cast<std::uint8_t>(r.below(256)));
         }
     }
     if (b.size() > 65507) b.resize(65507);
@@ -736,8 +886,9 @@ void Fuzzer::mutate(Rng& r, Bytes& b) {
 
 bool Fuzzer::sendLibrary(std::uint64_t number, Rng& r) {
     static const std::vector<std::pair<Via, int>> weights{
-        {Via::v1, 10}, {Via::v2c, 25}, {Via::v2cWrite, 15}, {Via::v3ro, 18}, {Via::v3rw, 10}, {Via::v3rwAuthNoPriv, 5},
-        {Via::v3roAuthNoPriv, 4}, {Via::v3roNoAuth, 5}, {Via::v3badPassword, 4}, {Via::v3unknownUser, 4}};
+        {Via::v1, 10},           {Via::v2c, 25},           {Via::v2cWrite, 15},      {Via::v3ro, 18},
+        {Via::v3rw, 10},         {Via::v3rwAuthNoPriv, 5}, {Via::v3roAuthNoPriv, 4}, {Via::v3roNoAuth, 5},
+        {Via::v3badPassword, 4}, {Via::v3unknownUser, 4}};
     std::int64_t w = r.range(0, 99);
     Via via = Via::v2c;
     for (const auto& [v, weight] : weights) {
@@ -786,8 +937,8 @@ bool Fuzzer::sendLibrary(std::uint64_t number, Rng& r) {
     }
     if (opts_.verbose) {
         std::cerr << "request " << number << " sent: command 0x" << std::hex << command << std::dec << " via "
-                  << viaName[static_cast<int>(via)] << ", non-repeaters " << pdu->non_repeaters
-                  << ", max-repetitions " << pdu->max_repetitions << "\n";
+                  << viaName[static_cast<int>(via)] << ", non-repeaters " << pdu->non_repeaters << ", max-repetitions "
+                  << pdu->max_repetitions << "\n";
         for (auto* v = pdu->variables; v; v = v->next_variable)
             std::cerr << "  sent " << show(toOid(v->name, v->name_length)) << " = " << show(valueOf(v)) << "\n";
     }
@@ -837,7 +988,8 @@ bool Fuzzer::sendRaw(std::uint64_t number, Rng& r) {
         if (!b.empty() && r.chance(0.5)) b[0] = 0x30;
         kind = "raw random bytes";
     }
-    ssize_t n = ::sendto(rawFd_, b.data(), b.size(), 0, reinterpret_cast<const sockaddr*>(&agentAddr_), sizeof agentAddr_);
+    ssize_t n =
+        ::sendto(rawFd_, b.data(), b.size(), 0, reinterpret_cast<const sockaddr*>(&agentAddr_), sizeof agentAddr_);
     if (n < 0) {
         ++stats_.sendFailed;
         return false;
@@ -859,7 +1011,7 @@ bool Fuzzer::sendOne(std::uint64_t number) {
 
 int Fuzzer::onAnswer(int op, netsnmp_session* session, int, netsnmp_pdu* pdu, void* magic) {
     auto* self = static_cast<Fuzzer*>(session->myvoid);
-    if (op == NETSNMP_CALLBACK_OP_RESEND) {  // sent again (after a time-window report): still waiting
+    if (op == NETSNMP_CALLBACK_OP_RESEND) { // sent again (after a time-window report): still waiting
         ++self->stats_.resends;
         return 1;
     }
@@ -881,10 +1033,10 @@ int Fuzzer::onAnswer(int op, netsnmp_session* session, int, netsnmp_pdu* pdu, vo
         ++self->stats_.outcomes[std::string("timeout: ") + viaName[static_cast<int>(rec->via)]];
         if (self->stats_.timedOut.size() < 20) self->stats_.timedOut.push_back(rec->number);
     } else if (op == NETSNMP_CALLBACK_OP_SEC_ERROR) {
-        ++self->stats_.answered;  // an answer the library refused on security grounds
+        ++self->stats_.answered; // an answer the library refused on security grounds
         ++self->stats_.outcomes[std::string("answer refused by the library's security check: ") +
                                 viaName[static_cast<int>(rec->via)]];
-    } else if (op != NETSNMP_CALLBACK_OP_SEND_FAILED) {  // SEND_FAILED: counted as not encodable
+    } else if (op != NETSNMP_CALLBACK_OP_SEND_FAILED) { // SEND_FAILED: counted as not encodable
         ++self->stats_.outcomes["callback op " + std::to_string(op)];
     }
     return 1;
@@ -922,8 +1074,8 @@ void Fuzzer::checkAnswer(const Record& rec, const netsnmp_pdu* pdu) {
             std::cerr << "  got " << show(toOid(v->name, v->name_length)) << " = " << show(valueOf(v)) << "\n";
     }
     if (pdu->command == SNMP_MSG_REPORT) {
-        std::string what = pdu->variables ? reportName(toOid(pdu->variables->name, pdu->variables->name_length))
-                                          : "empty";
+        std::string what =
+            pdu->variables ? reportName(toOid(pdu->variables->name, pdu->variables->name_length)) : "empty";
         ++stats_.outcomes["report " + what];
         return;
     }
@@ -932,8 +1084,9 @@ void Fuzzer::checkAnswer(const Record& rec, const netsnmp_pdu* pdu) {
     for (auto* v = pdu->variables; v; v = v->next_variable) {
         vbs.emplace_back(toOid(v->name, v->name_length), valueOf(v));
         if (isException(v->type))
-            ++stats_.exceptions[v->type == SNMP_NOSUCHOBJECT ? "noSuchObject"
-                                : v->type == SNMP_NOSUCHINSTANCE ? "noSuchInstance" : "endOfMibView"];
+            ++stats_.exceptions[v->type == SNMP_NOSUCHOBJECT     ? "noSuchObject"
+                                : v->type == SNMP_NOSUCHINSTANCE ? "noSuchInstance"
+                                                                 : "endOfMibView"];
     }
     if (rec.command == SNMP_MSG_SET) {
         if (pdu->errstat == SNMP_ERR_NOERROR) stats_.anomaly(rec.number, "a SET was accepted");
@@ -956,7 +1109,8 @@ void Fuzzer::checkAnswer(const Record& rec, const netsnmp_pdu* pdu) {
                 continue;
             }
             if (!baselineMap_.count(asked) && !isException(vbs[i].second.tag))
-                stats_.anomaly(rec.number, "GET of " + show(asked) + " which is no row returned " + show(vbs[i].second));
+                stats_.anomaly(rec.number,
+                               "GET of " + show(asked) + " which is no row returned " + show(vbs[i].second));
             if (baselineMap_.count(asked) && isException(vbs[i].second.tag))
                 stats_.anomaly(rec.number, "GET of row " + show(asked) + " returned an exception");
         }
@@ -996,8 +1150,9 @@ void Fuzzer::checkAnswer(const Record& rec, const netsnmp_pdu* pdu) {
         auto next = nextRow(prev);
         if (value.tag == SNMP_ENDOFMIBVIEW) {
             if (column != SIZE_MAX) ended[column] = true;
-            if (next) stats_.anomaly(rec.number, "endOfMibView after " + show(prev) + ", not " +
-                                                     show(baseline_[*next].first));
+            if (next)
+                stats_.anomaly(rec.number,
+                               "endOfMibView after " + show(prev) + ", not " + show(baseline_[*next].first));
             continue;
         }
         if (!next) continue;
@@ -1048,7 +1203,7 @@ void Fuzzer::pump(int maxWaitMs) {
     } else if (count == 0) {
         snmp_timeout();
     }
-    snmp_timeout();  // answers that never come still end on time under a steady stream
+    snmp_timeout(); // answers that never come still end on time under a steady stream
 }
 
 void Fuzzer::drain() {
@@ -1102,9 +1257,11 @@ bool Fuzzer::takeBaseline() {
     for (const auto& [o, v] : baseline_) baselineMap_[o] = v;
     // The subtree's own nodes and its neighbours.
     for (std::size_t len = 1; len <= root.size(); ++len) structure_.emplace_back(root.begin(), root.begin() + len);
-    for (Oid tail : std::vector<Oid>{{0}, {1}, {2}, {3}, {4}, {1, 0}, {1, 1}, {1, 2}, {1, 3}, {2, 1}, {2, 2}, {2, 3},
-                                     {1, 1, 1}, {1, 2, 1}, {2, 1, 1}, {2, 2, 1}, {1, 1, 1, 1}, {1, 1, 1, 2}, {1, 2, 1, 3},
-                                     {2, 1, 1, 2}, {2, 2, 1, 3}, {1, 1, 2}, {2, 2, 0}, {3, 1}, {3, 2}}) {
+    for (Oid tail :
+         std::vector<Oid>{{0},       {1},       {2},          {3},          {4},          {1, 0},       {1, 1},
+                          {1, 2},    {1, 3},    {2, 1},       {2, 2},       {2, 3},       {1, 1, 1},    {1, 2, 1},
+                          {2, 1, 1}, {2, 2, 1}, {1, 1, 1, 1}, {1, 1, 1, 2}, {1, 2, 1, 3}, {2, 1, 1, 2}, {2, 2, 1, 3},
+                          {1, 1, 2}, {2, 2, 0}, {3, 1},       {3, 2}}) {
         Oid o = root;
         o.insert(o.end(), tail.begin(), tail.end());
         structure_.push_back(o);
@@ -1127,7 +1284,8 @@ bool Fuzzer::knownGets(Rng& r) {
     std::vector<std::size_t> picks{0, baseline_.size() - 1, static_cast<std::size_t>(r.below(baseline_.size())),
                                    static_cast<std::size_t>(r.below(baseline_.size()))};
     for (std::size_t i = 1; i < baseline_.size(); ++i)
-        if (!std::equal(baseline_[i].first.begin(), baseline_[i].first.begin() + static_cast<std::ptrdiff_t>(root.size() + 2),
+        if (!std::equal(baseline_[i].first.begin(),
+                        baseline_[i].first.begin() + static_cast<std::ptrdiff_t>(root.size() + 2),
                         baseline_[i - 1].first.begin()))
             picks.push_back(i);
     bool ok = true;
@@ -1170,8 +1328,8 @@ void Fuzzer::report(double seconds) const {
         << stats_.raw << " raw datagrams)\n";
     out << "  library requests answered: " << stats_.answered << ", timed out: " << stats_.timeouts
         << ", not encodable (skipped, not counted): " << stats_.unencodable << ", send failures: " << stats_.sendFailed
-        << ", sent again by the library: " << stats_.resends << ", repeated callbacks ignored: "
-        << stats_.repeatedCallbacks << "\n";
+        << ", sent again by the library: " << stats_.resends
+        << ", repeated callbacks ignored: " << stats_.repeatedCallbacks << "\n";
     if (!stats_.timedOut.empty()) {
         out << "  first requests timed out (--only NUMBER):";
         for (auto n : stats_.timedOut) out << " " << n;
@@ -1190,8 +1348,8 @@ void Fuzzer::report(double seconds) const {
     table("requests by kind", stats_.byKind);
     table("library requests by credentials", stats_.byVia);
     table("SET varbinds by type", stats_.setTypes);
-    out << "  values checked against the walk: " << stats_.checkedValues << "; next rows checked: " << stats_.checkedNext
-        << "\n";
+    out << "  values checked against the walk: " << stats_.checkedValues
+        << "; next rows checked: " << stats_.checkedNext << "\n";
     out << "  known GETs after batches: " << stats_.knownGets << ", failed: " << stats_.knownGetFailures << "\n";
     out << "  anomalies: " << stats_.anomalies << "\n";
     for (const auto& a : stats_.anomalyNotes) out << "    " << a << "\n";
@@ -1265,8 +1423,9 @@ int Fuzzer::run() {
     std::string error;
     auto after = ok ? walk(error) : decltype(baseline_){};
     bool same = ok && error.empty() && after == baseline_;
-    if (ok && !same) std::cerr << "velmar-protocol-fuzz: the walk at the end differs from the walk at the start"
-                               << (error.empty() ? "" : ": " + error) << "\n";
+    if (ok && !same)
+        std::cerr << "velmar-protocol-fuzz: the walk at the end differs from the walk at the start"
+                  << (error.empty() ? "" : ": " + error) << "\n";
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     report(seconds);
     std::cout << "  walk at the end equals the walk at the start: " << (same ? "yes" : "NO") << " (" << after.size()

@@ -58,7 +58,8 @@ public:
                 std::this_thread::sleep_for(100ms);
                 continue;
             }
-            std::ifstream children("/proc/" + std::to_string(unsharePid) + "/task/" + std::to_string(unsharePid) + "/children");
+            std::ifstream children("/proc/" + std::to_string(unsharePid) + "/task/" + std::to_string(unsharePid) +
+                                   "/children");
             children >> systemdPid;
             if (systemdPid <= 0) std::this_thread::sleep_for(100ms);
         }
@@ -68,7 +69,9 @@ public:
             std::ifstream comm("/proc/" + std::to_string(systemdPid) + "/comm");
             std::string name;
             comm >> name;
-            if (name == "systemd" && ::access(("/proc/" + std::to_string(systemdPid) + "/root/run/dbus/system_bus_socket").c_str(), F_OK) == 0)
+            if (name == "systemd" &&
+                ::access(("/proc/" + std::to_string(systemdPid) + "/root/run/dbus/system_bus_socket").c_str(), F_OK) ==
+                    0)
                 break;
             std::this_thread::sleep_for(100ms);
         }
@@ -80,17 +83,21 @@ public:
             // Also when systemd was never found: unshare (--kill-child) takes its child along.
             ::kill(unsharePid, SIGKILL);
             ::waitpid(unsharePid, nullptr, 0);
-            std::string cleanup = std::string(VELMAR_SOURCE_DIR) + "/tests/systemd/sandbox --cleanup " + std::to_string(unsharePid);
+            std::string cleanup =
+                std::string(VELMAR_SOURCE_DIR) + "/tests/systemd/sandbox --cleanup " + std::to_string(unsharePid);
             EXPECT_EQ(std::system(cleanup.c_str()), 0);
         }
     }
     // Runs a shell command inside the sandbox, for at most limit seconds; its exit status.
     static int run(const std::string& command, int limit = 30) {
-        std::string c = "timeout " + std::to_string(limit) + " nsenter -t " + std::to_string(systemdPid) + " -a sh -c '" + command + "'";
+        std::string c = "timeout " + std::to_string(limit) + " nsenter -t " + std::to_string(systemdPid) +
+                        " -a sh -c '" + command + "'";
         int rc = std::system(c.c_str());
         return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
     }
-    static std::string bus() { return "unix:path=/proc/" + std::to_string(systemdPid) + "/root/run/dbus/system_bus_socket"; }
+    static std::string bus() {
+        return "unix:path=/proc/" + std::to_string(systemdPid) + "/root/run/dbus/system_bus_socket";
+    }
 };
 
 // What the source has handed over so far, applied in order.
@@ -102,8 +109,10 @@ struct Served {
             if (!e.line.empty()) lines.push_back(e.line);
             if (!e.changed) continue;
             for (auto& [name, d] : *e.changed) {
-                if (d) state[name] = *d;
-                else state.erase(name);
+                if (d)
+                    state[name] = *d;
+                else
+                    state.erase(name);
             }
         }
     }
@@ -139,8 +148,14 @@ protected:
     Served served;
 };
 
-bool running(const Feed::LauncherState& s, const std::string& n) { auto it = s.find(n); return it != s.end() && it->second.running; }
-bool enabled(const Feed::LauncherState& s, const std::string& n) { auto it = s.find(n); return it != s.end() && it->second.enabled; }
+bool running(const Feed::LauncherState& s, const std::string& n) {
+    auto it = s.find(n);
+    return it != s.end() && it->second.running;
+}
+bool enabled(const Feed::LauncherState& s, const std::string& n) {
+    auto it = s.find(n);
+    return it != s.end() && it->second.enabled;
+}
 
 TEST_F(SystemdSourceTest, InitialLoadServesTheTestServices) {
     const auto& s = served.state;
@@ -159,7 +174,8 @@ TEST_F(SystemdSourceTest, InitialLoadServesTheTestServices) {
     EXPECT_FALSE(s.count("velmar-a-service-whose-name-is-well-over-32-bytes"));
     EXPECT_EQ(source->health().skippedNow, 1u);
     bool said = false;
-    for (const auto& l : served.lines) said |= l.find("velmar-a-service-whose-name-is-well-over-32-bytes") != std::string::npos;
+    for (const auto& l : served.lines)
+        said |= l.find("velmar-a-service-whose-name-is-well-over-32-bytes") != std::string::npos;
     EXPECT_TRUE(said);
 }
 
@@ -172,7 +188,8 @@ TEST_F(SystemdSourceTest, StopAndStartAreSeenWithinOneSecond) {
 
 TEST_F(SystemdSourceTest, KillIsSeenWithinOneSecond) {
     ASSERT_EQ(Sandbox::run("systemctl kill -s KILL velmar-worker@1"), 0);
-    EXPECT_TRUE(served.waitFor(*source, [](auto& s) { return s.count("velmar-worker@1") && !running(s, "velmar-worker@1"); }));
+    EXPECT_TRUE(
+        served.waitFor(*source, [](auto& s) { return s.count("velmar-worker@1") && !running(s, "velmar-worker@1"); }));
     Sandbox::run("systemctl reset-failed velmar-worker@1; systemctl start velmar-worker@1");
 }
 
@@ -189,19 +206,30 @@ TEST_F(SystemdSourceTest, RestartsOfAFailingServiceAreCounted) {
         return it == s.end() || !it->second.data.count("NRestarts") ? -1 : std::stoi(it->second.data.at("NRestarts"));
     };
     int before = restarts(served.state);
-    EXPECT_TRUE(served.waitFor(*source, [&](auto& s) { return restarts(s) > before; }, 5000ms));
+    EXPECT_TRUE(served.waitFor(
+        *source, [&](auto& s) { return restarts(s) > before; }, 5000ms));
 }
 
 TEST_F(SystemdSourceTest, DaemonReloadAfterAUnitFileChangedIsSeen) {
-    ASSERT_EQ(Sandbox::run("sed -i s/long-running/long-running-edited/ /etc/systemd/system/velmar-long.service && systemctl daemon-reload"), 0);
+    ASSERT_EQ(Sandbox::run("sed -i s/long-running/long-running-edited/ /etc/systemd/system/velmar-long.service && "
+                           "systemctl daemon-reload"),
+              0);
     EXPECT_TRUE(served.waitFor(*source, [](auto& s) {
-        return s.count("velmar-long") && s.at("velmar-long").options.at("Description").find("edited") != std::string::npos; }));
+        return s.count("velmar-long") &&
+               s.at("velmar-long").options.at("Description").find("edited") != std::string::npos;
+    }));
 }
 
 TEST_F(SystemdSourceTest, RemovedUnitGoes) {
-    ASSERT_EQ(Sandbox::run("printf \"[Service]\\nExecStart=/bin/sleep infinity\\n\" > /etc/systemd/system/velmar-temp.service && systemctl daemon-reload && systemctl start velmar-temp"), 0);
+    ASSERT_EQ(Sandbox::run(
+                  "printf \"[Service]\\nExecStart=/bin/sleep infinity\\n\" > /etc/systemd/system/velmar-temp.service "
+                  "&& systemctl daemon-reload && systemctl start velmar-temp"),
+              0);
     ASSERT_TRUE(served.waitFor(*source, [](auto& s) { return running(s, "velmar-temp"); }));
-    ASSERT_EQ(Sandbox::run("systemctl stop velmar-temp && rm /etc/systemd/system/velmar-temp.service && systemctl daemon-reload"), 0);
+    ASSERT_EQ(
+        Sandbox::run(
+            "systemctl stop velmar-temp && rm /etc/systemd/system/velmar-temp.service && systemctl daemon-reload"),
+        0);
     EXPECT_TRUE(served.waitFor(*source, [](auto& s) { return !s.count("velmar-temp"); }));
 }
 
@@ -219,12 +247,25 @@ TEST_F(SystemdSourceTest, DaemonReexecIsFollowed) {
 // a while on a loaded machine: that command has two minutes; what the source shows is then
 // checked within one second.
 TEST_F(SystemdSourceTest, TransientUnitsComeAndGo) {
-    ASSERT_EQ(Sandbox::run("for i in $(seq 500); do echo $i; done | xargs -P 8 -I@ systemd-run -q --unit=velmar-t-@ /bin/sleep 600", 120), 0);
-    EXPECT_TRUE(served.waitFor(*source, [](auto& s) {
-        std::size_t n = 0; for (auto& [k, d] : s) n += k.starts_with("velmar-t-") && d.running; return n == 500; }, 1000ms));
+    ASSERT_EQ(
+        Sandbox::run(
+            "for i in $(seq 500); do echo $i; done | xargs -P 8 -I@ systemd-run -q --unit=velmar-t-@ /bin/sleep 600",
+            120),
+        0);
+    EXPECT_TRUE(served.waitFor(
+        *source,
+        [](auto& s) {
+            std::size_t n = 0;
+            for (auto& [k, d] : s) n += k.starts_with("velmar-t-") && d.running;
+            return n == 500;
+        },
+        1000ms));
     ASSERT_EQ(Sandbox::run("systemctl stop velmar-t-*", 120), 0);
     EXPECT_TRUE(served.waitFor(*source, [](auto& s) {
-        for (auto& [k, d] : s) if (k.starts_with("velmar-t-")) return false; return true; }));
+        for (auto& [k, d] : s)
+            if (k.starts_with("velmar-t-")) return false;
+        return true;
+    }));
 }
 
 } // namespace

@@ -142,7 +142,7 @@ TEST(DaemonHistory, AFlipUndoneBeforeTheWriterIsDoneCountsBothChanges) {
     f.add("bgpd");
     f.watch.start();
     f.clock.advance(3s);
-    f.status("bgpd").runningIs(false);   // a restart seen in one read of the launcher
+    f.status("bgpd").runningIs(false); // a restart seen in one read of the launcher
     f.status("bgpd").runningIs(true);
     f.run();
     EXPECT_EQ(f.row("bgpd").runningChanges, 2u);
@@ -216,7 +216,7 @@ TEST(DaemonHistory, WalksInIndexOrderShorterNamesFirst) {
     f.run();
     EXPECT_EQ(f.walk(), (std::vector<std::string>{"a", "b", "aa", "bgpd", "isisd", "lldpd", "zebra"}));
     EXPECT_EQ(f.history.next(Snmp::String("bgpd"))->name, Snmp::String("isisd"));
-    EXPECT_EQ(f.history.next(Snmp::String("ntpd"))->name, Snmp::String("isisd"));   // not a row: the one after
+    EXPECT_EQ(f.history.next(Snmp::String("ntpd"))->name, Snmp::String("isisd")); // not a row: the one after
     EXPECT_EQ(f.history.next(Snmp::String("zebra")), nullptr);
 }
 
@@ -224,12 +224,12 @@ TEST(DaemonHistory, NextFromARowThatMovesWhileMergingFindsTheFollowingRow) {
     Fixture f;
     f.add("a");
     f.watch.start();
-    f.add("bb");   // in the side array until a walk merges it
+    f.add("bb"); // in the side array until a walk merges it
     f.add("ccc");
     f.run();
     const auto* bb = f.history.find(Snmp::String("bb"));
     ASSERT_NE(bb, nullptr);
-    const auto* after = f.history.next(bb->name);   // merges: bb's record moves
+    const auto* after = f.history.next(bb->name); // merges: bb's record moves
     ASSERT_NE(after, nullptr);
     EXPECT_EQ(after->name, Snmp::String("ccc"));
 }

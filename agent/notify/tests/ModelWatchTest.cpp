@@ -75,7 +75,7 @@ TEST(ModelWatch, ReplacedConfigIsFollowedAndNotTakenForTheDaemonGoing) {
     f.run();
     ASSERT_EQ(f.told.size(), 1u);
     EXPECT_EQ(f.told[0].second, (DaemonFlags{true, true, false}));
-    c->enabledIs(false);   // the new Config is watched
+    c->enabledIs(false); // the new Config is watched
     f.run();
     ASSERT_EQ(f.told.size(), 2u);
     EXPECT_FALSE(f.told[1].second.enabled);

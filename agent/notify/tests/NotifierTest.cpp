@@ -55,9 +55,9 @@ TEST(Notifier, RunningChangeCarriesRunningThenEnabledIndexedByName) {
     EXPECT_EQ(v[0].oidValue, under({0, 1}));
     EXPECT_EQ(v[1].name, under({2, 1, 1, 2, 4, 'b', 'g', 'p', 'd'}));
     EXPECT_EQ(v[1].type, ASN_INTEGER);
-    EXPECT_EQ(v[1].intValue, 2);   // false
+    EXPECT_EQ(v[1].intValue, 2); // false
     EXPECT_EQ(v[2].name, under({1, 1, 1, 2, 4, 'b', 'g', 'p', 'd'}));
-    EXPECT_EQ(v[2].intValue, 1);   // true
+    EXPECT_EQ(v[2].intValue, 1); // true
 }
 
 TEST(Notifier, EnabledChangeCarriesEnabledFirst) {
@@ -79,7 +79,7 @@ TEST(Notifier, GoneCarriesTheLastFlags) {
 }
 
 TEST(Notifier, NameBytesAboveAsciiAreOneSubIdentifierEach) {
-    const std::string name = "d\xc3\xa9";   // "dé" in UTF-8: three bytes
+    const std::string name = "d\xc3\xa9"; // "dé" in UTF-8: three bytes
     auto v = decoded({name, NotificationKind::runningChange, true, true});
     EXPECT_EQ(v[1].name, under({2, 1, 1, 2, 3, 'd', 0xc3, 0xa9}));
 }
@@ -131,7 +131,7 @@ TEST(Notifier, ExtrasComeFromTheCountAndTheDataTheDaemonHas) {
     notifier.dataKeysIs({"ExecMainStatus", "Result"});
     const auto e = notifier.extras({"bgpd", NotificationKind::runningChange, false, false});
     EXPECT_EQ(e.runningChanges, std::optional<std::uint32_t>(3));
-    ASSERT_EQ(e.data.size(), 1u);   // no ExecMainStatus: nothing for it
+    ASSERT_EQ(e.data.size(), 1u); // no ExecMainStatus: nothing for it
     EXPECT_EQ(e.data[0], (std::pair<std::string, std::string>{"Result", "exit-code"}));
     EXPECT_FALSE(notifier.extras({"ntpd", NotificationKind::runningChange, false, false}).runningChanges);
     EXPECT_FALSE(notifier.extras({"bgpd", NotificationKind::gone, false, false}).runningChanges);

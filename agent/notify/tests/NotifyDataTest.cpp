@@ -15,7 +15,9 @@ TEST(NotifyData, EmptyTextIsNoKey) {
     EXPECT_TRUE(notifyDataKeys("  ").empty());
 }
 
-TEST(NotifyData, AKeyNamedTwiceIsCarriedOnce) { EXPECT_EQ(notifyDataKeys("a,b,a"), (Keys{"a", "b"})); }
+TEST(NotifyData, AKeyNamedTwiceIsCarriedOnce) {
+    EXPECT_EQ(notifyDataKeys("a,b,a"), (Keys{"a", "b"}));
+}
 
 TEST(NotifyData, AnEmptyKeyBetweenCommasIsRefusedWithItsPosition) {
     try {
@@ -32,7 +34,8 @@ TEST(NotifyData, AKeyLongerThanTheIndexCarriesIsRefusedByName) {
         notifyDataKeys("Result," + longKey);
         FAIL() << "accepted";
     } catch (const std::invalid_argument& e) {
-        EXPECT_NE(std::string(e.what()).find("'" + longKey + "' is longer than 64 bytes"), std::string::npos) << e.what();
+        EXPECT_NE(std::string(e.what()).find("'" + longKey + "' is longer than 64 bytes"), std::string::npos)
+            << e.what();
     }
     EXPECT_EQ(notifyDataKeys(std::string(64, 'k')).size(), 1u);
 }

@@ -19,7 +19,8 @@ struct Fixture {
     std::vector<Notification> sent;
     NotifyScheduler s;
     explicit Fixture(unsigned rate = 100, std::chrono::milliseconds holddown = 1000ms)
-        : s({holddown, rate}, [this](const Notification& n) { sent.push_back(n); }, t0) {}
+        : s(
+              {holddown, rate}, [this](const Notification& n) { sent.push_back(n); }, t0) {}
 };
 
 constexpr DaemonFlags up{true, true, true};
@@ -116,7 +117,7 @@ TEST(NotifyScheduler, NewDaemonGivesARunningChangeAndAGoneOneCarriesItsLastFlags
     EXPECT_TRUE(f.sent[1].enabled);
     EXPECT_FALSE(f.sent[1].running);
     f.s.tick(f.t0 + 2000ms);
-    EXPECT_EQ(f.s.tracked(), 0u);   // nothing kept of a daemon that went
+    EXPECT_EQ(f.s.tracked(), 0u); // nothing kept of a daemon that went
 }
 
 TEST(NotifyScheduler, BudgetQueuesTheRestAndSendsEachDaemonsLatestState) {

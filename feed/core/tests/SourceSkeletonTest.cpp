@@ -87,7 +87,7 @@ TEST(SourceSkeleton, HealthIsACopyEditedUnderTheMutex) {
         return ++h.reloads;
     });
     EXPECT_EQ(returned, 1u);
-    EXPECT_EQ(copy.state, SourceState::notLoaded);   // the copy taken before does not move
+    EXPECT_EQ(copy.state, SourceState::notLoaded); // the copy taken before does not move
     EXPECT_EQ(s.health().state, SourceState::unresponsive);
     EXPECT_FALSE(s.health().connected);
     EXPECT_EQ(s.health().reloads, 1u);

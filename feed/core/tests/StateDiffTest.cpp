@@ -43,7 +43,7 @@ TEST(StateDiff, AnAddedDaemonBringsOneRowPerFlagAndPerNonEmptyValue) {
     EXPECT_FALSE(c.config.keys[1].rowAfter);
     Feed::StateDiff::Counts want;
     want.daemonsAdded = 1;
-    want.rowsAdded = 4;   // enabled, option asn, running, data pid
+    want.rowsAdded = 4; // enabled, option asn, running, data pid
     EXPECT_EQ(diff.counts(), want);
     EXPECT_EQ(diff.summary(),
               "applied 4 changes (daemons: 1 added, 0 removed; rows: 4 added, 0 removed; 0 changed in place)");
@@ -93,10 +93,10 @@ TEST(LauncherState, QuoteEscapesAndCuts) {
 
 TEST(LauncherState, ValidUtf8RefusesOverlongSurrogatesAndBeyondTheRange) {
     EXPECT_TRUE(Feed::validUtf8("bgpd \xc3\xa9"));
-    EXPECT_FALSE(Feed::validUtf8("\xc0\xaf"));           // overlong '/'
-    EXPECT_FALSE(Feed::validUtf8("\xed\xa0\x80"));       // a surrogate
-    EXPECT_FALSE(Feed::validUtf8("\xf4\x90\x80\x80"));   // above U+10FFFF
-    EXPECT_FALSE(Feed::validUtf8("\xe2\x82"));           // cut short
+    EXPECT_FALSE(Feed::validUtf8("\xc0\xaf"));         // overlong '/'
+    EXPECT_FALSE(Feed::validUtf8("\xed\xa0\x80"));     // a surrogate
+    EXPECT_FALSE(Feed::validUtf8("\xf4\x90\x80\x80")); // above U+10FFFF
+    EXPECT_FALSE(Feed::validUtf8("\xe2\x82"));         // cut short
 }
 
 } // namespace

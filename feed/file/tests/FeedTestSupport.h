@@ -91,15 +91,17 @@ inline std::string toJson(const LauncherState& state) {
             out += "\"config\": {\"enabled\": " + std::string(d.enabled ? "true" : "false") +
                    ", \"options\": " + jsonKeys(d.options) + "}";
         if (d.hasStatus)
-            out += std::string(d.hasConfig ? ", " : "") + "\"status\": {\"running\": " +
-                   (d.running ? "true" : "false") + ", \"data\": " + jsonKeys(d.data) + "}";
+            out += std::string(d.hasConfig ? ", " : "") +
+                   "\"status\": {\"running\": " + (d.running ? "true" : "false") + ", \"data\": " + jsonKeys(d.data) +
+                   "}";
         out += "}";
     }
     return out + "\n}}\n";
 }
 
 inline DaemonState daemonWith(std::map<std::string, std::string> options, bool enabled = true,
-                   std::optional<std::map<std::string, std::string>> data = std::nullopt, bool running = true) {
+                              std::optional<std::map<std::string, std::string>> data = std::nullopt,
+                              bool running = true) {
     DaemonState d;
     d.hasConfig = true;
     d.enabled = enabled;
@@ -210,7 +212,9 @@ inline void replaceFile(const fs::path& path, const std::string& text) {
 }
 
 // Accepted reads of the feed's file source, the one when the watch is armed included.
-inline std::uint64_t reads(StateFeed& feed) { return dynamic_cast<FileSource&>(feed.source()).reads(); }
+inline std::uint64_t reads(StateFeed& feed) {
+    return dynamic_cast<FileSource&>(feed.source()).reads();
+}
 
 // Handles the feed's events until pred() holds; false when 5 s pass first.
 template <class Pred>
@@ -232,7 +236,8 @@ inline bool readable(int fd, int timeoutMs) {
 }
 
 inline bool contains(const std::vector<std::string>& lines, const std::string& part) {
-    return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) { return l.find(part) != std::string::npos; });
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const std::string& l) { return l.find(part) != std::string::npos; });
 }
 
 // A random state over a small name space, so that successive ones overlap.

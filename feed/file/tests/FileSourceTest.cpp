@@ -23,7 +23,7 @@ protected:
         StateFeed& feed = makeFeed(sub / "state.json");
         feed.loadInitial();
         feed.start();
-        EXPECT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 2; }));   // watching
+        EXPECT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 2; })); // watching
         return feed;
     }
 
@@ -33,7 +33,7 @@ protected:
     std::vector<std::string> log;
 
 private:
-    std::unique_ptr<StateFeed> feed_;   // last: stops before the rest goes
+    std::unique_ptr<StateFeed> feed_; // last: stops before the rest goes
 };
 
 TEST_F(FileFeed, LoadsInitiallyAndAppliesARenamedFile) {
@@ -43,8 +43,8 @@ TEST_F(FileFeed, LoadsInitiallyAndAppliesARenamedFile) {
     feed.loadInitial();
     EXPECT_EQ(feed.applied(), first);
     EXPECT_EQ(log, (std::vector<std::string>{"state file " + path.string() +
-                                              ": applied 3 changes (daemons: 1 added, 0 removed; rows: 3 added, 0 "
-                                              "removed; 0 changed in place); serving 1 daemon, 3 rows"}));
+                                             ": applied 3 changes (daemons: 1 added, 0 removed; rows: 3 added, 0 "
+                                             "removed; 0 changed in place); serving 1 daemon, 3 rows"}));
     feed.start();
 
     LauncherState second = {{"bgpd", daemonWith({{"asn", "65002"}})}, {"ntpd", DaemonState{}}};
@@ -57,7 +57,7 @@ TEST_F(FileFeed, LoadsInitiallyAndAppliesARenamedFile) {
                               "in place); serving 2 daemons, 5 rows");
     EXPECT_EQ(feed.refused(), 0u);
     feed.stop();
-    feed.stop();   // again: nothing
+    feed.stop(); // again: nothing
 }
 
 // The worker diffs each file against its packed copy of the last one: through any sequence
@@ -101,8 +101,8 @@ TEST_F(FileFeed, RefusesABadFileAndKeepsServing) {
     // A wrong top level refuses the whole file, good daemons included.
     replaceFile(path, "{\"daemons\": {\"bgpd\": {\"config\": {\"enabled\": false}}}, \"version\": 2}");
     EXPECT_TRUE(pumpUntil(feed, [&] { return feed.refused() == 1 && log.size() == 2; }));
-    EXPECT_EQ(log.back(), "state file " + path.string() +
-                              ": top level: unknown member \"version\", expected \"daemons\" (line 1)");
+    EXPECT_EQ(log.back(),
+              "state file " + path.string() + ": top level: unknown member \"version\", expected \"daemons\" (line 1)");
     EXPECT_EQ(feed.applied(), good);
     EXPECT_EQ(rowsOf(*mib), rows);
     EXPECT_EQ(mib->version(), version);
@@ -133,11 +133,14 @@ TEST_F(FileFeed, PartlyBadReloadAppliesEveryGoodDaemonAndKeepsTheBadOnesLastStat
     // bgpd: a value of the wrong type; ntpd and sshd changed; lldpd new but with an
     // over-long key, so never served.
     const std::string key65(65, 'k');
-    replaceFile(path, "{\"daemons\": {\n"
-                      "\"bgpd\": {\"config\": {\"enabled\": true, \"options\": {\"asn\": 65002}}},\n"
-                      "\"ntpd\": {\"config\": {\"enabled\": true, \"options\": {\"server\": \"b\"}}},\n"
-                      "\"lldpd\": {\"status\": {\"data\": {\"" + key65 + "\": \"1\"}}},\n"
-                      "\"sshd\": {\"config\": {\"enabled\": false, \"options\": {\"port\": \"22\"}}}}}");
+    replaceFile(path,
+                "{\"daemons\": {\n"
+                "\"bgpd\": {\"config\": {\"enabled\": true, \"options\": {\"asn\": 65002}}},\n"
+                "\"ntpd\": {\"config\": {\"enabled\": true, \"options\": {\"server\": \"b\"}}},\n"
+                "\"lldpd\": {\"status\": {\"data\": {\"" +
+                    key65 +
+                    "\": \"1\"}}},\n"
+                    "\"sshd\": {\"config\": {\"enabled\": false, \"options\": {\"port\": \"22\"}}}}}");
     LauncherState expected = good;
     expected["ntpd"].options["server"] = "b";
     expected["sshd"].enabled = false;
@@ -152,7 +155,7 @@ TEST_F(FileFeed, PartlyBadReloadAppliesEveryGoodDaemonAndKeepsTheBadOnesLastStat
     EXPECT_EQ(rowsOf(*mib), expectedRows(expected));
     SourceHealth health = feed.source().health();
     EXPECT_EQ(health.state, SourceState::ok);
-    EXPECT_EQ(health.reloads, 2u);   // the initial load and the change, not the read at start
+    EXPECT_EQ(health.reloads, 2u); // the initial load and the change, not the read at start
     EXPECT_EQ(health.refused, 0u);
     EXPECT_EQ(health.skipped, 2u);
     EXPECT_EQ(health.skippedNow, 2u);
@@ -160,9 +163,10 @@ TEST_F(FileFeed, PartlyBadReloadAppliesEveryGoodDaemonAndKeepsTheBadOnesLastStat
 
     // bgpd's last good state stays through a reload that drops it from the file no more:
     // a reload that leaves bgpd bad and changes nothing else changes nothing.
-    replaceFile(path, "{\"daemons\": {\"bgpd\": [],\n"
-                      "\"ntpd\": {\"config\": {\"enabled\": true, \"options\": {\"server\": \"b\"}}},\n"
-                      "\"sshd\": {\"config\": {\"enabled\": false, \"options\": {\"port\": \"22\"}}}}}");
+    replaceFile(path,
+                "{\"daemons\": {\"bgpd\": [],\n"
+                "\"ntpd\": {\"config\": {\"enabled\": true, \"options\": {\"server\": \"b\"}}},\n"
+                "\"sshd\": {\"config\": {\"enabled\": false, \"options\": {\"port\": \"22\"}}}}}");
     ASSERT_TRUE(pumpUntil(feed, [&] { return log.size() == 4; }));
     EXPECT_EQ(log[3], p + "daemon \"bgpd\": must be an object, not an array (line 1); serving its last good state");
     EXPECT_EQ(feed.applied(), expected);
@@ -213,7 +217,7 @@ TEST_F(FileFeed, InitialLoadOfABadFileThrowsAndServesNothing) {
 
     // Started anyway, the feed picks the file up once it is written.
     feed.start();
-    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.refused() == 2; }));   // still missing at start
+    EXPECT_TRUE(pumpUntil(feed, [&] { return feed.refused() == 2; })); // still missing at start
     LauncherState s = {{"bgpd", DaemonState{}}};
     replaceFile(path, toJson(s));
     EXPECT_TRUE(pumpUntil(feed, [&] { return feed.applied() == s; }));
@@ -226,7 +230,7 @@ TEST_F(FileFeed, SurvivesItsDirectoryBeingRemovedAndMadeAgain) {
 
     fs::remove_all(sub);
     EXPECT_TRUE(pumpUntil(feed, [&] { return contains(log, " is gone;"); })) << testing::PrintToString(log);
-    EXPECT_EQ(feed.applied().size(), 1u);   // still served
+    EXPECT_EQ(feed.applied().size(), 1u); // still served
 
     fs::create_directory(sub);
     LauncherState next = {{"ntpd", daemonWith({{"server", "a"}})}};
@@ -283,10 +287,11 @@ TEST_F(FileFeed, RemovedFileLeavesTheStateServed) {
     StateFeed& feed = makeFeed(path);
     feed.loadInitial();
     feed.start();
-    ASSERT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 2; }));   // the reload at start
+    ASSERT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 2; })); // the reload at start
     fs::remove(path);
     EXPECT_TRUE(pumpUntil(feed, [&] { return log.size() == 2; }));
-    EXPECT_EQ(log.back(), "state file " + path.string() + ": removed; serving the last state until it is written again");
+    EXPECT_EQ(log.back(),
+              "state file " + path.string() + ": removed; serving the last state until it is written again");
     EXPECT_EQ(feed.applied(), s);
     EXPECT_EQ(feed.refused(), 0u);
 }
@@ -316,8 +321,7 @@ TEST_F(FileFeed, InotifyWatchesExhaustedNameTheLimitAndRecover) {
     feed.loadInitial();
     InotifyFaults::addWatchErrno = ENOSPC;
     feed.start();
-    const std::string said = "state file " + path.string() + ": cannot watch directory " +
-                             path.parent_path().string() +
+    const std::string said = "state file " + path.string() + ": cannot watch directory " + path.parent_path().string() +
                              ": the inotify watches are exhausted (ENOSPC): raise fs.inotify.max_user_watches; "
                              "serving the last state";
     EXPECT_TRUE(pumpUntil(feed, [&] {
@@ -325,7 +329,8 @@ TEST_F(FileFeed, InotifyWatchesExhaustedNameTheLimitAndRecover) {
     }));
     for (const auto& l : log) EXPECT_EQ(l.find("is gone"), std::string::npos) << l;
     InotifyFaults::addWatchErrno = 0;
-    const std::string again = "state file " + path.string() + ": watching directory " + path.parent_path().string() + " again";
+    const std::string again =
+        "state file " + path.string() + ": watching directory " + path.parent_path().string() + " again";
     EXPECT_TRUE(pumpUntil(feed, [&] { return std::find(log.begin(), log.end(), again) != log.end(); }));
 }
 
@@ -334,7 +339,7 @@ TEST_F(FileFeed, InitialLoadCountsAsOneReload) {
     StateFeed& feed = makeFeed(path, false);
     feed.loadInitial();
     feed.start();
-    ASSERT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 2; }));   // watching
+    ASSERT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 2; })); // watching
     EXPECT_EQ(feed.reloads(), 1u);
     replaceFile(path, toJson({{"bgpd", daemonWith({{"asn", "2"}})}}));
     EXPECT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 3; }));
@@ -347,11 +352,11 @@ TEST_F(FileFeed, UnchangedFileAppliesNothing) {
     StateFeed& feed = makeFeed(path, false);
     feed.loadInitial();
     feed.start();
-    EXPECT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 2; }));   // the reload at start
+    EXPECT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 2; })); // the reload at start
     replaceFile(path, toJson(s));
     EXPECT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 3; }));
     EXPECT_EQ(feed.handleEvent(), 0u);
-    EXPECT_EQ(feed.applies(), 1u);   // only loadInitial's
+    EXPECT_EQ(feed.applies(), 1u); // only loadInitial's
 }
 
 // The worker keeps only digests of the last accepted file; the loop diffs each reported
@@ -373,7 +378,7 @@ TEST_F(FileFeed, QueuedReloadsApplyInOrderAgainstWhatIsServed) {
         while (reads(feed) < n && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(5ms);
         return reads(feed) >= n;
     };
-    ASSERT_TRUE(reloaded(2));   // the reload at start
+    ASSERT_TRUE(reloaded(2)); // the reload at start
     std::uint64_t n = 2;
     for (const LauncherState* s : {&b, &a, &c, &a}) {
         replaceFile(path, toJson(*s));
@@ -383,17 +388,18 @@ TEST_F(FileFeed, QueuedReloadsApplyInOrderAgainstWhatIsServed) {
     EXPECT_EQ(feed.handleEvent(), 4u);
     EXPECT_EQ(feed.applied(), a);
     const std::string p = "state file " + path.string() + ": ";
-    EXPECT_EQ(log, (std::vector<std::string>{
-                       p + "applied 1 change (daemons: 0 added, 0 removed; rows: 0 added, 0 removed; 1 changed in place); "
-                           "serving 2 daemons, 7 rows",
-                       p + "applied 1 change (daemons: 0 added, 0 removed; rows: 0 added, 0 removed; 1 changed in place); "
-                           "serving 2 daemons, 7 rows",
-                       // c drops ntpd (enabled, running and one option row) and keeps b's asn
-                       p + "applied 4 changes (daemons: 0 added, 1 removed; rows: 0 added, 3 removed; 1 changed in place); "
-                           "serving 1 daemon, 4 rows",
-                       p + "applied 4 changes (daemons: 1 added, 0 removed; rows: 3 added, 0 removed; 1 changed in place); "
-                           "serving 2 daemons, 7 rows",
-                   }));
+    EXPECT_EQ(log,
+              (std::vector<std::string>{
+                  p + "applied 1 change (daemons: 0 added, 0 removed; rows: 0 added, 0 removed; 1 changed in place); "
+                      "serving 2 daemons, 7 rows",
+                  p + "applied 1 change (daemons: 0 added, 0 removed; rows: 0 added, 0 removed; 1 changed in place); "
+                      "serving 2 daemons, 7 rows",
+                  // c drops ntpd (enabled, running and one option row) and keeps b's asn
+                  p + "applied 4 changes (daemons: 0 added, 1 removed; rows: 0 added, 3 removed; 1 changed in place); "
+                      "serving 1 daemon, 4 rows",
+                  p + "applied 4 changes (daemons: 1 added, 0 removed; rows: 3 added, 0 removed; 1 changed in place); "
+                      "serving 2 daemons, 7 rows",
+              }));
     ASSERT_NE(mib->optionTable(GenericAgent::OptionTableIndex(Orbel::String("bgpd"), Orbel::String("asn"))), nullptr);
     EXPECT_EQ(mib->optionTable(GenericAgent::OptionTableIndex(Orbel::String("bgpd"), Orbel::String("asn")))->val(),
               GenericAgent::AgentVal(Orbel::String("1")));
@@ -411,13 +417,15 @@ TEST_F(FileFeed, ReloadSkipsADuplicateOfAnUnchangedDaemonAndKeepsItsDigest) {
     ASSERT_TRUE(pumpUntil(feed, [&] { return reads(feed) == 2; }));
 
     // bgpd unchanged, ntpd changed, then bgpd again, different.
-    replaceFile(path, "{\"daemons\": {\"bgpd\": {\"config\": {\"enabled\": true, \"options\": {\"asn\": \"65001\"}}},\n"
-                      "\"ntpd\": {\"config\": {\"enabled\": true, \"options\": {\"server\": \"b\"}}},\n"
-                      "\"bgpd\": {}}}");
+    replaceFile(path,
+                "{\"daemons\": {\"bgpd\": {\"config\": {\"enabled\": true, \"options\": {\"asn\": \"65001\"}}},\n"
+                "\"ntpd\": {\"config\": {\"enabled\": true, \"options\": {\"server\": \"b\"}}},\n"
+                "\"bgpd\": {}}}");
     LauncherState next = good;
     next["ntpd"].options["server"] = "b";
     ASSERT_TRUE(pumpUntil(feed, [&] { return feed.applied() == next && log.size() == 3; }));
-    EXPECT_EQ(log[1], "state file " + path.string() + ": daemon \"bgpd\": appears twice (line 3); serving its last good state");
+    EXPECT_EQ(log[1],
+              "state file " + path.string() + ": daemon \"bgpd\": appears twice (line 3); serving its last good state");
     EXPECT_EQ(feed.refused(), 0u);
 
     // bgpd's digest is the one of the last good file: writing that file again changes

@@ -13,7 +13,7 @@ TEST(StateApplier, AddedDaemonAppearsInEveryTable) {
     s["bare"] = DaemonState{};
     applyState(applier, s);
     EXPECT_EQ(rowsOf(*mib), (std::vector<std::string>{"D bgpd/pid=4242", "E bare=0", "E bgpd=1", "O bgpd/asn=65001",
-                                                       "R bare=0", "R bgpd=1"}));
+                                                      "R bare=0", "R bgpd=1"}));
     EXPECT_EQ(mib->enabledTable("bgpd")->agentConfig().ptr(), applier.config("bgpd").ptr());
     EXPECT_EQ(mib->runningTable("bgpd")->agentStatus().ptr(), applier.status("bgpd").ptr());
     EXPECT_FALSE(mib->enabledTable("bare")->agentConfig());
@@ -116,7 +116,7 @@ TEST(StateApplier, StatusAppearingRemakesTheRunningRow) {
     applyState(applier, s);
     EXPECT_NE(mib->runningTable("ntpd").ptr(), before.ptr());
     EXPECT_EQ(mib->runningTable("ntpd")->agentStatus().ptr(), applier.status("ntpd").ptr());
-    EXPECT_EQ(applier.config("ntpd").ptr(), config.ptr());   // the other side stays
+    EXPECT_EQ(applier.config("ntpd").ptr(), config.ptr()); // the other side stays
 }
 
 TEST(StateApplier, EmptyValueHasNoRowButIsKept) {
@@ -247,14 +247,14 @@ TEST(StateApplier, AppliedIsReadBackFromTheObjects) {
     applier.apply(diffStates(applier.applied(), s));
     auto version = mib->version();
     EXPECT_EQ(applier.applied(), s);
-    EXPECT_EQ(&applier.applied(), &applier.applied());   // built once until the next change
+    EXPECT_EQ(&applier.applied(), &applier.applied()); // built once until the next change
     EXPECT_EQ(mib->version(), version);
     applier.apply(diffStates(applier.applied(), {}));
     EXPECT_TRUE(applier.applied().empty());
 }
 
 TEST(StateApplier, LeavesNothingBehind) {
-    GenericAgent::daemonMibFactory("warm-up");   // registers the types once
+    GenericAgent::daemonMibFactory("warm-up"); // registers the types once
     auto instances = Orbel::PtrInterface::liveInstances();
     auto bodies = Orbel::String::liveBodies();
     {

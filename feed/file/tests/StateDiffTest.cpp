@@ -26,22 +26,23 @@ TEST(StateDiff, CountsWhatApplyingDoes) {
     EXPECT_TRUE(c.before && c.after);
     EXPECT_EQ(c.flag, std::optional<bool>(false));
     std::vector<KeyChange> keys = {
-        {"blank", std::nullopt, false, false}, {"blank2", "", false, false}, {"changed", "2", true, true},
+        {"blank", std::nullopt, false, false}, {"blank2", "", false, false},        {"changed", "2", true, true},
         {"emptied", "", true, false},          {"gone", std::nullopt, true, false}, {"new", "1", false, true},
     };
     EXPECT_EQ(c.keys, keys);
     EXPECT_TRUE(d.daemons[0].status.empty());
-    EXPECT_FALSE(d.daemons[1].before);   // "new"
-    EXPECT_FALSE(d.daemons[2].after);    // "old"
+    EXPECT_FALSE(d.daemons[1].before); // "new"
+    EXPECT_FALSE(d.daemons[2].after);  // "old"
 
     StateDiff::Counts counts = d.counts();
     EXPECT_EQ(counts.daemonsAdded, 1u);
     EXPECT_EQ(counts.daemonsRemoved, 1u);
-    EXPECT_EQ(counts.rowsAdded, 1u + 2u);               // option "new"; new's enabled and running
-    EXPECT_EQ(counts.rowsRemoved, 2u + 4u);             // "emptied", "gone"; old's four rows
-    EXPECT_EQ(counts.inPlace, 1u + 3u);                 // the flag; "changed", "blank", "blank2"
+    EXPECT_EQ(counts.rowsAdded, 1u + 2u);   // option "new"; new's enabled and running
+    EXPECT_EQ(counts.rowsRemoved, 2u + 4u); // "emptied", "gone"; old's four rows
+    EXPECT_EQ(counts.inPlace, 1u + 3u);     // the flag; "changed", "blank", "blank2"
     EXPECT_EQ(d.changes(), 13u);
-    EXPECT_EQ(d.summary(), "applied 13 changes (daemons: 1 added, 1 removed; rows: 3 added, 6 removed; 4 changed in place)");
+    EXPECT_EQ(d.summary(),
+              "applied 13 changes (daemons: 1 added, 1 removed; rows: 3 added, 6 removed; 4 changed in place)");
 }
 
 // ---------------------------------------------------------------------------------------

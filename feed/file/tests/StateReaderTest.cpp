@@ -27,7 +27,8 @@ TEST(StateParse, DemoState) {
 }
 
 TEST(StateParse, AbsentMembersMeanFalseAndNothing) {
-    LauncherState s = parseState(R"J({"daemons": {"a": {}, "b": {"config": {}}, "c": {"status": {"data": {}}}}})J", file);
+    LauncherState s =
+        parseState(R"J({"daemons": {"a": {}, "b": {"config": {}}, "c": {"status": {"data": {}}}}})J", file);
     ASSERT_EQ(s.size(), 3u);
     EXPECT_EQ(s.at("a"), DaemonState{});
     EXPECT_TRUE(s.at("b").hasConfig);
@@ -83,17 +84,17 @@ TEST(StateParse, RefusesEachBadFileWithItsLine) {
         {"JSON syntax", "{\"daemons\": {\"a\": {}}",
          "state file /x/state.json: line 1, column 22: invalid JSON: missing a comma or '}' after an object member"},
         {"JSON syntax", "{\"daemons\": {}} {}",
-         "state file /x/state.json: line 1, column 17: invalid JSON: the document root must not be followed by other values"},
+         "state file /x/state.json: line 1, column 17: invalid JSON: the document root must not be followed by other "
+         "values"},
         {"JSON syntax", "{\"daemons\": {\"a\": {\"config\": {\"enabled\": tru}}}}",
          "state file /x/state.json: line 1, column 45: invalid JSON: invalid value"},
         {"JSON syntax", "{\"daemons\": {\"a\nb\": {}}}",
-         "state file /x/state.json: line 1, column 16: invalid JSON: control character in a string (write it as an escape)"},
+         "state file /x/state.json: line 1, column 16: invalid JSON: control character in a string (write it as an "
+         "escape)"},
         {"JSON syntax", std::string("{\"daemons\":\n {}}\0", 17),
          "state file /x/state.json: line 2, column 5: invalid JSON: NUL byte"},
-        {"wrong type", "[]",
-         "state file /x/state.json: top level: must be an object, not an array (line 1)"},
-        {"wrong type", "\"x\"",
-         "state file /x/state.json: top level: must be an object, not a string (line 1)"},
+        {"wrong type", "[]", "state file /x/state.json: top level: must be an object, not an array (line 1)"},
+        {"wrong type", "\"x\"", "state file /x/state.json: top level: must be an object, not a string (line 1)"},
         {"wrong type", "{\"daemons\": []}",
          "state file /x/state.json: \"daemons\": must be an object, not an array (line 1)"},
         {"wrong type", oneDaemon("bgpd", "true"),
@@ -118,20 +119,20 @@ TEST(StateParse, RefusesEachBadFileWithItsLine) {
         {"unknown member", R"J({"daemons": {}, "version": 2})J",
          "state file /x/state.json: top level: unknown member \"version\", expected \"daemons\" (line 1)"},
         {"unknown member", oneDaemon("bgpd", R"J({"confg": {}})J"),
-         "state file /x/state.json: daemon \"bgpd\": unknown member \"confg\", expected \"config\" or \"status\" (line 1)"},
+         "state file /x/state.json: daemon \"bgpd\": unknown member \"confg\", expected \"config\" or \"status\" (line "
+         "1)"},
         {"unknown member", oneDaemon("bgpd", R"J({"config": {"enable": true}})J"),
-         "state file /x/state.json: daemon \"bgpd\" config: unknown member \"enable\", expected \"enabled\" or \"options\" (line 1)"},
+         "state file /x/state.json: daemon \"bgpd\" config: unknown member \"enable\", expected \"enabled\" or "
+         "\"options\" (line 1)"},
         {"unknown member", oneDaemon("bgpd", R"J({"status": {"options": {}}})J"),
-         "state file /x/state.json: daemon \"bgpd\" status: unknown member \"options\", expected \"running\" or \"data\" (line 1)"},
-        {"missing or empty", "{}",
-         "state file /x/state.json: top level: no \"daemons\" member (line 1)"},
+         "state file /x/state.json: daemon \"bgpd\" status: unknown member \"options\", expected \"running\" or "
+         "\"data\" (line 1)"},
+        {"missing or empty", "{}", "state file /x/state.json: top level: no \"daemons\" member (line 1)"},
         {"byte-order mark", "\xEF\xBB\xBF{\"daemons\": {}}",
          "state file /x/state.json: starts with a UTF-8 byte-order mark (EF BB BF), which JSON does not allow: write "
          "the file without it"},
-        {"missing or empty", "",
-         "state file /x/state.json: file is empty"},
-        {"missing or empty", " \n\t\r\n",
-         "state file /x/state.json: file is empty"},
+        {"missing or empty", "", "state file /x/state.json: file is empty"},
+        {"missing or empty", " \n\t\r\n", "state file /x/state.json: file is empty"},
         {"twice", "{\"daemons\": {}, \"daemons\": {}}",
          "state file /x/state.json: top level: member \"daemons\" appears twice (line 1)"},
         {"twice", "{\"daemons\": {\n\"bgpd\": {},\n\"ntpd\": {},\n\"bgpd\": {}}}",
@@ -146,15 +147,19 @@ TEST(StateParse, RefusesEachBadFileWithItsLine) {
          "state file /x/state.json: daemon \"bgpd\" data \"pid\": appears twice (line 1)"},
         {"too long", oneDaemon(name33, "{}"),
          "state file /x/state.json: daemon \"" + name33 + "\": name is 33 bytes, more than 32 (line 1)"},
-        {"too long", oneDaemon("", "{}"),
-         "state file /x/state.json: daemon \"\": name is empty (line 1)"},
+        {"too long", oneDaemon("", "{}"), "state file /x/state.json: daemon \"\": name is empty (line 1)"},
         {"too long", oneDaemon("bgpd", R"J({"config": {"options": {")J" + key65 + R"J(": "1"}}})J"),
-         "state file /x/state.json: daemon \"bgpd\" option \"" + std::string(64, 'k') + "...\": key is 65 bytes, more than 64 (line 1)"},
+         "state file /x/state.json: daemon \"bgpd\" option \"" + std::string(64, 'k') +
+             "...\": key is 65 bytes, more than 64 (line 1)"},
         {"too long", oneDaemon("bgpd", R"J({"status": {"data": {")J" + key1025 + R"J(": "1"}}})J"),
-         "state file /x/state.json: daemon \"bgpd\" data \"" + std::string(64, 'k') + "...\": key is 1025 bytes, more than 64 (line 1)"},
+         "state file /x/state.json: daemon \"bgpd\" data \"" + std::string(64, 'k') +
+             "...\": key is 1025 bytes, more than 64 (line 1)"},
         {"too long", oneDaemon("bgpd", "{\"config\": {\"options\": {\n\"asn\": \"" + value10241 + "\"}}}"),
          "state file /x/state.json: daemon \"bgpd\" option \"asn\": value is 10241 bytes, more than 10240 (line 2)"},
-        {"not UTF-8", oneDaemon("b\xff" "d", "{}"),
+        {"not UTF-8",
+         oneDaemon("b\xff"
+                   "d",
+                   "{}"),
          "state file /x/state.json: daemon \"b\\xffd\": name is not valid UTF-8 (line 1)"},
         {"not UTF-8", oneDaemon("bgpd", "{\"config\": {\"options\": {\"a\xc3\": \"1\"}}}"),
          "state file /x/state.json: daemon \"bgpd\" option \"a\\xc3\": key is not valid UTF-8 (line 1)"},
@@ -178,17 +183,20 @@ TEST(StateParse, RefusesEachBadFileWithItsLine) {
 TEST(StateParse, SkipsBadDaemonEntriesWhenAsked) {
     const std::string name33(33, 'n');
     SkippedDaemons skipped;
-    LauncherState s = parseState("{\"daemons\": {\n"
-                                 "\"a\": {\"config\": {\"enabled\": \"yes\", \"options\": {\"x\": [1, {\"y\": 2}]}}},\n"
-                                 "\"b\": {\"config\": {\"enabled\": true}},\n"
-                                 "\"" + name33 + "\": {\"status\": {}},\n"
-                                 "\"c\": \"on\",\n"
-                                 "\"b\": {},\n"
-                                 "\"\": {},\n"
-                                 "\"d\": {\"status\": {\"runing\": true}},\n"
-                                 "\"b\": {},\n"
-                                 "\"e\": {\"status\": {\"running\": true}}}}",
-                                 file, skipped);
+    LauncherState s = parseState(
+        "{\"daemons\": {\n"
+        "\"a\": {\"config\": {\"enabled\": \"yes\", \"options\": {\"x\": [1, {\"y\": 2}]}}},\n"
+        "\"b\": {\"config\": {\"enabled\": true}},\n"
+        "\"" +
+            name33 +
+            "\": {\"status\": {}},\n"
+            "\"c\": \"on\",\n"
+            "\"b\": {},\n"
+            "\"\": {},\n"
+            "\"d\": {\"status\": {\"runing\": true}},\n"
+            "\"b\": {},\n"
+            "\"e\": {\"status\": {\"running\": true}}}}",
+        file, skipped);
     DaemonState e;
     e.hasStatus = true;
     e.running = true;
@@ -206,7 +214,8 @@ TEST(StateParse, SkipsBadDaemonEntriesWhenAsked) {
     EXPECT_EQ(skipped[3].message, p + "daemon \"b\": appears twice (line 6)");
     EXPECT_FALSE(skipped[4].indexable);
     EXPECT_EQ(skipped[4].message, p + "daemon \"\": name is empty (line 7)");
-    EXPECT_EQ(skipped[5].message, p + "daemon \"d\" status: unknown member \"runing\", expected \"running\" or \"data\" (line 8)");
+    EXPECT_EQ(skipped[5].message,
+              p + "daemon \"d\" status: unknown member \"runing\", expected \"running\" or \"data\" (line 8)");
     EXPECT_EQ(skipped[6].message, p + "daemon \"b\": appears twice (line 9)");
 
     // The file as a whole is still refused for its syntax and its top level.
@@ -227,7 +236,7 @@ TEST(StateLoad, RefusesMissingUnreadableAndOddFiles) {
     writeFile(empty, "");
     EXPECT_EQ(loadRefusal(empty.string()), "state file " + empty.string() + ": file is empty");
 
-    fs::path huge = dir.path() / "huge.json";   // sparse: takes no room
+    fs::path huge = dir.path() / "huge.json"; // sparse: takes no room
     writeFile(huge, "");
     fs::resize_file(huge, maxStateFileBytes + 1);
     EXPECT_EQ(loadRefusal(huge.string()),
@@ -236,7 +245,7 @@ TEST(StateLoad, RefusesMissingUnreadableAndOddFiles) {
     fs::path good = dir.path() / "good.json";
     writeFile(good, "{\"daemons\": {\"bgpd\": {}}}");
     EXPECT_EQ(loadStateFile(good.string()).size(), 1u);
-    if (::geteuid() != 0) {   // root reads anything
+    if (::geteuid() != 0) { // root reads anything
         ::chmod(good.c_str(), 0);
         EXPECT_EQ(loadRefusal(good.string()), "state file " + good.string() + ": cannot open: Permission denied");
     }

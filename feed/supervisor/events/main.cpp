@@ -43,8 +43,9 @@ struct Sender {
     void send(const Feed::EventNote& note) {
         std::string d = Feed::encodeNote(note);
         if (::sendto(fd, d.data(), d.size(), MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&to), sizeof to) < 0) {
-            if (!warned) std::cerr << "velmar-supervisor-events: cannot reach " << to.sun_path << ": "
-                                   << std::strerror(errno) << " (said once)\n";
+            if (!warned)
+                std::cerr << "velmar-supervisor-events: cannot reach " << to.sun_path << ": " << std::strerror(errno)
+                          << " (said once)\n";
             warned = true;
         } else {
             warned = false;
@@ -101,7 +102,7 @@ int main(int argc, char** argv) {
     std::string payload;
     for (;;) {
         std::cout << "READY\n" << std::flush;
-        if (!std::getline(std::cin, header)) return bye();   // supervisord closed our stdin
+        if (!std::getline(std::cin, header)) return bye(); // supervisord closed our stdin
         auto tokens = Feed::eventTokens(header);
         std::size_t n = 0;
         auto len_ = tokens.find("len");

@@ -16,16 +16,29 @@ std::string response(const std::string& value) {
     return "<?xml version='1.0'?>\n<methodResponse><params><param>" + value + "</param></params></methodResponse>\n";
 }
 
-Value str(std::string s) { return Value{std::move(s)}; }
-Value num(std::int64_t i) { return Value{i}; }
-Value flag(bool b) { return Value{b}; }
+Value str(std::string s) {
+    return Value{std::move(s)};
+}
+Value num(std::int64_t i) {
+    return Value{i};
+}
+Value flag(bool b) {
+    return Value{b};
+}
 
 Value configEntry(const std::string& group, const std::string& name) {
     Feed::XmlRpc::Struct s{
-        {"name", str(name)},          {"group", str(group)},       {"inuse", flag(true)},
-        {"autostart", flag(true)},    {"command", str("/bin/sleep 1000")},
-        {"directory", str("none")},   {"uid", str("none")},        {"startsecs", num(1)},
-        {"startretries", num(3)},     {"stopsignal", num(15)},     {"process_prio", num(999)},
+        {"name", str(name)},
+        {"group", str(group)},
+        {"inuse", flag(true)},
+        {"autostart", flag(true)},
+        {"command", str("/bin/sleep 1000")},
+        {"directory", str("none")},
+        {"uid", str("none")},
+        {"startsecs", num(1)},
+        {"startretries", num(3)},
+        {"stopsignal", num(15)},
+        {"process_prio", num(999)},
     };
     return Value{s};
 }
@@ -46,17 +59,18 @@ Feed::ProcessInfo info(const std::string& group, const std::string& name, std::i
 }
 
 TEST(XmlRpcDecode, ReadsEveryValueType) {
-    Value v = Feed::XmlRpc::decodeResponse(response(
-        "<value><struct>"
-        "<member><name>s</name><value><string>a &amp; b</string></value></member>"
-        "<member><name>bare</name><value>plain</value></member>"
-        "<member><name>i</name><value><int>-7</int></value></member>"
-        "<member><name>i4</name><value><i4>12</i4></value></member>"
-        "<member><name>b</name><value><boolean>1</boolean></value></member>"
-        "<member><name>d</name><value><double>1.5</double></value></member>"
-        "<member><name>n</name><value><nil/></value></member>"
-        "<member><name>a</name><value><array><data><value><int>1</int></value><value>x</value></data></array></value></member>"
-        "</struct></value>"));
+    Value v =
+        Feed::XmlRpc::decodeResponse(response("<value><struct>"
+                                              "<member><name>s</name><value><string>a &amp; b</string></value></member>"
+                                              "<member><name>bare</name><value>plain</value></member>"
+                                              "<member><name>i</name><value><int>-7</int></value></member>"
+                                              "<member><name>i4</name><value><i4>12</i4></value></member>"
+                                              "<member><name>b</name><value><boolean>1</boolean></value></member>"
+                                              "<member><name>d</name><value><double>1.5</double></value></member>"
+                                              "<member><name>n</name><value><nil/></value></member>"
+                                              "<member><name>a</name><value><array><data><value><int>1</int></"
+                                              "value><value>x</value></data></array></value></member>"
+                                              "</struct></value>"));
     ASSERT_TRUE(v.structure());
     EXPECT_EQ(*v.member("s")->string(), "a & b");
     EXPECT_EQ(*v.member("bare")->string(), "plain");
@@ -87,13 +101,14 @@ TEST(XmlRpcDecode, FaultIsThrownWithCodeAndString) {
 TEST(XmlRpcDecode, RefusesWhatIsNotAResponse) {
     const char* bad[] = {
         "",
-        "<methodResponse><params><param><value><int>1</int></value></param>",           // not closed
-        "<methodCall><params/></methodCall>",                                            // not a response
-        "<methodResponse><params></params></methodResponse>",                            // no param
+        "<methodResponse><params><param><value><int>1</int></value></param>", // not closed
+        "<methodCall><params/></methodCall>",                                 // not a response
+        "<methodResponse><params></params></methodResponse>",                 // no param
         "<methodResponse><params><param><value><int>x</int></value></param></params></methodResponse>",
         "<methodResponse><params><param><value><boolean>2</boolean></value></param></params></methodResponse>",
         "<methodResponse><params><param><value><blob/></value></param></params></methodResponse>",
-        "<!DOCTYPE x [<!ENTITY a 'b'>]><methodResponse><params><param><value>&a;</value></param></params></methodResponse>",
+        "<!DOCTYPE x [<!ENTITY a "
+        "'b'>]><methodResponse><params><param><value>&a;</value></param></params></methodResponse>",
     };
     for (const char* body : bad) {
         SCOPED_TRACE(body);
@@ -158,7 +173,10 @@ TEST(ProcessMapping, PatternsMatchNameOrGroupColonName) {
 }
 
 TEST(ProcessMapping, CommandExecutableIsTheFirstWordUnquoted) {
-    struct Case { const char* command; const char* exe; };
+    struct Case {
+        const char* command;
+        const char* exe;
+    };
     Case cases[] = {
         {"/bin/sleep 1000", "/bin/sleep"},
         {"  /usr/bin/env  A=1 prog", "/usr/bin/env"},
@@ -186,7 +204,7 @@ TEST(ProcessMapping, ConfigAndStatusOfARunningProcess) {
     EXPECT_TRUE(d.enabled);
     std::map<std::string, std::string> options{
         {"command", "/usr/bin/web"}, {"directory", "/srv/web"}, {"user", "33"},      {"startsecs", "1"},
-        {"startretries", "3"},      {"stopsignal", "TERM"},    {"priority", "999"}, {"group", "web"}};
+        {"startretries", "3"},       {"stopsignal", "TERM"},    {"priority", "999"}, {"group", "web"}};
     EXPECT_EQ(d.options, options);
     EXPECT_TRUE(d.hasStatus);
     EXPECT_TRUE(d.running);
@@ -222,13 +240,13 @@ TEST(ProcessMapping, BackoffHasSpawnErrorAndNoExitStatus) {
     Feed::ProcessInfo i = info("flap", "flap", 30);
     i.statename = "BACKOFF";
     i.stop = 1700000060;
-    i.exitstatus = 0;   // supervisord's "none"
+    i.exitstatus = 0; // supervisord's "none"
     i.spawnerr = "Exited too quickly (process log may have details)";
     i.description = i.spawnerr;
     Feed::DaemonState d = Feed::daemonStateOf(nullptr, &i, Feed::CommandShown::executable);
     EXPECT_EQ(d.data.at("spawnerr"), i.spawnerr);
     EXPECT_EQ(d.data.count("exitstatus"), 0u);
-    i.state = Feed::processRunning;   // started again after a stop: no exit status
+    i.state = Feed::processRunning; // started again after a stop: no exit status
     i.statename = "RUNNING";
     i.pid = 77;
     EXPECT_EQ(Feed::daemonStateOf(nullptr, &i, Feed::CommandShown::executable).data.count("exitstatus"), 0u);
@@ -342,12 +360,13 @@ TEST(ProcessTracker, LongNamesAreSkippedSaidOnceAndCounted) {
     std::string fits(32, 'y');
     r = t.replaceAll({config(fits, fits)}, {info(fits, fits)});
     EXPECT_EQ(t.skippedNow(), 0u);
-    EXPECT_EQ(r.changed.size(), 2u);   // "a" goes, the 32-byte name comes
+    EXPECT_EQ(r.changed.size(), 2u); // "a" goes, the 32-byte name comes
 }
 
 TEST(EventNote, RoundTrips) {
     using K = Feed::EventNote::Kind;
-    Feed::EventNote notes[] = {{K::process, "pool", "w_00"}, {K::group, "web", ""}, {K::tick, "", ""}, {K::hello, "", ""}, {K::bye, "", ""}};
+    Feed::EventNote notes[] = {
+        {K::process, "pool", "w_00"}, {K::group, "web", ""}, {K::tick, "", ""}, {K::hello, "", ""}, {K::bye, "", ""}};
     for (const auto& n : notes) {
         SCOPED_TRACE(Feed::encodeNote(n));
         EXPECT_EQ(Feed::decodeNote(Feed::encodeNote(n)), n);
@@ -359,7 +378,8 @@ TEST(EventNote, RoundTrips) {
 }
 
 TEST(EventNote, EventsOfSupervisord) {
-    auto n = Feed::noteForEvent("PROCESS_STATE_RUNNING", "processname:w_00 groupname:pool from_state:STARTING pid:2766");
+    auto n =
+        Feed::noteForEvent("PROCESS_STATE_RUNNING", "processname:w_00 groupname:pool from_state:STARTING pid:2766");
     ASSERT_TRUE(n);
     EXPECT_EQ(n->kind, Feed::EventNote::Kind::process);
     EXPECT_EQ(n->group, "pool");

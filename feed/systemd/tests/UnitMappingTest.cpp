@@ -26,7 +26,7 @@ UnitInfo runningService() {
     u.result = "success";
     u.mainPid = 612;
     u.nRestarts = 0;
-    u.activeEnterTimestamp = 1795633805000000ull;     // 2026-11-25T19:10:05Z
+    u.activeEnterTimestamp = 1795633805000000ull; // 2026-11-25T19:10:05Z
     u.memoryCurrent = 5439488;
     u.cpuUsageNSec = 51234000;
     u.tasksCurrent = 1;
@@ -39,16 +39,19 @@ TEST(UnitMapping, RunningServiceIsEnabledAndRunningWithItsOptionsAndData) {
     EXPECT_TRUE(d.enabled);
     EXPECT_TRUE(d.hasStatus);
     EXPECT_TRUE(d.running);
-    std::map<std::string, std::string> options{
-        {"Description", "OpenBSD Secure Shell server"}, {"LoadState", "loaded"},
-        {"UnitFileState", "enabled"}, {"UnitFilePreset", "enabled"},
-        {"FragmentPath", "/lib/systemd/system/ssh.service"}, {"Type", "notify"},
-        {"Restart", "on-failure"}, {"ExecStart", "/usr/sbin/sshd"}};
+    std::map<std::string, std::string> options{{"Description", "OpenBSD Secure Shell server"},
+                                               {"LoadState", "loaded"},
+                                               {"UnitFileState", "enabled"},
+                                               {"UnitFilePreset", "enabled"},
+                                               {"FragmentPath", "/lib/systemd/system/ssh.service"},
+                                               {"Type", "notify"},
+                                               {"Restart", "on-failure"},
+                                               {"ExecStart", "/usr/sbin/sshd"}};
     EXPECT_EQ(d.options, options);
     std::map<std::string, std::string> data{
-        {"ActiveState", "active"}, {"SubState", "running"}, {"Result", "success"}, {"MainPID", "612"},
-        {"NRestarts", "0"}, {"ActiveEnterTimestamp", "2026-11-25T19:10:05Z"}, {"MemoryCurrent", "5439488"},
-        {"CPUUsageNSec", "51234000"}, {"TasksCurrent", "1"}};
+        {"ActiveState", "active"},    {"SubState", "running"},      {"Result", "success"},
+        {"MainPID", "612"},           {"NRestarts", "0"},           {"ActiveEnterTimestamp", "2026-11-25T19:10:05Z"},
+        {"MemoryCurrent", "5439488"}, {"CPUUsageNSec", "51234000"}, {"TasksCurrent", "1"}};
     EXPECT_EQ(d.data, data);
 }
 
@@ -63,12 +66,14 @@ TEST(UnitMapping, ExecStartIsTheExecutableUnlessWholeLinesAreAsked) {
 }
 
 TEST(UnitMapping, EnabledForEnabledEnabledRuntimeAndTransient) {
-    struct Case { const char* state; bool enabled; };
-    for (Case c : {Case{"enabled", true}, Case{"enabled-runtime", true}, Case{"disabled", false},
-                   Case{"static", false}, Case{"masked", false}, Case{"masked-runtime", false},
-                   Case{"linked", false}, Case{"indirect", false}, Case{"generated", false},
-                   Case{"transient", true}, Case{"alias", false}, Case{"linked-runtime", false},
-                   Case{"bad", false}, Case{"", false}}) {
+    struct Case {
+        const char* state;
+        bool enabled;
+    };
+    for (Case c : {Case{"enabled", true}, Case{"enabled-runtime", true}, Case{"disabled", false}, Case{"static", false},
+                   Case{"masked", false}, Case{"masked-runtime", false}, Case{"linked", false}, Case{"indirect", false},
+                   Case{"generated", false}, Case{"transient", true}, Case{"alias", false},
+                   Case{"linked-runtime", false}, Case{"bad", false}, Case{"", false}}) {
         SCOPED_TRACE(c.state);
         UnitInfo u = runningService();
         u.unitFileState = c.state;
@@ -77,10 +82,13 @@ TEST(UnitMapping, EnabledForEnabledEnabledRuntimeAndTransient) {
 }
 
 TEST(UnitMapping, RunningOnlyWhileTheMainProcessRuns) {
-    struct Case { const char* active; const char* sub; bool running; };
-    for (Case c : {Case{"active", "running", true}, Case{"reloading", "reload", true},
-                   Case{"active", "exited", false}, Case{"inactive", "dead", false},
-                   Case{"failed", "failed", false}, Case{"activating", "start", false},
+    struct Case {
+        const char* active;
+        const char* sub;
+        bool running;
+    };
+    for (Case c : {Case{"active", "running", true}, Case{"reloading", "reload", true}, Case{"active", "exited", false},
+                   Case{"inactive", "dead", false}, Case{"failed", "failed", false}, Case{"activating", "start", false},
                    Case{"activating", "start-pre", false}, Case{"activating", "auto-restart", false},
                    Case{"deactivating", "stop-sigterm", false}, Case{"deactivating", "stop", false}}) {
         SCOPED_TRACE(std::string(c.active) + "/" + c.sub);
@@ -150,15 +158,15 @@ TEST(UnitMapping, FailedExitStatusIsShownAfterTheExit) {
     u.result = "exit-code";
     u.mainPid = 0;
     u.execMainStatus = 3;
-    u.execMainCode = 1;             // CLD_EXITED
+    u.execMainCode = 1; // CLD_EXITED
     u.execMainExitTimestamp = 1795633807500000ull;
     Feed::DaemonState d = Feed::daemonStateOf(u);
     EXPECT_EQ(d.data.at("ExecMainStatus"), "3");
     EXPECT_EQ(d.data.at("ExecMainCode"), "exited");
     EXPECT_EQ(d.data.at("Result"), "exit-code");
-    u.execMainCode = 2;             // CLD_KILLED: the status is the signal
+    u.execMainCode = 2; // CLD_KILLED: the status is the signal
     EXPECT_EQ(Feed::daemonStateOf(u).data.at("ExecMainCode"), "killed");
-    u.execMainExitTimestamp = 0;    // started again: no exit yet
+    u.execMainExitTimestamp = 0; // started again: no exit yet
     EXPECT_EQ(Feed::daemonStateOf(u).data.count("ExecMainStatus"), 0u);
     EXPECT_EQ(Feed::daemonStateOf(u).data.count("ExecMainCode"), 0u);
 }
@@ -167,7 +175,7 @@ TEST(UnitMapping, FailedExitStatusIsShownAfterTheExit) {
 TEST(UnitMapping, UnitThatFailedToLoadIsNotRunningAndSaysWhy) {
     for (const char* load : {"bad-setting", "error", "not-found", "masked"}) {
         SCOPED_TRACE(load);
-        UnitInfo u = runningService();   // even with a main process still running
+        UnitInfo u = runningService(); // even with a main process still running
         u.loadState = load;
         u.loadError = "Unit ssh.service has a bad unit file setting.";
         Feed::DaemonState d = Feed::daemonStateOf(u);
@@ -205,7 +213,10 @@ TEST(UnitMapping, DropInPathsAreSpaceSeparated) {
 }
 
 TEST(UnitMapping, LoadStatesThatAreDaemons) {
-    struct Case { const char* load; bool daemon; };
+    struct Case {
+        const char* load;
+        bool daemon;
+    };
     for (Case c : {Case{"loaded", true}, Case{"masked", true}, Case{"bad-setting", true}, Case{"error", true},
                    Case{"not-found", true}, Case{"stub", false}, Case{"merged", false}, Case{"", false}}) {
         SCOPED_TRACE(c.load);
@@ -241,7 +252,8 @@ TEST(UnitMapping, NameFitsUpTo32Bytes) {
     EXPECT_TRUE(Feed::daemonNameFits(std::string(32, 'a')));
     EXPECT_FALSE(Feed::daemonNameFits(std::string(33, 'a')));
     EXPECT_FALSE(Feed::daemonNameFits(""));
-    EXPECT_FALSE(Feed::daemonNameFits(*Feed::daemonNameOf("velmar-a-service-whose-name-is-well-over-32-bytes.service")));
+    EXPECT_FALSE(
+        Feed::daemonNameFits(*Feed::daemonNameOf("velmar-a-service-whose-name-is-well-over-32-bytes.service")));
 }
 
 TEST(UnitMapping, EveryKeyFitsTheIndex) {
@@ -278,14 +290,16 @@ TEST(UnitMapping, IsoTimestampsInUtcToTheSecond) {
 }
 
 TEST(UnitMapping, CommandLineQuotesWhatNeedsIt) {
-    struct Case { std::vector<std::string> argv; const char* text; };
+    struct Case {
+        std::vector<std::string> argv;
+        const char* text;
+    };
     for (const Case& c : {Case{{"/bin/sleep", "infinity"}, "/bin/sleep infinity"},
                           Case{{"/bin/sh", "-c", "sleep 1; exit 3"}, "/bin/sh -c \"sleep 1; exit 3\""},
                           Case{{"/bin/echo", ""}, "/bin/echo \"\""},
                           Case{{"/bin/echo", "a\"b", "c\\d"}, "/bin/echo \"a\\\"b\" \"c\\\\d\""},
                           Case{{"/bin/echo", "it's"}, "/bin/echo \"it's\""},
-                          Case{{"/bin/echo", "tab\there"}, "/bin/echo \"tab\there\""},
-                          Case{{}, ""}}) {
+                          Case{{"/bin/echo", "tab\there"}, "/bin/echo \"tab\there\""}, Case{{}, ""}}) {
         SCOPED_TRACE(c.text);
         EXPECT_EQ(Feed::commandLineText(c.argv), c.text);
     }
@@ -293,7 +307,7 @@ TEST(UnitMapping, CommandLineQuotesWhatNeedsIt) {
 
 TEST(UnitMapping, LongValuesAreCutAtACharacterBoundary) {
     std::string s(Feed::maxValueBytes - 1, 'a');
-    s += "\xc3\xa9";                    // a two-byte character across the limit
+    s += "\xc3\xa9"; // a two-byte character across the limit
     s += "tail";
     std::string cut = Feed::cutToBytes(s, Feed::maxValueBytes);
     EXPECT_EQ(cut.size(), Feed::maxValueBytes - 1);
@@ -309,7 +323,7 @@ TEST(UnitMapping, PatternsAreCommaSeparatedGlobs) {
     std::vector<std::string> p = Feed::parseUnitPatterns(" ssh* , getty@*.service,velmar-?.service ");
     EXPECT_EQ(p, (std::vector<std::string>{"ssh*", "getty@*.service", "velmar-?.service"}));
     EXPECT_TRUE(Feed::unitMatches("ssh.service", p));
-    EXPECT_FALSE(Feed::unitMatches("ssh.socket", p));       // services only
+    EXPECT_FALSE(Feed::unitMatches("ssh.socket", p)); // services only
     EXPECT_TRUE(Feed::unitMatches("getty@tty1.service", p));
     EXPECT_TRUE(Feed::unitMatches("velmar-1.service", p));
     EXPECT_FALSE(Feed::unitMatches("velmar-12.service", p));

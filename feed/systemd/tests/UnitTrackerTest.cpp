@@ -18,7 +18,9 @@ using Feed::PropertyValues;
 using Feed::UnitIface;
 using Feed::UnitTracker;
 
-std::string pathOf(const std::string& id) { return "/org/freedesktop/systemd1/unit/" + id; }
+std::string pathOf(const std::string& id) {
+    return "/org/freedesktop/systemd1/unit/" + id;
+}
 
 ListedUnit loaded(const std::string& id, const std::string& load = "loaded", const std::string& active = "active",
                   const std::string& sub = "running") {
@@ -29,7 +31,7 @@ ListedUnit loaded(const std::string& id, const std::string& load = "loaded", con
 struct FakeSystemd {
     std::vector<ListedFile> files;
     std::vector<ListedUnit> units;
-    std::map<std::string, Feed::UnitInfo> props;   // by object path
+    std::map<std::string, Feed::UnitInfo> props; // by object path
     std::vector<BusCall> sent;
 
     // Answers every call the tracker asks until it asks nothing more.
@@ -39,29 +41,31 @@ struct FakeSystemd {
             if (!c) return;
             sent.push_back(*c);
             switch (c->kind) {
-            case BusCall::Kind::listFiles: t.listedFiles(c->token, files); break;
-            case BusCall::Kind::listUnits: {
-                std::vector<ListedUnit> out;
-                for (const ListedUnit& u : units)
-                    if (c->unit.empty() || c->unit == u.id) out.push_back(u);
-                t.listedUnits(c->token, out);
-                break;
-            }
-            case BusCall::Kind::getAll:
-            case BusCall::Kind::get: {
-                auto p = props.find(c->path);
-                if (p == props.end()) {
-                    t.failed(c->token);
+                case BusCall::Kind::listFiles:
+                    t.listedFiles(c->token, files);
+                    break;
+                case BusCall::Kind::listUnits: {
+                    std::vector<ListedUnit> out;
+                    for (const ListedUnit& u : units)
+                        if (c->unit.empty() || c->unit == u.id) out.push_back(u);
+                    t.listedUnits(c->token, out);
                     break;
                 }
-                PropertyValues v;
-                v.values = p->second;
-                for (const Feed::UnitProperty& prop : Feed::unitProperties())
-                    if (prop.iface == c->iface && (c->kind == BusCall::Kind::getAll || &prop == c->property))
-                        v.present.push_back(&prop);
-                t.properties(c->token, v);
-                break;
-            }
+                case BusCall::Kind::getAll:
+                case BusCall::Kind::get: {
+                    auto p = props.find(c->path);
+                    if (p == props.end()) {
+                        t.failed(c->token);
+                        break;
+                    }
+                    PropertyValues v;
+                    v.values = p->second;
+                    for (const Feed::UnitProperty& prop : Feed::unitProperties())
+                        if (prop.iface == c->iface && (c->kind == BusCall::Kind::getAll || &prop == c->property))
+                            v.present.push_back(&prop);
+                    t.properties(c->token, v);
+                    break;
+                }
             }
         }
     }
@@ -150,7 +154,7 @@ TEST(UnitTracker, NothingGoesOverBeforeTheResyncIsAnswered) {
     Fixture f;
     f.sd.running("velmar-a.service", 10);
     f.t.resync();
-    f.sd.answer(f.t, 2);                    // the unit list and one of the unit's two reads
+    f.sd.answer(f.t, 2); // the unit list and one of the unit's two reads
     EXPECT_FALSE(f.t.flush().has_value());
     auto rest = byName(f.step());
     EXPECT_EQ(rest.size(), 1u);
@@ -168,7 +172,7 @@ TEST(UnitTracker, LoadedUnitsGoOverBeforeTheFilesAreListed) {
         std::optional<BusCall> c = f.t.nextCall();
         ASSERT_TRUE(c.has_value());
         ASSERT_NE(c->kind, BusCall::Kind::listFiles) << "the files are listed before the loaded units are read";
-        f.t.failed(c->token);               // quickly: what the call reads is not needed here
+        f.t.failed(c->token); // quickly: what the call reads is not needed here
         first = f.t.flush();
     }
     ASSERT_TRUE(first.has_value());
@@ -193,7 +197,8 @@ TEST(UnitTracker, AStoppedUnitThatSystemdUnloadsStaysServedNotRunning) {
     u.subState = "dead";
     PropertyValues v;
     v.values = u;
-    v.present = {Feed::findUnitProperty(UnitIface::unit, "ActiveState"), Feed::findUnitProperty(UnitIface::unit, "SubState")};
+    v.present = {Feed::findUnitProperty(UnitIface::unit, "ActiveState"),
+                 Feed::findUnitProperty(UnitIface::unit, "SubState")};
     f.t.propertiesChanged(pathOf("velmar-alpha.service"), UnitIface::unit, v, {});
     f.step();
     f.sd.removeUnit("velmar-alpha.service");
@@ -321,9 +326,9 @@ TEST(UnitTracker, AMaskedFileIsADaemonNotEnabled) {
 TEST(UnitTracker, EnabledFollowsTheUnitFileState) {
     Fixture f;
     const std::map<std::string, bool> table{
-        {"enabled", true},   {"enabled-runtime", true}, {"linked", false},   {"linked-runtime", false},
+        {"enabled", true},   {"enabled-runtime", true}, {"linked", false},         {"linked-runtime", false},
         {"alias", false},    {"masked", false},         {"masked-runtime", false}, {"static", false},
-        {"indirect", false}, {"disabled", false},       {"generated", false}, {"transient", true},
+        {"indirect", false}, {"disabled", false},       {"generated", false},      {"transient", true},
         {"bad", false}};
     int i = 0;
     std::map<std::string, std::string> names;
@@ -404,7 +409,7 @@ TEST(UnitTracker, AtMostOneRefreshRoundIsOutstanding) {
     f.sync();
     EXPECT_TRUE(f.t.refresh());
     const std::size_t round = f.t.queued();
-    EXPECT_EQ(round, 6u);   // three counters of two units
+    EXPECT_EQ(round, 6u); // three counters of two units
     for (int i = 0; i < 100; ++i) EXPECT_FALSE(f.t.refresh());
     EXPECT_EQ(f.t.queued(), round);
     EXPECT_EQ(f.t.refreshesSkipped(), 100u);

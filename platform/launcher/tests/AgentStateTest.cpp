@@ -133,7 +133,7 @@ TEST(ConfigNotifiee, WritingTheSameValueTellsNothing) {
     Log log;
     auto a = watching(ConfigWatch::make("a", &log), c);
     const auto v0 = c->version();
-    c->enabledIs(false);   // the initial value
+    c->enabledIs(false); // the initial value
     EXPECT_TRUE(log.empty());
     EXPECT_EQ(c->version(), v0);
     c->enabledIs(true);
@@ -214,7 +214,7 @@ TEST(ConfigNotifiee, StrongObserverKeepsTheConfigAlive) {
     }
     ASSERT_NE(a->notifier(), nullptr);
     EXPECT_EQ(a->notifier()->name(), Orbel::String("bgpd"));
-    a = nullptr;   // releases the last reference; the Config goes with it (ASan would tell)
+    a = nullptr; // releases the last reference; the Config goes with it (ASan would tell)
 }
 
 TEST(ConfigNotifiee, WeakObserverIsOrphanedWhenTheConfigGoes) {
@@ -237,7 +237,7 @@ TEST(ConfigNotifiee, ObserverReleasedDuringDeliveryIsSkipped) {
     Log log;
     struct Remover : GenericAgent::Config::NotifieeConst {
         Orbel::Ptr<ConfigWatch> victim;
-        void onEnabled() override { victim = nullptr; }   // drops the last outside reference
+        void onEnabled() override { victim = nullptr; } // drops the last outside reference
     };
     Orbel::Ptr<Remover> r = new Remover;
     r->notifierIs(c);

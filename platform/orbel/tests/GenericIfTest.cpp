@@ -100,7 +100,7 @@ TEST(GenericIf, DeferredMarksPendingAndCoalescesToAll) {
     EXPECT_TRUE(t->orbelOnAttribute(259));
     EXPECT_EQ(t->pendingAttribute(), Orbel::GenericIf::attributeAll);
     loop.runPending();
-    EXPECT_EQ(r->events.size(), 1u);  // the all-code is not told by the default handling
+    EXPECT_EQ(r->events.size(), 1u); // the all-code is not told by the default handling
 }
 
 TEST(TypeRegistry, TypesInOrderWithAttributes) {
@@ -172,7 +172,7 @@ TEST(GenericIf, DeferredDeliveryGoesOnPastAThrowingObserver) {
     EXPECT_NO_THROW(loop.runPending());
     EXPECT_EQ(second->events, (std::vector<std::pair<Orbel::AttributeId, bool>>{{258, false}}));
     EXPECT_EQ(first->exceptions, std::vector<Orbel::AttributeId>{258});
-    EXPECT_EQ(loop.failures(), failures);   // contained by the interface, not by the loop
+    EXPECT_EQ(loop.failures(), failures); // contained by the interface, not by the loop
 }
 
 TEST(ActivityLoop, FailingActivityDoesNotEscapeNorSkipTheRest) {

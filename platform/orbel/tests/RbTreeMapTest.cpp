@@ -33,7 +33,9 @@ private:
 
 using Map = Orbel::RbTreeMap<Row, int>;
 
-Orbel::Ptr<Row> makeRow(int key, int payload = 0) { return Orbel::Ptr<Row>(new Row(key, payload)); }
+Orbel::Ptr<Row> makeRow(int key, int payload = 0) {
+    return Orbel::Ptr<Row>(new Row(key, payload));
+}
 
 std::vector<int> keysOf(const Map& m) {
     std::vector<int> keys;
@@ -177,7 +179,7 @@ TEST(RbTreeMap, MatchesStdMapUnderRandomOperations) {
         EXPECT_GT(erasesByRow, 5000u);
 
         // Drain in key order through an iterator that erases behind itself.
-        for (auto it = map.begin(); it; ) {
+        for (auto it = map.begin(); it;) {
             auto current = it++;
             ASSERT_EQ(map.erase(current.ptr()).ptr(), current.ptr());
         }
@@ -204,7 +206,7 @@ TEST(RbTreeMap, InsertReplacesEqualKeyAndReturnsOldRow) {
     // held, replaced: the map's reference went to replaced.
     EXPECT_EQ(oldRoot->references(), 2u);
     EXPECT_EQ(map.size(), 5u);
-    EXPECT_EQ(map.root(), newcomer.ptr());  // takes the old row's position
+    EXPECT_EQ(map.root(), newcomer.ptr()); // takes the old row's position
     EXPECT_EQ(map[rootKey].ptr(), newcomer.ptr());
     EXPECT_TRUE(newcomer->rbInTree());
     EXPECT_EQ(keysOf(map), (std::vector<int>{10, 20, 30, 40, 50}));
@@ -264,12 +266,12 @@ TEST(RbTreeMap, IteratorContinuesAfterItsRowIsErased) {
     Row* twenty = it.ptr();
     auto gone = map.erase(20);
     gone = nullptr;
-    EXPECT_EQ(twenty->references(), 1u);  // only the iterator holds it
-    EXPECT_EQ(it.key(), 20);               // still readable
+    EXPECT_EQ(twenty->references(), 1u); // only the iterator holds it
+    EXPECT_EQ(it.key(), 20);             // still readable
     EXPECT_FALSE(it->rbInTree());
     const std::int64_t live = Orbel::PtrInterface::liveInstances();
     ++it;
-    EXPECT_EQ(Orbel::PtrInterface::liveInstances(), live - 1);  // the erased row died
+    EXPECT_EQ(Orbel::PtrInterface::liveInstances(), live - 1); // the erased row died
     ASSERT_FALSE(it.isEnd());
     EXPECT_EQ(it.key(), 30);
     EXPECT_EQ(it.modCount(), map.modCount());
@@ -304,7 +306,7 @@ TEST(RbTreeMap, IteratorSeesOtherRowsErasedAndInsertedAhead) {
     ++it;
     EXPECT_EQ(it.key(), 30);
     map.insert(makeRow(35));
-    map.insert(makeRow(5));  // behind: not visited
+    map.insert(makeRow(5)); // behind: not visited
     ++it;
     EXPECT_EQ(it.key(), 35);
     ++it;
@@ -323,7 +325,7 @@ TEST(RbTreeMap, IteratorGoesToEndWhenMapIsCleared) {
         map.clear();
         EXPECT_GT(map.modCount(), mc);
         EXPECT_TRUE(map.empty());
-        EXPECT_EQ(Orbel::PtrInterface::liveInstances(), liveBefore + 1);  // the iterator's row
+        EXPECT_EQ(Orbel::PtrInterface::liveInstances(), liveBefore + 1); // the iterator's row
         EXPECT_EQ(it.key(), 1);
         EXPECT_FALSE(it->rbInTree());
         ++it;
@@ -474,7 +476,8 @@ TEST(RbTreeMap, ModCountChangesOnMutationsOnly) {
     (void)map.upperBound(2);
     (void)map.first();
     (void)map.last();
-    for (auto it = map.begin(); it; ++it) {}
+    for (auto it = map.begin(); it; ++it) {
+    }
     map.checkInvariants();
     EXPECT_FALSE(map.erase(42));
     EXPECT_EQ(map.modCount(), mc);

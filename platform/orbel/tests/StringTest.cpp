@@ -81,7 +81,7 @@ TEST(String, NameIsAString) {
 
 TEST(String, RefusesMoreBytesThanABodyHoldsBeforeReadingThem) {
     auto before = Orbel::String::liveBodies();
-    const char one = 'x';   // only one byte behind the pointer: the check must come first
+    const char one = 'x'; // only one byte behind the pointer: the check must come first
     try {
         Orbel::String s(&one, Orbel::String::maxSize + 1);
         FAIL() << "no exception";

@@ -105,7 +105,8 @@ TEST(ValueNotation, DeserializeAttrNamesTheAttribute) {
     auto pos = t.begin();
     struct Quoted {
         Orbel::String v;
-        Quoted(Orbel::String8::IteratorConst& p, const Orbel::String8::IteratorConst& e) : v(Orbel::sequenceToValue(p, e)) {}
+        Quoted(Orbel::String8::IteratorConst& p, const Orbel::String8::IteratorConst& e)
+            : v(Orbel::sequenceToValue(p, e)) {}
     };
     try {
         Orbel::deserializeAttr<Quoted>(pos, t.end(), "agentName");
