@@ -506,20 +506,23 @@ void announce(Fixture& f, const std::string& id, std::vector<const char*> names)
     f.t.propertiesChanged(pathOf(id), UnitIface::unit, v, {});
 }
 
+// systemd announcing the unit's new ActiveState and SubState.
+void becomes(Fixture& f, const std::string& id, const char* active, const char* sub) {
+    Feed::UnitInfo& u = f.sd.unit(id);
+    u.activeState = active;
+    u.subState = sub;
+    announce(f, id, {"ActiveState", "SubState"});
+}
+
 TEST(UnitTracker, AStopGoesOverAtOnceWhileTheReadsItStartedAreOutstanding) {
     Fixture f;
     f.sd.running("velmar-a.service", 42);
     f.sync();
-    Feed::UnitInfo& u = f.sd.unit("velmar-a.service");
-    u.activeState = "deactivating";
-    u.subState = "stop-sigterm";
-    announce(f, "velmar-a.service", {"ActiveState", "SubState"});
+    becomes(f, "velmar-a.service", "deactivating", "stop-sigterm");
     EXPECT_GT(f.t.queued(), 0u) << "an ActiveState change reads the counters";
     EXPECT_EQ(runningSeen(batches(f.t), "velmar-a"), std::vector<bool>{false});
     // Running again before any read was answered: that goes over too.
-    u.activeState = "active";
-    u.subState = "running";
-    announce(f, "velmar-a.service", {"ActiveState", "SubState"});
+    becomes(f, "velmar-a.service", "active", "running");
     EXPECT_EQ(runningSeen(batches(f.t), "velmar-a"), std::vector<bool>{true});
     // The reads answered change nothing that matters: nothing more goes over.
     f.sd.answer(f.t);
@@ -536,9 +539,7 @@ TEST(UnitTracker, AStopAndAStartBetweenTwoFlushesGoOverInTurn) {
     u.subState = "dead";
     u.inactiveEnterTimestamp += 1000000;
     announce(f, "velmar-a.service", {"ActiveState", "SubState", "InactiveEnterTimestamp"});
-    u.activeState = "active";
-    u.subState = "running";
-    announce(f, "velmar-a.service", {"ActiveState", "SubState"});
+    becomes(f, "velmar-a.service", "active", "running");
     f.sd.answer(f.t);
     const std::vector<ChangedDaemons> all = batches(f.t);
     EXPECT_EQ(runningSeen(all, "velmar-a"), (std::vector<bool>{false, true}));
@@ -578,10 +579,7 @@ TEST(UnitTracker, ASignalThatChangesNoRunningFlagHoldsTheUnitUntilItsReadsAreAns
     Fixture f;
     f.sd.running("velmar-a.service", 42);
     f.sync();
-    Feed::UnitInfo& u = f.sd.unit("velmar-a.service");
-    u.activeState = "reloading";
-    u.subState = "reload";
-    announce(f, "velmar-a.service", {"ActiveState", "SubState"});
+    becomes(f, "velmar-a.service", "reloading", "reload");
     EXPECT_TRUE(batches(f.t).empty()) << "still running: the change waits for its counters";
     f.sd.answer(f.t);
     EXPECT_EQ(runningSeen(batches(f.t), "velmar-a"), std::vector<bool>{true});
@@ -591,12 +589,8 @@ TEST(UnitTracker, AUnitThatFlapsFasterThanTheFlushesKeepsItsLatestChangesInPairs
     Fixture f;
     f.sd.running("velmar-a.service", 42);
     f.sync();
-    Feed::UnitInfo& u = f.sd.unit("velmar-a.service");
-    for (int i = 0; i < 50; ++i) {
-        u.activeState = i % 2 ? "active" : "inactive";
-        u.subState = i % 2 ? "running" : "dead";
-        announce(f, "velmar-a.service", {"ActiveState", "SubState"});
-    }
+    for (int i = 0; i < 50; ++i)
+        becomes(f, "velmar-a.service", i % 2 ? "active" : "inactive", i % 2 ? "running" : "dead");
     f.sd.answer(f.t);
     const std::vector<bool> seen = runningSeen(batches(f.t), "velmar-a");
     ASSERT_EQ(seen.size(), 16u);
