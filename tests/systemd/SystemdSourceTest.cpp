@@ -22,6 +22,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
+// A path as one word of a shell command line (a clone's path may have a blank).
+std::string shellQuoted(const std::string& s) {
+    std::string out = "'";
+    for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
+
 // The sandbox: started once for every test, killed by process id at the end (and, should
 // this process die first, by the death signal its unshare gets).
 class Sandbox : public ::testing::Environment {
@@ -32,7 +39,7 @@ public:
 
     void SetUp() override {
         std::string script = std::string(VELMAR_SOURCE_DIR) + "/tests/systemd/sandbox";
-        std::string check = script + " --check";
+        std::string check = shellQuoted(script) + " --check";
         FILE* p = ::popen(check.c_str(), "r");
         char buf[512] = {};
         std::size_t n = p ? std::fread(buf, 1, sizeof buf - 1, p) : 0;
@@ -83,8 +90,8 @@ public:
             // Also when systemd was never found: unshare (--kill-child) takes its child along.
             ::kill(unsharePid, SIGKILL);
             ::waitpid(unsharePid, nullptr, 0);
-            std::string cleanup =
-                std::string(VELMAR_SOURCE_DIR) + "/tests/systemd/sandbox --cleanup " + std::to_string(unsharePid);
+            std::string cleanup = shellQuoted(std::string(VELMAR_SOURCE_DIR) + "/tests/systemd/sandbox") +
+                                  " --cleanup " + std::to_string(unsharePid);
             EXPECT_EQ(std::system(cleanup.c_str()), 0);
         }
     }
