@@ -248,6 +248,8 @@ def main():
         say("# supervisord source (velmar-snmp-agent --supervisor on a private supervisord %s)" %
             subprocess.run([vs.SUPERVISORD, "--version"], stdout=subprocess.PIPE, text=True).stdout.strip())
         say("")
+        say("command: %s" % " ".join(["bench/supervisor_bench.py"] + sys.argv[1:]))
+        say("date: %s" % time.strftime("%Y-%m-%d %H:%M UTC", time.gmtime()))
         say("machine: %d cores, load average %s at start" % (os.cpu_count(), loadavg()))
         for part in ("latency", "cpu", "startup"):
             if args.only in (None, part):
