@@ -127,14 +127,10 @@ Agent::Serving::Settings servingSettings(const Agent::AgentOptions& opts) {
     return s;
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
-    Agent::AgentOptions opts;
-    {
-        int rc = Agent::parseOptions(argc, argv, opts);
-        if (rc >= 0) return rc;
-    }
+// The log opened and what the command line names checked before anything starts: the
+// files readable, the access configuration accepted, the trace levels understood. The exit
+// status when something is wrong (said in one line), nothing when all is well.
+std::optional<int> preflight(const Agent::AgentOptions& opts) {
     if (std::string err = Agent::Log::open(opts.log); !err.empty()) {
         std::cerr << agentName << ": " << err << " (see --help)\n";
         return 2;
@@ -166,6 +162,93 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
+    return std::nullopt;
+}
+
+// --check: what would be served, where, with which access and log, on standard output;
+// exit status 2 when the source or an address has a problem (said above).
+int check(const Agent::AgentOptions& opts, const Agent::Serving& serving, std::size_t sourceProblems) {
+    const bool subagent = !opts.agentx.empty();
+    int rc = 0;
+    if (sourceProblems > 0) {
+        logLine(Level::error, "--check: the " + serving.feed().source().description() + " has " +
+                                  std::to_string(sourceProblems) + (sourceProblems == 1 ? " problem" : " problems") +
+                                  " (above)");
+        rc = 2;
+    }
+    std::string addresses;
+    if (subagent) {
+        addresses = "would register with the AgentX master at " + opts.agentx;
+        // Not contacted (a registration would take the subtree), but a socket that cannot be
+        // reached now is worth saying.
+        if (std::string why = Agent::AgentxStanding::whyUnreachable(opts.agentx); !why.empty())
+            logLine(Level::warning, "--check: the AgentX master at " + opts.agentx + " cannot be reached now: " + why);
+    } else {
+        for (const auto& l : opts.listen) {
+            if (std::string why = Agent::addressSyntaxProblem(l); !why.empty()) {
+                logLine(Level::error, "--listen " + l + ": " + why);
+                rc = 2;
+            }
+        }
+        addresses = "would listen on " + Agent::joined(opts.listen);
+    }
+    if (rc == 0) {
+        std::cout << agentName << " " << agentVersion << " check passed\n"
+                  << Agent::sourceText(opts) << ": " << Agent::servedText(serving.feed()) << "\n"
+                  << "config: "
+                  << (opts.configFile.empty() ? std::string("none (read-only community public from localhost)")
+                                              : opts.configFile + ": accepted")
+                  << "\n"
+                  << addresses << "\n"
+                  << "log: " << Agent::Log::destination() << std::endl;
+    }
+    return rc;
+}
+
+// Says where the agent stands whenever that changes: serving (the start line, and ready to
+// systemd), or, for a subagent, waiting for its master or refused by it.
+class StandingReport {
+public:
+    StandingReport(const Agent::AgentOptions& opts, const Agent::Serving& serving, Agent::AgentxStanding* standing)
+        : opts_(opts), serving_(serving), standing_(standing) {}
+
+    void operator()() {
+        using Standing = Agent::AgentxStanding::State;
+        const Standing now = standing_ ? standing_->poll(std::chrono::steady_clock::now()) : Standing::registered;
+        if (stood_ == now) return;
+        stood_ = now;
+        if (now == Standing::registered) {
+            const std::string line = serving_.servingLine(standing_ ? "as AgentX subagent of " + opts_.agentx
+                                                                    : "on " + Agent::joined(opts_.listen));
+            logLine(Level::notice, line);
+            Agent::Readiness::ready(line);
+        } else if (now == Standing::noSession) {
+            const std::string line = serving_.waitingLine(opts_.agentx);
+            logLine(Level::notice, line);
+            Agent::Readiness::status(line);
+        } else {
+            const std::string line = std::string(agentName) + " " + agentVersion + ": " + standing_->refusalText();
+            logLine(Level::warning, line);
+            Agent::Readiness::status(line);
+        }
+    }
+
+private:
+    const Agent::AgentOptions& opts_;
+    const Agent::Serving& serving_;
+    Agent::AgentxStanding* standing_; // null: a master agent, which serves from the start
+    std::optional<Agent::AgentxStanding::State> stood_;
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Agent::AgentOptions opts;
+    {
+        int rc = Agent::parseOptions(argc, argv, opts);
+        if (rc >= 0) return rc;
+    }
+    if (std::optional<int> rc = preflight(opts)) return *rc;
 
     // The state model, at the path the module looks for it.
     // Warnings and errors of the source (a daemon entry skipped, a file refused) fail --check.
@@ -210,40 +293,7 @@ int main(int argc, char** argv) {
     init_snmp(agentName);
     if (!Agent::configAccepted(*complaints, opts)) return 2;
     if (opts.check) {
-        int rc = 0;
-        if (sourceProblems > 0) {
-            logLine(Level::error, "--check: the " + serving.feed().source().description() + " has " +
-                                      std::to_string(sourceProblems) +
-                                      (sourceProblems == 1 ? " problem" : " problems") + " (above)");
-            rc = 2;
-        }
-        std::string addresses;
-        if (subagent) {
-            addresses = "would register with the AgentX master at " + opts.agentx;
-            // Not contacted (a registration would take the subtree), but a socket that cannot be
-            // reached now is worth saying.
-            if (std::string why = Agent::AgentxStanding::whyUnreachable(opts.agentx); !why.empty())
-                logLine(Level::warning,
-                        "--check: the AgentX master at " + opts.agentx + " cannot be reached now: " + why);
-        } else {
-            for (const auto& l : opts.listen) {
-                if (std::string why = Agent::addressSyntaxProblem(l); !why.empty()) {
-                    logLine(Level::error, "--listen " + l + ": " + why);
-                    rc = 2;
-                }
-            }
-            addresses = "would listen on " + Agent::joined(opts.listen);
-        }
-        if (rc == 0) {
-            std::cout << agentName << " " << agentVersion << " check passed\n"
-                      << Agent::sourceText(opts) << ": " << Agent::servedText(serving.feed()) << "\n"
-                      << "config: "
-                      << (opts.configFile.empty() ? std::string("none (read-only community public from localhost)")
-                                                  : opts.configFile + ": accepted")
-                      << "\n"
-                      << addresses << "\n"
-                      << "log: " << Agent::Log::destination() << std::endl;
-        }
+        const int rc = check(opts, serving, sourceProblems);
         complaints.reset();
         return rc;
     }
@@ -286,27 +336,7 @@ int main(int argc, char** argv) {
 
     // A subagent serves only once its master accepted its registrations: until then (and
     // whenever the master is gone or refuses them) it says so.
-    using Standing = Agent::AgentxStanding::State;
-    std::optional<Standing> stood;
-    auto sayWhereWeStand = [&] {
-        const Standing now = standing ? standing->poll(std::chrono::steady_clock::now()) : Standing::registered;
-        if (stood == now) return;
-        stood = now;
-        if (now == Standing::registered) {
-            const std::string line = serving.servingLine(subagent ? "as AgentX subagent of " + opts.agentx
-                                                                  : "on " + Agent::joined(opts.listen));
-            logLine(Level::notice, line);
-            Agent::Readiness::ready(line);
-        } else if (now == Standing::noSession) {
-            const std::string line = serving.waitingLine(opts.agentx);
-            logLine(Level::notice, line);
-            Agent::Readiness::status(line);
-        } else {
-            const std::string line = std::string(agentName) + " " + agentVersion + ": " + standing->refusalText();
-            logLine(Level::warning, line);
-            Agent::Readiness::status(line);
-        }
-    };
+    StandingReport sayWhereWeStand{opts, serving, standing ? &*standing : nullptr};
     sayWhereWeStand();
     if (std::uint64_t usec = Agent::Readiness::startWatchdog())
         logLine(Level::info, "watchdog: keep-alive every " + std::to_string(usec / 2000) + " ms");

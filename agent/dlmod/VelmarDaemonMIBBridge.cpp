@@ -16,6 +16,7 @@
 //   velmarSupervisor /var/run/supervisor.sock     # or a supervisord's processes (a socket path,
 //                                                 # unix://PATH or http://HOST:PORT); exactly
 //                                                 # one of the three sources
+//   velmarSupervisorUnits bgpd,worker*            # which of its processes (default: all)
 //   velmarSupervisorEvents /run/snmpd/supervisor-events.sock
 //                                                 # the socket velmar-supervisor-events sends to
 //                                                 # (none: every process is read each 10 s)
@@ -37,7 +38,8 @@
 //
 // The velmar* lines must come after the dlmod line: snmpd learns them only when it loads
 // this library, which it does while reading that line. A line given twice counts the last
-// time (velmarContext adds up). Access to the subtree is snmpd's own configuration.
+// time (velmarContext adds up); BridgeDirectives.h reads them. Access to the subtree is
+// snmpd's own configuration.
 //
 // Life inside snmpd, all on its one thread:
 //   init_velmar_daemon_mib      the dlmod line: registers the directives and two callbacks
@@ -51,10 +53,10 @@
 //                               does whatever the shutdown callback has not done
 // SIGHUP makes snmpd unload every dlmod library and read its configuration again, which
 // loads this one afresh: the settings are read again and the state file loaded anew.
+#include "BridgeDirectives.h"
+
 #include "agent/Serving.h"
-#include "feed/supervisor/SupervisorClient.h"
 #include "agent/notify/NotifyData.h"
-#include "feed/systemd/SystemdSource.h"
 
 #include "orbel/Exception.h"
 #include "orbel/TraceHandle.h"
@@ -87,221 +89,16 @@ namespace {
 
 constexpr const char* bridgeName = "velmar_daemon_mib";
 
-// What snmpd.conf said.
-struct Settings {
-    std::string stateFile;
-    std::optional<std::string> systemdUnits; // velmarSystemd's patterns
-    std::optional<std::string> supervisor;   // velmarSupervisor's address
-    std::string supervisorEvents;
-    std::string supervisorAuth;
-    bool serveCommandLines = false; // velmarServeCommandLines
-    std::string modulePath;
-    std::vector<std::string> contexts;
-    Agent::NotifyScheduler::Settings notify;
-    std::optional<std::vector<std::string>> notifyData; // velmarNotifyData's keys
-};
-
 // Everything the bridge holds while it is loaded.
-struct Bridge {
-    Settings settings;
+struct Loaded {
+    Bridge::Settings settings;               // what the velmar* lines said (BridgeDirectives.h)
     std::unique_ptr<Agent::Serving> serving; // while serving; notifications through snmpd's sinks
-    std::optional<std::string> traceBefore;  // the trace configuration velmarTrace replaced
     bool withdrawn = false;                  // directives and callbacks are unregistered
 };
 
 // Made by init, deleted by deinit. A plain pointer: the library may be unloaded while
 // snmpd runs, and nothing of it may be left for static destruction.
-Bridge* bridge = nullptr;
-
-constexpr const char* stateFileToken = "velmarStateFile";
-constexpr const char* systemdToken = "velmarSystemd";
-constexpr const char* supervisorToken = "velmarSupervisor";
-constexpr const char* supervisorEventsToken = "velmarSupervisorEvents";
-constexpr const char* supervisorAuthToken = "velmarSupervisorAuth";
-constexpr const char* moduleToken = "velmarModule";
-constexpr const char* contextToken = "velmarContext";
-constexpr const char* traceToken = "velmarTrace";
-constexpr const char* holddownToken = "velmarNotifyHolddown";
-constexpr const char* rateToken = "velmarNotifyRate";
-constexpr const char* commandLinesToken = "velmarServeCommandLines";
-constexpr const char* notifyDataToken = "velmarNotifyData";
-
-// The one word of a directive's argument (double quotes allowed, as elsewhere in
-// snmpd.conf). Reports a missing or second word through config_perror, which names the
-// file and the line, and returns nothing then.
-std::optional<std::string> oneWord(const char* token, char* line, const char* what) {
-    char word[4096];
-    if (!line || !*line) {
-        config_perror((std::string(token) + " needs " + what).c_str());
-        return std::nullopt;
-    }
-    const char* rest = copy_nword(line, word, sizeof word);
-    if (!*word) {
-        config_perror((std::string(token) + " needs " + what).c_str());
-        return std::nullopt;
-    }
-    if (rest && *rest) {
-        config_perror((std::string(token) + " takes one word (" + what + "), not \"" + line + "\"").c_str());
-        return std::nullopt;
-    }
-    return std::string(word);
-}
-
-// Runs a directive's parser; nothing may escape into snmpd's C code.
-template <class F>
-void guarded(const char* token, F parse) noexcept {
-    try {
-        parse();
-    } catch (const std::exception& e) {
-        config_perror((std::string(token) + ": " + e.what()).c_str());
-    } catch (...) {
-        config_perror(token);
-    }
-}
-
-// The two launcher sources exclude each other; the second one named is reported with its
-// file and line (and nothing is served, see startServing).
-void reportSecondSource(const char* token) {
-    config_perror((std::string(token) + ": " + stateFileToken + ", " + systemdToken + " and " + supervisorToken +
-                   " exclude each other; give one launcher source")
-                      .c_str());
-}
-
-void parseStateFile(const char* token, char* line) {
-    guarded(token, [&] {
-        if (auto w = oneWord(token, line, "the path of the launcher's state file"); w && bridge) {
-            if (bridge->settings.systemdUnits || bridge->settings.supervisor) reportSecondSource(token);
-            bridge->settings.stateFile = *w;
-        }
-    });
-}
-
-void parseSystemd(const char* token, char* line) {
-    guarded(token, [&] {
-        auto w = oneWord(token, line, "comma-separated unit patterns such as *.service or ssh.service,getty@*");
-        if (!w) return;
-        try {
-            Feed::parseUnitPatterns(*w);
-        } catch (const std::invalid_argument& e) {
-            config_perror((std::string(token) + " " + *w + ": " + e.what()).c_str());
-            return;
-        }
-        if (!bridge) return;
-        if (!bridge->settings.stateFile.empty() || bridge->settings.supervisor) reportSecondSource(token);
-        bridge->settings.systemdUnits = *w;
-    });
-}
-
-void parseCommandLines(const char* token, char* line) {
-    guarded(token, [&] {
-        auto w = oneWord(token, line, "yes or no");
-        if (!w) return;
-        if (*w != "yes" && *w != "no")
-            return config_perror((std::string(token) + " takes yes or no, not " + *w).c_str());
-        if (bridge) bridge->settings.serveCommandLines = *w == "yes";
-    });
-}
-
-void parseSupervisor(const char* token, char* line) {
-    guarded(token, [&] {
-        auto w = oneWord(token, line, "supervisord's socket path, unix://PATH or http://HOST:PORT");
-        if (!w) return;
-        try {
-            Feed::SupervisorEndpoint::parse(*w);
-        } catch (const std::invalid_argument& e) {
-            config_perror((std::string(token) + ": " + e.what()).c_str());
-            return;
-        }
-        if (!bridge) return;
-        if (!bridge->settings.stateFile.empty() || bridge->settings.systemdUnits) reportSecondSource(token);
-        bridge->settings.supervisor = *w;
-    });
-}
-
-void parseSupervisorEvents(const char* token, char* line) {
-    guarded(token, [&] {
-        if (auto w = oneWord(token, line, "the Unix socket velmar-supervisor-events sends to"); w && bridge)
-            bridge->settings.supervisorEvents = *w;
-    });
-}
-
-void parseSupervisorAuth(const char* token, char* line) {
-    guarded(token, [&] {
-        if (auto w = oneWord(token, line, "a file whose first line is USER:PASSWORD"); w && bridge)
-            bridge->settings.supervisorAuth = *w;
-    });
-}
-
-void parseModule(const char* token, char* line) {
-    guarded(token, [&] {
-        if (auto w = oneWord(token, line, "the path of VelmarDaemonMIB.so"); w && bridge)
-            bridge->settings.modulePath = *w;
-    });
-}
-
-void parseContext(const char* token, char* line) {
-    guarded(token, [&] {
-        if (auto w = oneWord(token, line, "an SNMP context name"); w && bridge) bridge->settings.contexts.push_back(*w);
-    });
-}
-
-void parseTrace(const char* token, char* line) {
-    guarded(token, [&] {
-        auto w = oneWord(token, line, "trace levels such as Snmp/0-2,8");
-        if (!w || !bridge) return;
-        const std::string before = Orbel::traceConfig();
-        try {
-            Orbel::traceConfigIs(*w);
-        } catch (const Orbel::Exception& e) {
-            config_perror((std::string(token) + " " + *w + ": " + e.what()).c_str());
-            return;
-        }
-        if (!bridge->traceBefore) bridge->traceBefore = before;
-    });
-}
-
-// A whole number in [low, high] from a directive's one word, or nothing (reported).
-std::optional<long> number(const char* token, char* line, const char* what, long low, long high) {
-    auto w = oneWord(token, line, what);
-    if (!w) return std::nullopt;
-    char* end = nullptr;
-    errno = 0;
-    long v = std::strtol(w->c_str(), &end, 10);
-    if (errno || end == w->c_str() || *end || v < low || v > high) {
-        config_perror((std::string(token) + " " + *w + ": not a whole number from " + std::to_string(low) + " to " +
-                       std::to_string(high))
-                          .c_str());
-        return std::nullopt;
-    }
-    return v;
-}
-
-void parseHolddown(const char* token, char* line) {
-    guarded(token, [&] {
-        if (auto v = number(token, line, "milliseconds, e.g. 1000", 0, 3600000); v && bridge)
-            bridge->settings.notify.holddown = std::chrono::milliseconds(*v);
-    });
-}
-
-void parseRate(const char* token, char* line) {
-    guarded(token, [&] {
-        if (auto v = number(token, line, "notifications per second, e.g. 100", 1, 1000000); v && bridge)
-            bridge->settings.notify.rate = static_cast<unsigned>(*v);
-    });
-}
-
-void parseNotifyData(const char* token, char* line) {
-    guarded(token, [&] {
-        auto w = oneWord(token, line, "comma-separated data keys such as Result,ExecMainStatus, or none");
-        if (!w) return;
-        try {
-            auto keys = *w == "none" ? std::vector<std::string>{} : Agent::notifyDataKeys(*w);
-            if (bridge) bridge->settings.notifyData = std::move(keys);
-        } catch (const std::invalid_argument& e) {
-            config_perror((std::string(token) + " " + *w + ": " + e.what()).c_str());
-        }
-    });
-}
+Loaded* bridge = nullptr;
 
 // ../modules/VelmarDaemonMIB.so beside this library, where the build tree and an install
 // both put it. (Load the library by its real path: its RUNPATH, $ORIGIN/.., finds the
@@ -335,30 +132,33 @@ void stopServing(bool announce = true) {
 // Starts serving with the settings read; on a bad one logs why and serves nothing.
 void startServing() {
     if (!bridge || bridge->serving) return;
-    const Settings& s = bridge->settings;
+    const Bridge::Settings& s = bridge->settings;
     if (s.stateFile.empty() && !s.systemdUnits && !s.supervisor) {
-        logLine(LOG_ERR, std::string("no ") + stateFileToken + " line and no usable " + systemdToken + " or " +
-                             supervisorToken + " line after the dlmod line (" + stateFileToken +
-                             " PATH names the launcher's state file, " + systemdToken +
-                             " PATTERNS serves systemd's service units, *.service for all, " + supervisorToken +
+        logLine(LOG_ERR, std::string("no ") + Bridge::stateFileToken + " line and no usable " + Bridge::systemdToken +
+                             " or " + Bridge::supervisorToken + " line after the dlmod line (" +
+                             Bridge::stateFileToken + " PATH names the launcher's state file, " + Bridge::systemdToken +
+                             " PATTERNS serves systemd's service units, *.service for all, " + Bridge::supervisorToken +
                              " SOCKET|URL a supervisord's processes); serving nothing");
         return;
     }
     if (int(!s.stateFile.empty()) + int(s.systemdUnits.has_value()) + int(s.supervisor.has_value()) > 1) {
-        logLine(LOG_ERR, std::string(stateFileToken) + ", " + systemdToken + " and " + supervisorToken +
+        logLine(LOG_ERR, std::string(Bridge::stateFileToken) + ", " + Bridge::systemdToken + " and " +
+                             Bridge::supervisorToken +
                              " exclude each other (snmpd named the file and line above); serving nothing");
         return;
     }
     const bool systemd = s.systemdUnits.has_value();
     const bool supervisor = s.supervisor.has_value();
-    const char* sourceToken = supervisor ? supervisorToken : systemd ? systemdToken : stateFileToken;
+    const char* sourceToken = supervisor ? Bridge::supervisorToken
+                              : systemd  ? Bridge::systemdToken
+                                         : Bridge::stateFileToken;
     const std::string sourceWord = supervisor ? *s.supervisor : systemd ? *s.systemdUnits : s.stateFile;
     const bool defaultModule = s.modulePath.empty();
 
     Agent::Serving::Settings settings;
     settings.source.stateFile = s.stateFile;
     settings.source.systemd = systemd;
-    settings.source.units = s.systemdUnits.value_or("");
+    settings.source.units = supervisor ? s.supervisorUnits : s.systemdUnits.value_or("");
     settings.source.supervisor = supervisor;
     settings.source.supervisorAddress = s.supervisor.value_or("");
     settings.source.supervisorEvents = s.supervisorEvents;
@@ -389,7 +189,7 @@ void startServing() {
         serving.loadModule();
     } catch (const std::exception& e) {
         // The message names the file.
-        logLine(LOG_ERR, std::string(moduleToken) +
+        logLine(LOG_ERR, std::string(Bridge::moduleToken) +
                              (defaultModule ? " (not given; the default beside this library)" : "") + ": " + e.what() +
                              "; serving nothing");
         stopServing(false);
@@ -436,10 +236,7 @@ int onShutdown(int, int, void*, void*);
 void withdraw(bool inShutdownCallback) {
     if (!bridge || bridge->withdrawn) return;
     bridge->withdrawn = true;
-    for (const char* token :
-         {stateFileToken, systemdToken, supervisorToken, supervisorEventsToken, supervisorAuthToken, moduleToken,
-          contextToken, traceToken, holddownToken, rateToken, notifyDataToken, commandLinesToken})
-        snmpd_unregister_config_handler(token);
+    Bridge::unregisterDirectives();
     snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr, 1);
     if (!inShutdownCallback)
         snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_SHUTDOWN, onShutdown, nullptr, 1);
@@ -461,26 +258,8 @@ int onShutdown(int, int, void*, void*) {
 void init_velmar_daemon_mib(void) {
     if (bridge) return; // a second dlmod line for the same library
     try {
-        bridge = new Bridge;
-        snmpd_register_config_handler(stateFileToken, parseStateFile, nullptr, "PATH (the launcher's state file)");
-        snmpd_register_config_handler(systemdToken, parseSystemd, nullptr,
-                                      "PATTERNS (systemd's service units, *.service for all)");
-        snmpd_register_config_handler(supervisorToken, parseSupervisor, nullptr,
-                                      "SOCKET|URL (a supervisord's processes)");
-        snmpd_register_config_handler(supervisorEventsToken, parseSupervisorEvents, nullptr,
-                                      "SOCKET (where velmar-supervisor-events sends)");
-        snmpd_register_config_handler(supervisorAuthToken, parseSupervisorAuth, nullptr, "FILE (USER:PASSWORD)");
-        snmpd_register_config_handler(moduleToken, parseModule, nullptr, "PATH (VelmarDaemonMIB.so)");
-        snmpd_register_config_handler(contextToken, parseContext, nullptr, "NAME (an extra SNMP context)");
-        snmpd_register_config_handler(traceToken, parseTrace, nullptr, "LEVELS (e.g. Snmp/0-2,8)");
-        snmpd_register_config_handler(holddownToken, parseHolddown, nullptr,
-                                      "MS (notification hold-down, default 1000)");
-        snmpd_register_config_handler(rateToken, parseRate, nullptr,
-                                      "N (notifications per second at most, default 100)");
-        snmpd_register_config_handler(notifyDataToken, parseNotifyData, nullptr,
-                                      "KEYS (data keys a running change carries)");
-        snmpd_register_config_handler(commandLinesToken, parseCommandLines, nullptr,
-                                      "yes|no (whole command lines, default no)");
+        bridge = new Loaded;
+        Bridge::registerDirectives(bridge->settings);
         // No client argument: the library frees client arguments with free() when it clears
         // its callbacks.
         snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, onConfigRead, nullptr);
@@ -499,7 +278,7 @@ void deinit_velmar_daemon_mib(void) {
     try {
         stopServing();
         withdraw(false);
-        if (bridge->traceBefore) Orbel::traceConfigIs(*bridge->traceBefore);
+        if (bridge->settings.traceBefore) Orbel::traceConfigIs(*bridge->settings.traceBefore);
     } catch (const std::exception& e) {
         logLine(LOG_ERR, std::string("unloading: ") + e.what());
     } catch (...) {

@@ -392,7 +392,8 @@ bool SystemdShell::step() {
         if (!sendCalls()) return false;
         if (r == 0) break;
     }
-    if (std::optional<ChangedDaemons> changed = tracker_.flush()) {
+    // One batch per call; a daemon that stopped and started again is in two, in turn.
+    while (std::optional<ChangedDaemons> changed = tracker_.flush()) {
         const bool first = !skeleton_.health().reloads;
         skeleton_.updateHealth([&](SourceHealth& h) {
             ++h.reloads;

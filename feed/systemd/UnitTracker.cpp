@@ -184,14 +184,41 @@ void UnitTracker::loadedAs(const ListedUnit& listed) {
     }
 }
 
+// The running flag's changes are kept as the states they leave behind, so that flush hands
+// each over in turn: the counter reads an ActiveState change starts (or a refresh round)
+// would otherwise hold the unit back until systemd's next signal has overtaken the stop.
+void UnitTracker::noteRunning(Unit& unit, bool wasRunning, std::uint64_t inactiveBefore) {
+    if (!synced_ || !unit.read || !unitIsDaemon(unit.info)) return;
+    const bool running = unitRunning(unit.info);
+    const std::uint64_t inactive = unit.info.inactiveEnterTimestamp;
+    const bool stoppedBetween = wasRunning && running && inactive != inactiveBefore && inactive != 0;
+    if (running == wasRunning && !stoppedBetween) return;
+    // A unit that flaps faster than the loop flushes keeps its latest changes, in pairs, so
+    // that the last one handed over is still a change of the same direction.
+    constexpr std::size_t maxPassed = 16;
+    while (unit.passed.size() + (stoppedBetween ? 2 : 1) > maxPassed)
+        unit.passed.erase(unit.passed.begin(), unit.passed.begin() + 2);
+    if (stoppedBetween) {
+        UnitInfo stopped = unit.info;
+        stopped.activeState = "inactive";
+        stopped.subState = "dead";
+        stopped.mainPid = 0;
+        unit.passed.push_back(daemonStateOf(stopped, options_.mapping));
+    }
+    unit.passed.push_back(daemonStateOf(unit.info, options_.mapping));
+}
+
 void UnitTracker::propertiesChanged(const std::string& path, UnitIface iface, const PropertyValues& changed,
                                     const std::vector<std::string>& invalidated) {
     Unit* u = byPath(path);
     if (!u || !u->loaded) return;
     const std::string id = u->info.id;
     const std::string before = u->info.activeState;
+    const bool wasRunning = unitRunning(u->info);
+    const std::uint64_t inactiveBefore = u->info.inactiveEnterTimestamp;
     for (const UnitProperty* p : changed.present)
         if (p->iface == iface) copyProperty(*p, changed.values, u->info);
+    noteRunning(*u, wasRunning, inactiveBefore);
     if (unitIsDaemon(u->info)) {
         for (const std::string& name : invalidated) {
             const UnitProperty* p = findUnitProperty(iface, name);
@@ -270,7 +297,10 @@ void UnitTracker::properties(std::uint64_t token, const PropertyValues& values) 
     if (it == units_.end() || it->second.generation != c->generation || !it->second.loaded) return;
     Unit& u = it->second;
     --u.pending;
+    const bool wasRunning = unitRunning(u.info);
+    const std::uint64_t inactiveBefore = u.info.inactiveEnterTimestamp;
     for (const UnitProperty* p : values.present) copyProperty(*p, values.values, u.info);
+    noteRunning(u, wasRunning, inactiveBefore);
     if (c->call.kind == BusCall::Kind::getAll) u.read = true;
     touch(c->id);
 }
@@ -373,12 +403,20 @@ std::optional<ChangedDaemons> UnitTracker::flush() {
     ChangedDaemons changed;
     for (auto t = touched_.begin(); t != touched_.end();) {
         auto it = units_.find(*t);
-        if (it != units_.end() && it->second.pending > 0) {
+        const bool passed = it != units_.end() && !it->second.passed.empty();
+        if (!passed && it != units_.end() && it->second.pending > 0) {
             ++t; // still being read
             continue;
         }
         const std::string name = daemonNameOf(*t).value_or(*t);
-        std::optional<DaemonState> now = it == units_.end() ? std::nullopt : served(*t, it->second);
+        std::optional<DaemonState> now;
+        if (passed) {
+            // A running change first; the unit stays touched for what follows it.
+            now = std::move(it->second.passed.front());
+            it->second.passed.pop_front();
+        } else if (it != units_.end()) {
+            now = served(*t, it->second);
+        }
         if (now && !daemonNameFits(name)) {
             if (skippedNames_.insert(name).second)
                 lines_.emplace_back(Severity::warning, "unit " + quote(*t) + " skipped: its name is " +
@@ -397,6 +435,10 @@ std::optional<ChangedDaemons> UnitTracker::flush() {
         } else if (h != handed_.end()) {
             handed_.erase(h);
             changed.emplace_back(name, std::nullopt);
+        }
+        if (passed) {
+            ++t;
+            continue;
         }
         if (it != units_.end() && !it->second.file && !it->second.loaded) units_.erase(it);
         t = touched_.erase(t);

@@ -28,6 +28,12 @@
 //   - PropertiesChanged values are taken as sent; invalidated properties of the table are
 //     read again (not ExecStart, which changes only with a reload); an ActiveState change
 //     reads the counters;
+//   - a change of the running flag goes over at once, in a batch of its own, ahead of the
+//     reads it starts and of whatever systemd says next: every stop and every start reaches
+//     the model (and the history and the notifications), however fast they follow each
+//     other; a unit that runs before and after a signal that moves its
+//     InactiveEnterTimestamp stopped in between (systemd can announce a quick restart only
+//     once it is over), and goes over stopped, then running;
 //   - a resync (start, reload, reconnect, an operator's reread) hands its loaded units over
 //     as one batch, once their list and every read it started have been answered; the
 //     unit files follow when their list comes (systemd can take seconds to make it);
@@ -126,7 +132,9 @@ public:
     // The next call to send, when fewer than maxOutstanding are outstanding.
     std::optional<BusCall> nextCall();
     // The daemons that changed since the last flush, in name order (none: nothing changed,
-    // or a resync is still being read). An empty batch once after the first resync.
+    // or a resync is still being read). An empty batch once after the first resync. A
+    // batch names a daemon once: call again until it returns none, and hand the batches
+    // over in turn (a daemon that stopped and started again goes over twice).
     std::optional<ChangedDaemons> flush();
     // Lines to log (units skipped for their name), in order; empties them.
     std::vector<std::pair<Severity, std::string>> takeLines();
@@ -151,7 +159,8 @@ private:
         std::string path;               // object path while loaded
         UnitInfo info;
         std::uint64_t generation = 0;
-        int pending = 0; // reads outstanding or queued for this generation
+        int pending = 0;                // reads outstanding or queued for this generation
+        std::deque<DaemonState> passed; // running changes not handed over yet, oldest first
     };
     struct Call {
         BusCall call;
@@ -170,6 +179,7 @@ private:
     void read(const std::string& id, Unit& unit, const UnitProperty& property, bool refresh = false);
     void loadedAs(const ListedUnit& listed);
     void unload(const std::string& id, Unit& unit);
+    void noteRunning(Unit& unit, bool wasRunning, std::uint64_t inactiveBefore);
     std::optional<Call> answered(std::uint64_t token);
     std::optional<DaemonState> served(const std::string& id, const Unit& unit);
     bool resyncSettled() const;

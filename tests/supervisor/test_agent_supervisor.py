@@ -451,6 +451,25 @@ class DlmodTest(unittest.TestCase):
         self.assertIsNotNone(within(snmpd.port, running, h.FALSE, limit=1.0), snmpd.log())
         self.assertEqual(snmpd.trouble(), [], snmpd.log())
 
+    def test_velmar_supervisor_units_chooses_the_processes_and_a_bad_line_is_named(self):
+        import test_dlmod
+        self.assertTrue(DLMOD and os.path.exists(DLMOD), "VELMAR_DLMOD does not name the built bridge: %r" % DLMOD)
+        sup = vs.Supervisord({"program:longrun": PROGRAMS["program:longrun"], "program:idle": PROGRAMS["program:idle"]})
+        self.addCleanup(sup.cleanup)
+        sup.wait_state("longrun", "RUNNING")
+        # The bad line is reported with its line and changes nothing: the good one before it holds.
+        snmpd = test_dlmod.Snmpd(sup.dir, ["dlmod velmar_daemon_mib %s" % DLMOD, "velmarSupervisor %s" % sup.socket,
+                                           "velmarSupervisorUnits long*", "velmarSupervisorUnits a,,b"])
+        self.addCleanup(snmpd.stop)
+        bad = snmpd.wait_log("velmarSupervisorUnits a,,b: ", timeout=10)
+        self.assertIsNotNone(bad, snmpd.log())
+        self.assertIn("line 6", bad)
+        line = snmpd.wait_log("serving VELMAR-DAEMON-MIB", timeout=10)
+        self.assertIsNotNone(line, snmpd.log())
+        self.assertIn("from supervisord (unix://%s, processes long*, " % sup.socket, line)
+        self.assertIsNotNone(within(snmpd.port, flag_oid("running", "longrun"), h.TRUE, limit=5), snmpd.log())
+        self.assertIsNone(get_one(snmpd.port, flag_oid("enabled", "idle")), "idle does not match long*")
+
 
 class CommandLineTest(unittest.TestCase):
     """Bad --supervisor command lines are refused with one line naming what is wrong."""

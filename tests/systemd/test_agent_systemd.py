@@ -305,6 +305,20 @@ class HistoryOnSandboxTest(SandboxTest):
         self.wait_count("velmar-slowstop", before + 2)
         self.assertIsNotNone(within(self.agent.port, flag_oid("running", "velmar-slowstop"), h.TRUE))
 
+    def test_restarts_of_a_service_that_stops_at_once_are_each_counted_twice(self):
+        # sleep ends at SIGTERM (and the unit has no start limit): each restart is over
+        # within milliseconds, and systemd's signals about it can arrive together. Three in
+        # a row count six, whatever the load.
+        self.assertIsNotNone(within(self.agent.port, flag_oid("running", "velmar-always"), h.TRUE), self.agent.stderr())
+        before = running_changes(self.agent.port, "velmar-always")
+        self.assertIsNotNone(before)
+        for _ in range(3):
+            SANDBOX.run("systemctl restart velmar-always")
+        self.wait_count("velmar-always", before + 6)
+        self.assertIsNotNone(within(self.agent.port, flag_oid("running", "velmar-always"), h.TRUE))
+        pid = SANDBOX.run("systemctl show -P MainPID velmar-always").strip()
+        self.assertIsNotNone(within(self.agent.port, value_oid("data", "velmar-always", "MainPID"), pid.encode()))
+
     def test_kill_9_of_a_restarted_service_is_counted_and_the_notification_says_why(self):
         before = running_changes(self.agent.port, "velmar-always")
         SANDBOX.run("systemctl kill -s KILL velmar-always")

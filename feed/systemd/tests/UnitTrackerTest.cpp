@@ -471,3 +471,128 @@ TEST(UnitTracker, WholeCommandLinesOnlyWhenAsked) {
 }
 
 } // namespace
+
+// Every batch flush hands over until it has none, in turn; no calls are answered.
+std::vector<ChangedDaemons> batches(UnitTracker& t) {
+    std::vector<ChangedDaemons> out;
+    for (int i = 0; i < 20; ++i) {
+        std::optional<ChangedDaemons> c = t.flush();
+        if (!c) break;
+        out.push_back(std::move(*c));
+    }
+    return out;
+}
+
+// The running flag of name in each batch that names it, in order.
+std::vector<bool> runningSeen(const std::vector<ChangedDaemons>& all, const std::string& name) {
+    std::vector<bool> out;
+    for (const ChangedDaemons& batch : all) {
+        int named = 0;
+        for (const auto& [n, d] : batch)
+            if (n == name) {
+                ++named;
+                out.push_back(d && d->running);
+            }
+        EXPECT_LE(named, 1) << "a batch names a daemon once";
+    }
+    return out;
+}
+
+// systemd's PropertiesChanged on the unit interface with the unit's state as it is now.
+void announce(Fixture& f, const std::string& id, std::vector<const char*> names) {
+    PropertyValues v;
+    v.values = f.sd.unit(id);
+    for (const char* n : names) v.present.push_back(Feed::findUnitProperty(UnitIface::unit, n));
+    f.t.propertiesChanged(pathOf(id), UnitIface::unit, v, {});
+}
+
+// systemd announcing the unit's new ActiveState and SubState.
+void becomes(Fixture& f, const std::string& id, const char* active, const char* sub) {
+    Feed::UnitInfo& u = f.sd.unit(id);
+    u.activeState = active;
+    u.subState = sub;
+    announce(f, id, {"ActiveState", "SubState"});
+}
+
+TEST(UnitTracker, AStopGoesOverAtOnceWhileTheReadsItStartedAreOutstanding) {
+    Fixture f;
+    f.sd.running("velmar-a.service", 42);
+    f.sync();
+    becomes(f, "velmar-a.service", "deactivating", "stop-sigterm");
+    EXPECT_GT(f.t.queued(), 0u) << "an ActiveState change reads the counters";
+    EXPECT_EQ(runningSeen(batches(f.t), "velmar-a"), std::vector<bool>{false});
+    // Running again before any read was answered: that goes over too.
+    becomes(f, "velmar-a.service", "active", "running");
+    EXPECT_EQ(runningSeen(batches(f.t), "velmar-a"), std::vector<bool>{true});
+    // The reads answered change nothing that matters: nothing more goes over.
+    f.sd.answer(f.t);
+    EXPECT_TRUE(runningSeen(batches(f.t), "velmar-a").empty());
+}
+
+TEST(UnitTracker, AStopAndAStartBetweenTwoFlushesGoOverInTurn) {
+    Fixture f;
+    f.sd.running("velmar-a.service", 42);
+    f.sd.running("velmar-b.service", 43);
+    f.sync();
+    Feed::UnitInfo& u = f.sd.unit("velmar-a.service");
+    u.activeState = "inactive";
+    u.subState = "dead";
+    u.inactiveEnterTimestamp += 1000000;
+    announce(f, "velmar-a.service", {"ActiveState", "SubState", "InactiveEnterTimestamp"});
+    becomes(f, "velmar-a.service", "active", "running");
+    f.sd.answer(f.t);
+    const std::vector<ChangedDaemons> all = batches(f.t);
+    EXPECT_EQ(runningSeen(all, "velmar-a"), (std::vector<bool>{false, true}));
+    EXPECT_TRUE(runningSeen(all, "velmar-b").empty()) << "a unit that did not change is not handed over";
+}
+
+TEST(UnitTracker, ARestartAnnouncedOnlyOnceItIsOverGoesOverStoppedThenRunning) {
+    Fixture f;
+    f.sd.running("velmar-a.service", 42);
+    f.sync();
+    // One signal after the restart: still active and running, but it entered inactive
+    // since the last one, under a new main process.
+    Feed::UnitInfo& u = f.sd.unit("velmar-a.service");
+    u.inactiveEnterTimestamp += 1000000;
+    u.mainPid = 77;
+    announce(f, "velmar-a.service", {"ActiveState", "SubState", "InactiveEnterTimestamp"});
+    PropertyValues pid;
+    pid.values = u;
+    pid.present = {Feed::findUnitProperty(UnitIface::service, "MainPID")};
+    f.t.propertiesChanged(pathOf("velmar-a.service"), UnitIface::service, pid, {});
+    f.sd.answer(f.t);
+    const std::vector<ChangedDaemons> all = batches(f.t);
+    // Stopped, then running (and running again with the new MainPID, which came in a
+    // signal of its own: no running change).
+    const std::vector<bool> seen = runningSeen(all, "velmar-a");
+    ASSERT_GE(seen.size(), 2u);
+    EXPECT_FALSE(seen[0]);
+    for (std::size_t i = 1; i < seen.size(); ++i) EXPECT_TRUE(seen[i]) << i;
+    const DaemonState& stopped = *all.front().front().second;
+    EXPECT_EQ(stopped.data.at("ActiveState"), "inactive");
+    EXPECT_EQ(stopped.data.count("MainPID"), 0u);
+    const DaemonState& again = *all.back().front().second;
+    EXPECT_EQ(again.data.at("MainPID"), "77");
+}
+
+TEST(UnitTracker, ASignalThatChangesNoRunningFlagHoldsTheUnitUntilItsReadsAreAnswered) {
+    Fixture f;
+    f.sd.running("velmar-a.service", 42);
+    f.sync();
+    becomes(f, "velmar-a.service", "reloading", "reload");
+    EXPECT_TRUE(batches(f.t).empty()) << "still running: the change waits for its counters";
+    f.sd.answer(f.t);
+    EXPECT_EQ(runningSeen(batches(f.t), "velmar-a"), std::vector<bool>{true});
+}
+
+TEST(UnitTracker, AUnitThatFlapsFasterThanTheFlushesKeepsItsLatestChangesInPairs) {
+    Fixture f;
+    f.sd.running("velmar-a.service", 42);
+    f.sync();
+    for (int i = 0; i < 50; ++i)
+        becomes(f, "velmar-a.service", i % 2 ? "active" : "inactive", i % 2 ? "running" : "dead");
+    f.sd.answer(f.t);
+    const std::vector<bool> seen = runningSeen(batches(f.t), "velmar-a");
+    ASSERT_EQ(seen.size(), 16u);
+    for (std::size_t i = 0; i < seen.size(); ++i) EXPECT_EQ(seen[i], i % 2 == 1) << i;
+}
