@@ -15,6 +15,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <unordered_map>
+#include <utility>
 
 namespace Feed {
 
@@ -392,13 +393,16 @@ bool SystemdShell::step() {
         if (!sendCalls()) return false;
         if (r == 0) break;
     }
-    // One batch per call; a daemon that stopped and started again is in two, in turn.
+    // One batch per call; a daemon that stopped and started again is in two, in turn. What
+    // one step read counts as one read, however many batches it makes.
+    bool counted = false;
     while (std::optional<ChangedDaemons> changed = tracker_.flush()) {
         const bool first = !skeleton_.health().reloads;
-        skeleton_.updateHealth([&](SourceHealth& h) {
-            ++h.reloads;
-            if (!unresponsive_ && present_) h.state = SourceState::ok;
-        });
+        if (!std::exchange(counted, true))
+            skeleton_.updateHealth([&](SourceHealth& h) {
+                ++h.reloads;
+                if (!unresponsive_ && present_) h.state = SourceState::ok;
+            });
         const bool big = changed->size() > 100;
         skeleton_.post(std::move(*changed));
         if (big && !first) releaseFreeMemory();
