@@ -17,11 +17,19 @@ void initCurlOnce() {
 // The largest reply accepted: far above what 10,000 processes' configurations take.
 constexpr std::size_t maxReplyBytes = 256u << 20;
 
+// One call in flight: its request, and its reply as it is parsed.
+struct Transfer {
+    std::string request;
+    XmlRpc::ResponseReader reply;
+    CURLcode result = CURLE_OK;
+    bool done = false;
+};
+
 size_t onBody(char* data, size_t size, size_t count, void* user) {
-    auto& body = *static_cast<std::string*>(user);
+    auto& t = *static_cast<Transfer*>(user);
     std::size_t n = size * count;
-    if (body.size() + n > maxReplyBytes) return 0; // makes curl fail the transfer
-    body.append(data, n);
+    if (t.reply.size() + n > maxReplyBytes) return 0; // makes curl fail the transfer
+    t.reply.feed(std::string_view(data, n));
     return n;
 }
 
@@ -59,10 +67,12 @@ std::string SupervisorEndpoint::text() const {
 }
 
 struct SupervisorClient::Curl {
-    CURL* easy = nullptr;
+    CURLM* multi = nullptr;
+    std::vector<CURL*> easy; // one per call made at once; each keeps its connection
     curl_slist* headers = nullptr;
     ~Curl() {
-        if (easy) curl_easy_cleanup(easy);
+        for (CURL* e : easy) curl_easy_cleanup(e);
+        if (multi) curl_multi_cleanup(multi);
         if (headers) curl_slist_free_all(headers);
     }
 };
@@ -70,10 +80,18 @@ struct SupervisorClient::Curl {
 SupervisorClient::SupervisorClient(SupervisorEndpoint endpoint, Options options)
     : endpoint_(std::move(endpoint)), options_(std::move(options)), curl_(std::make_unique<Curl>()) {
     initCurlOnce();
-    curl_->easy = curl_easy_init();
-    if (!curl_->easy) throw std::runtime_error("supervisord client: cannot set up libcurl");
+    curl_->multi = curl_multi_init();
     curl_->headers = curl_slist_append(nullptr, "Content-Type: text/xml");
-    CURL* c = curl_->easy;
+    if (!curl_->multi || !curl_->headers) throw std::runtime_error("supervisord client: cannot set up libcurl");
+    addHandle();
+}
+
+SupervisorClient::~SupervisorClient() = default;
+
+void SupervisorClient::addHandle() {
+    CURL* c = curl_easy_init();
+    if (!c) throw std::runtime_error("supervisord client: cannot set up libcurl");
+    curl_->easy.push_back(c);
     curl_easy_setopt(c, CURLOPT_URL, endpoint_.url.c_str());
     if (!endpoint_.socketPath.empty()) curl_easy_setopt(c, CURLOPT_UNIX_SOCKET_PATH, endpoint_.socketPath.c_str());
     curl_easy_setopt(c, CURLOPT_HTTPHEADER, curl_->headers);
@@ -95,41 +113,87 @@ SupervisorClient::SupervisorClient(SupervisorEndpoint endpoint, Options options)
     }
 }
 
-SupervisorClient::~SupervisorClient() = default;
-
 XmlRpc::Value SupervisorClient::call(std::string_view method, const std::vector<std::string>& params) {
+    return std::move(callTogether({Call{std::string(method), params}}).front());
+}
+
+std::vector<XmlRpc::Value> SupervisorClient::callTogether(const std::vector<Call>& calls) {
     using Kind = SupervisorCallError::Kind;
-    std::string request = XmlRpc::callBody(method, params);
-    std::string body;
-    CURL* c = curl_->easy;
-    curl_easy_setopt(c, CURLOPT_POSTFIELDS, request.c_str());
-    curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.size()));
-    curl_easy_setopt(c, CURLOPT_WRITEDATA, &body);
-    CURLcode rc = curl_easy_perform(c);
-    std::string what = std::string(method) + ": ";
-    if (rc != CURLE_OK) {
-        what += curl_easy_strerror(rc);
-        if (rc == CURLE_OPERATION_TIMEDOUT) {
-            long connected = 0;
-            curl_easy_getinfo(c, CURLINFO_CONNECT_TIME_T, &connected);
-            throw SupervisorCallError(connected > 0 ? Kind::timeout : Kind::unreachable, what);
+    while (curl_->easy.size() < calls.size()) addHandle();
+    std::vector<Transfer> transfers(calls.size());
+    CURLM* multi = curl_->multi;
+    std::size_t added = 0;
+    // Every handle added is taken out again, whatever happens.
+    struct Remove {
+        Curl& curl;
+        std::size_t& added;
+        ~Remove() {
+            for (std::size_t k = 0; k < added; ++k) curl_multi_remove_handle(curl.multi, curl.easy[k]);
         }
-        if (rc == CURLE_ABORTED_BY_CALLBACK) throw SupervisorCallError(Kind::cancelled, what);
-        if (rc == CURLE_WRITE_ERROR) throw SupervisorCallError(Kind::badReply, what + " (reply too large)");
-        throw SupervisorCallError(Kind::unreachable, what);
+    } remove{*curl_, added};
+    for (std::size_t k = 0; k < calls.size(); ++k) {
+        Transfer& t = transfers[k];
+        t.request = XmlRpc::callBody(calls[k].method, calls[k].params);
+        CURL* c = curl_->easy[k];
+        curl_easy_setopt(c, CURLOPT_POSTFIELDS, t.request.c_str());
+        curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE, static_cast<long>(t.request.size()));
+        curl_easy_setopt(c, CURLOPT_WRITEDATA, &t);
+        curl_easy_setopt(c, CURLOPT_PRIVATE, &t);
+        if (curl_multi_add_handle(multi, c) != CURLM_OK)
+            throw SupervisorCallError(Kind::unreachable, calls[k].method + ": cannot start the call");
+        ++added;
     }
-    long status = 0;
-    curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
-    if (status != 200) {
-        what += "HTTP status " + std::to_string(status);
-        if (status == 401) what += " (wrong or missing credentials)";
-        throw SupervisorCallError(Kind::refused, what);
+    // Each transfer ends by itself: its own time limit, or the cancel flag through onProgress.
+    int running = static_cast<int>(calls.size());
+    while (running > 0) {
+        CURLMcode mc = curl_multi_perform(multi, &running);
+        if (mc == CURLM_OK && running > 0) mc = curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+        if (mc != CURLM_OK)
+            throw SupervisorCallError(Kind::unreachable, calls.front().method + ": " + curl_multi_strerror(mc));
     }
-    try {
-        return XmlRpc::decodeResponse(body);
-    } catch (const XmlRpc::BadReply& e) {
-        throw SupervisorCallError(Kind::badReply, what + e.what());
+    int left = 0;
+    while (CURLMsg* m = curl_multi_info_read(multi, &left)) {
+        if (m->msg != CURLMSG_DONE) continue;
+        Transfer* t = nullptr;
+        curl_easy_getinfo(m->easy_handle, CURLINFO_PRIVATE, &t);
+        if (t) {
+            t->result = m->data.result;
+            t->done = true;
+        }
     }
+
+    std::vector<XmlRpc::Value> values;
+    values.reserve(calls.size());
+    for (std::size_t k = 0; k < calls.size(); ++k) {
+        Transfer& t = transfers[k];
+        CURL* c = curl_->easy[k];
+        std::string what = calls[k].method + ": ";
+        if (!t.done) throw SupervisorCallError(Kind::unreachable, what + "the call did not end");
+        if (t.result != CURLE_OK) {
+            what += curl_easy_strerror(t.result);
+            if (t.result == CURLE_OPERATION_TIMEDOUT) {
+                long connected = 0;
+                curl_easy_getinfo(c, CURLINFO_CONNECT_TIME_T, &connected);
+                throw SupervisorCallError(connected > 0 ? Kind::timeout : Kind::unreachable, what);
+            }
+            if (t.result == CURLE_ABORTED_BY_CALLBACK) throw SupervisorCallError(Kind::cancelled, what);
+            if (t.result == CURLE_WRITE_ERROR) throw SupervisorCallError(Kind::badReply, what + " (reply too large)");
+            throw SupervisorCallError(Kind::unreachable, what);
+        }
+        long status = 0;
+        curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
+        if (status != 200) {
+            what += "HTTP status " + std::to_string(status);
+            if (status == 401) what += " (wrong or missing credentials)";
+            throw SupervisorCallError(Kind::refused, what);
+        }
+        try {
+            values.push_back(t.reply.finish());
+        } catch (const XmlRpc::BadReply& e) {
+            throw SupervisorCallError(Kind::badReply, what + e.what());
+        }
+    }
+    return values;
 }
 
 } // namespace Feed

@@ -4,10 +4,14 @@
 //
 //   Feed::SupervisorClient client(Feed::SupervisorEndpoint::parse("/run/supervisor.sock"));
 //   Feed::XmlRpc::Value all = client.call("supervisor.getAllProcessInfo");
+//   auto both = client.callTogether({{"supervisor.getAllConfigInfo"}, {"supervisor.getAllProcessInfo"}});
 //
 // Why libcurl: it speaks HTTP over a Unix socket (CURLOPT_UNIX_SOCKET_PATH) as well as TCP,
-// keeps the connection between calls, and bounds each call in time; it is Debian's
-// standard HTTP client library.
+// keeps the connections between calls, runs several calls at once on one thread (its multi
+// interface), and bounds each call in time; it is Debian's standard HTTP client library.
+//
+// Replies are parsed as they arrive (XmlRpc::ResponseReader): supervisord sends a large
+// reply a few kilobytes per turn of its loop, so the parsing fits in between.
 //
 // Threads: one client is used by one thread at a time.
 #pragma once
@@ -73,9 +77,23 @@ public:
     // supervisord answers with a fault, SupervisorCallError otherwise.
     XmlRpc::Value call(std::string_view method, const std::vector<std::string>& params = {});
 
+    struct Call {
+        std::string method;
+        std::vector<std::string> params;
+    };
+    // Makes the calls at once, each on a connection of its own, and returns their values in
+    // the order of calls. supervisord serves its connections in the same turns of its loop,
+    // so two large replies take about as long as the larger one alone. Waits for every call
+    // to end; then throws what call() would have thrown for the first call, in order, that
+    // failed.
+    std::vector<XmlRpc::Value> callTogether(const std::vector<Call>& calls);
+
     const SupervisorEndpoint& endpoint() const noexcept { return endpoint_; }
 
 private:
+    // One more easy handle, set up for this endpoint.
+    void addHandle();
+
     struct Curl;
     SupervisorEndpoint endpoint_;
     Options options_;

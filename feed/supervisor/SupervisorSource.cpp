@@ -177,8 +177,12 @@ bool SupervisorSource::Worker::fullRead(bool initial) {
     std::vector<ProcessConfig> configs;
     std::vector<ProcessInfo> infos;
     try {
-        XmlRpc::Value c = client_.call("supervisor.getAllConfigInfo");
-        XmlRpc::Value i = client_.call("supervisor.getAllProcessInfo");
+        // Both at once, on two connections: supervisord sends each large reply a few
+        // kilobytes per turn of its loop, and serves both connections in the same turns.
+        std::vector<XmlRpc::Value> both =
+            client_.callTogether({{"supervisor.getAllConfigInfo", {}}, {"supervisor.getAllProcessInfo", {}}});
+        const XmlRpc::Value& c = both[0];
+        const XmlRpc::Value& i = both[1];
         auto entries = [](const XmlRpc::Value& v, const char* call, auto convert, auto& into) {
             const XmlRpc::Array* a = v.array();
             if (!a)

@@ -8,9 +8,10 @@
 //   Feed::StateFeed feed(std::make_unique<Feed::SupervisorSource>(o), mib, log);
 //
 // What it does:
-//   - loadInitial reads every process on the calling thread (getAllConfigInfo, then
-//     getAllProcessInfo) and queues them as one batch. When supervisord cannot be reached
-//     it queues one line saying so and returns: the worker keeps trying.
+//   - loadInitial reads every process on the calling thread (getAllConfigInfo and
+//     getAllProcessInfo, made at once on two connections) and queues them as one batch.
+//     When supervisord cannot be reached it queues one line saying so and returns: the
+//     worker keeps trying.
 //   - start() binds the events socket (a Unix datagram socket; a stale socket file at the
 //     path is replaced) and runs a worker thread that makes every call from then on. The
 //     listener sends one datagram per supervisord event (EventNote.h): for a process that

@@ -4,8 +4,8 @@
 
 #include <charconv>
 #include <cstdlib>
-#include <limits>
 #include <memory>
+#include <stdexcept>
 
 namespace Feed::XmlRpc {
 
@@ -181,24 +181,55 @@ std::string callBody(std::string_view method, const std::vector<std::string>& pa
     return out;
 }
 
-Value decodeResponse(std::string_view body) {
+struct ResponseReader::Parse {
     Builder b;
-    std::unique_ptr<std::remove_pointer_t<XML_Parser>, decltype(&XML_ParserFree)> parser(XML_ParserCreate("UTF-8"),
-                                                                                         &XML_ParserFree);
-    if (!parser) throw std::bad_alloc();
-    b.parser = parser.get();
+    std::unique_ptr<std::remove_pointer_t<XML_Parser>, decltype(&XML_ParserFree)> parser{XML_ParserCreate("UTF-8"),
+                                                                                         &XML_ParserFree};
+    bool failed = false;   // expat stopped: later bytes are ignored
+    bool finished = false; // finish() was called
+    std::string problem;   // what expat or the builder found, with where
+
+    void fail() {
+        failed = true;
+        std::string where = " (line " + std::to_string(XML_GetCurrentLineNumber(b.parser)) + ", column " +
+                            std::to_string(XML_GetCurrentColumnNumber(b.parser)) + ")";
+        problem = !b.error.empty()
+                      ? b.error + where
+                      : std::string("not well-formed XML: ") + XML_ErrorString(XML_GetErrorCode(b.parser)) + where;
+    }
+};
+
+ResponseReader::ResponseReader() : parse_(std::make_unique<Parse>()) {
+    if (!parse_->parser) throw std::bad_alloc();
+    Builder& b = parse_->b;
+    b.parser = parse_->parser.get();
     XML_SetUserData(b.parser, &b);
     XML_SetElementHandler(b.parser, onStart, onEnd);
     XML_SetCharacterDataHandler(b.parser, onText);
     XML_SetStartDoctypeDeclHandler(b.parser, onDoctype);
-    if (body.size() > static_cast<std::size_t>(std::numeric_limits<int>::max()))
-        throw BadReply("the reply is too large");
-    if (XML_Parse(b.parser, body.data(), static_cast<int>(body.size()), XML_TRUE) != XML_STATUS_OK) {
-        std::string where = " (line " + std::to_string(XML_GetCurrentLineNumber(b.parser)) + ", column " +
-                            std::to_string(XML_GetCurrentColumnNumber(b.parser)) + ")";
-        if (!b.error.empty()) throw BadReply(b.error + where);
-        throw BadReply(std::string("not well-formed XML: ") + XML_ErrorString(XML_GetErrorCode(b.parser)) + where);
+}
+
+ResponseReader::~ResponseReader() = default;
+
+void ResponseReader::feed(std::string_view bytes) {
+    size_ += bytes.size();
+    Parse& p = *parse_;
+    // expat takes an int length: a larger piece goes in slices.
+    constexpr std::size_t slice = std::size_t{1} << 30;
+    while (!bytes.empty() && !p.failed && !p.finished) {
+        std::string_view now = bytes.substr(0, slice);
+        bytes.remove_prefix(now.size());
+        if (XML_Parse(p.b.parser, now.data(), static_cast<int>(now.size()), XML_FALSE) != XML_STATUS_OK) p.fail();
     }
+}
+
+Value ResponseReader::finish() {
+    Parse& p = *parse_;
+    if (p.finished) throw std::logic_error("XmlRpc::ResponseReader::finish called twice");
+    if (!p.failed && XML_Parse(p.b.parser, "", 0, XML_TRUE) != XML_STATUS_OK) p.fail();
+    p.finished = true;
+    if (p.failed) throw BadReply(p.problem);
+    const Builder& b = p.b;
     if (!b.root || b.root->name != "methodResponse") throw BadReply("the reply is not a <methodResponse>");
     const Element& top = onlyChild(*b.root);
     if (top.name == "fault") {
@@ -213,6 +244,12 @@ Value decodeResponse(std::string_view body) {
     const Element& param = onlyChild(top);
     if (param.name != "param") throw BadReply("<params> holds <" + param.name + ">, expected <param>");
     return valueOf(onlyChild(param));
+}
+
+Value decodeResponse(std::string_view body) {
+    ResponseReader r;
+    r.feed(body);
+    return r.finish();
 }
 
 } // namespace Feed::XmlRpc

@@ -4,6 +4,7 @@
 //
 //   std::string body = Feed::XmlRpc::callBody("supervisor.getProcessInfo", {"web:web_0"});
 //   Feed::XmlRpc::Value v = Feed::XmlRpc::decodeResponse(replyBody);   // may throw
+//   Feed::XmlRpc::ResponseReader r; r.feed(part1); r.feed(part2); v = r.finish();  // as it arrives
 //   const Feed::XmlRpc::Value* pid = v.member("pid");                   // null: none
 //
 // Why expat: supervisord's replies are small, flat documents read once from start to end;
@@ -66,8 +67,32 @@ public:
 // The body of a methodCall of method with string parameters, as UTF-8 XML.
 std::string callBody(std::string_view method, const std::vector<std::string>& params);
 
-// The value of a methodResponse. Throws Fault for a fault response, BadReply for anything
-// that is not a methodResponse with exactly one parameter or one fault.
+// Reads a methodResponse piece by piece as it arrives, so that a large reply is parsed while
+// the rest of it is still on its way (supervisord sends a few kilobytes per turn of its loop).
+class ResponseReader {
+public:
+    ResponseReader();
+    ~ResponseReader();
+    ResponseReader(const ResponseReader&) = delete;
+    ResponseReader& operator=(const ResponseReader&) = delete;
+
+    // Parses the next bytes of the reply. Never throws for what the bytes hold: the first
+    // problem is kept, later bytes are ignored, and finish() throws it.
+    void feed(std::string_view bytes);
+    // Bytes fed so far.
+    std::size_t size() const noexcept { return size_; }
+    // The value of the reply fed so far, which must be complete. Throws Fault for a fault
+    // response, BadReply for anything that is not a methodResponse with exactly one
+    // parameter or one fault. Call once.
+    Value finish();
+
+private:
+    struct Parse;
+    std::unique_ptr<Parse> parse_;
+    std::size_t size_ = 0;
+};
+
+// The value of a methodResponse in one piece: a ResponseReader fed once.
 Value decodeResponse(std::string_view body);
 
 } // namespace Feed::XmlRpc

@@ -651,6 +651,19 @@ def get_one(port, oid):
     return rows[0][1]
 
 
+def history_oid(name, column="runningChanges"):
+    """The instance of a history table column for daemon name."""
+    return HISTORY + (1, HISTORY_COLUMNS[column]) + index_of(name)
+
+
+def counter(port, oid):
+    """The value of a Counter32 object as an int, or None when the agent has no such row."""
+    rc, rows, err = get(port, [oid])
+    if rc != 0 or not rows or not str(rows[0][1]).startswith("Counter32:"):
+        return None
+    return int(rows[0][1].split(":")[1])
+
+
 def within(port, oid, wanted, limit=1.0, since=None):
     """Polls a GET of oid until it reads wanted (None: no row; a callable: a test of the
     value) or limit seconds pass since `since` (default: now); the seconds it took, or None."""

@@ -61,16 +61,23 @@ def setUpModule():
 class SupervisorCase(unittest.TestCase):
     listener = True
     refresh = 60
+    programs = PROGRAMS
+    running_at_start = ("longrun", "pool:pool_00", "pool:pool_01")
     sup = None
     agent = None
 
     @classmethod
+    def agent_args(cls):
+        """More arguments for the agent (made just before it starts)."""
+        return ()
+
+    @classmethod
     def setUpClass(cls):
-        cls.sup = vs.Supervisord(PROGRAMS, listener=LISTENER if cls.listener else None)
+        cls.sup = vs.Supervisord(cls.programs, listener=LISTENER if cls.listener else None)
         try:
-            for name in ("longrun", "pool:pool_00", "pool:pool_01"):
+            for name in cls.running_at_start:
                 cls.sup.wait_state(name, "RUNNING")
-            cls.agent = start_agent(cls.sup, events=cls.listener, refresh=cls.refresh)
+            cls.agent = start_agent(cls.sup, events=cls.listener, refresh=cls.refresh, extra=cls.agent_args())
             if cls.listener and not cls.agent.wait_stderr("listener heard", timeout=10):
                 raise RuntimeError("the agent never heard the listener:\n" + cls.agent.stderr())
         except Exception:
@@ -203,6 +210,106 @@ class WithListenerTest(SupervisorCase):
         health = h.feed_health(self.port)
         self.assertEqual(health["state"], OK)
         self.assertIn(b"supervisord on unix://", health["source"])
+
+
+class HistoryAndNotificationsTest(SupervisorCase):
+    """The history counts what supervisorctl and a killed process do, and snmptrapd hears
+    each running change with the daemon's count: both hear the model, as for any source."""
+
+    programs = {
+        "program:steady": ["command=/bin/sleep 100000", "startsecs=1", "stopwaitsecs=2"],
+        "program:kept": ["command=/bin/sleep 100000", "startsecs=1", "autorestart=true"],
+    }
+    running_at_start = ("steady", "kept")
+    tmp = trapd = None
+
+    @classmethod
+    def agent_args(cls):
+        import test_notify
+        cls.tmp = h.TempDir()
+        cls.trapd = test_notify.Trapd(cls.tmp.path)
+        config = cls.tmp.file("access.conf")
+        with open(config, "w") as f:
+            f.write("rocommunity public 127.0.0.1\ntrap2sink udp:127.0.0.1:%d public\n" % cls.trapd.port)
+        # No hold-down: the stop and the start are each sent on their own.
+        return ["--config", config, "--notify-holddown", "0", "--notify-data", "statename"]
+
+    @classmethod
+    def tearDownClass(cls):
+        super().tearDownClass()
+        if cls.trapd:
+            cls.trapd.stop()
+            cls.trapd = None
+        if cls.tmp:
+            cls.tmp.cleanup()
+            cls.tmp = None
+
+    def changes(self, name):
+        return h.counter(self.port, h.history_oid(name))
+
+    def counted(self, name, wanted, limit=5.0):
+        """Waits until the running changes of name read wanted, then checks they stay there."""
+        deadline = time.monotonic() + limit
+        got = self.changes(name)
+        while got != wanted and time.monotonic() < deadline:
+            time.sleep(0.02)
+            got = self.changes(name)
+        self.assertEqual(got, wanted, "%s: running changes; agent log:\n%s" % (name, self.agent.stderr()[-3000:]))
+        time.sleep(0.5)
+        self.assertEqual(self.changes(name), wanted, "%s: running changes moved on by themselves" % name)
+
+    def notified(self, name, running, since, limit=5.0):
+        """The varbinds ({name: value text}) of the first running change of name to running
+        that snmptrapd logged after its first `since` notifications; fails after limit s."""
+        flag = 'VELMAR-DAEMON-MIB::velmarDaemonRunning."%s"' % name
+        wanted = "INTEGER: true(1)" if running else "INTEGER: false(2)"
+        deadline = time.monotonic() + limit
+        while True:
+            for _, vars_ in self.trapd.notifications()[since:]:
+                found = dict(vars_)
+                if (found.get("SNMPv2-MIB::snmpTrapOID.0") == "OID: VELMAR-DAEMON-MIB::velmarDaemonRunningChange"
+                        and found.get(flag) == wanted):
+                    return found
+            if time.monotonic() > deadline:
+                self.fail("no running change of %s to %s at snmptrapd:\n%s" % (name, running, self.trapd.output()))
+            time.sleep(0.05)
+
+    def test_stop_then_start_counts_two_and_each_is_notified_with_the_count(self):
+        running = flag_oid("running", "steady")
+        self.seen(running, h.TRUE, "steady running", limit=5)
+        before = self.changes("steady")
+        self.assertIsNotNone(before, "no history row for steady")
+        mark = len(self.trapd.notifications())
+        self.sup.ctl("stop", "steady")
+        self.seen(running, h.FALSE, "stop")
+        self.sup.ctl("start", "steady")
+        self.seen(running, h.TRUE, "start")
+        self.counted("steady", before + 2)
+        down = self.notified("steady", False, mark)
+        self.assertEqual(down['VELMAR-DAEMON-MIB::velmarDaemonRunningChanges."steady"'], "Counter32: %d" % (before + 1))
+        self.assertIn(down.get('VELMAR-DAEMON-MIB::velmarDaemonDataValue."steady"."statename"'),
+                      ("STRING: STOPPING", "STRING: STOPPED"))
+        up = self.notified("steady", True, mark)
+        self.assertEqual(up['VELMAR-DAEMON-MIB::velmarDaemonRunningChanges."steady"'], "Counter32: %d" % (before + 2))
+        self.assertEqual(up.get('VELMAR-DAEMON-MIB::velmarDaemonDataValue."steady"."statename"'), "STRING: RUNNING")
+
+    def test_kill_9_of_a_program_restarted_by_supervisord_counts_down_and_up(self):
+        pid = self.sup.wait_state("kept", "RUNNING")
+        self.seen(value_oid("data", "kept", "pid"), str(pid).encode(), "pid before the kill", limit=5)
+        before = self.changes("kept")
+        self.assertIsNotNone(before, "no history row for kept")
+        mark = len(self.trapd.notifications())
+        os.kill(pid, signal.SIGKILL)
+        # Down at once; up again once supervisord's restart has lasted startsecs (1 s).
+        self.seen(value_oid("data", "kept", "pid"), lambda v: v is not None and v != str(pid).encode(),
+                  "kept restarted with a new pid", limit=8)
+        self.seen(flag_oid("running", "kept"), h.TRUE, "kept running again", limit=3)
+        self.counted("kept", before + 2)
+        down = self.notified("kept", False, mark)
+        self.assertEqual(down['VELMAR-DAEMON-MIB::velmarDaemonRunningChanges."kept"'], "Counter32: %d" % (before + 1))
+        self.assertNotEqual(down.get('VELMAR-DAEMON-MIB::velmarDaemonDataValue."kept"."statename"'), "STRING: RUNNING")
+        up = self.notified("kept", True, mark)
+        self.assertEqual(up['VELMAR-DAEMON-MIB::velmarDaemonRunningChanges."kept"'], "Counter32: %d" % (before + 2))
 
 
 class SupervisordGoingTest(SupervisorCase):
