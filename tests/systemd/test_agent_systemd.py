@@ -245,15 +245,11 @@ class NotificationOnSandboxTest(SandboxTest):
         self.assertIsNotNone(within(agent.port, flag_oid("running", "velmar-long"), h.TRUE), agent.stderr())
 
 
-def history_oid(name):
-    return h.HISTORY + (1, h.HISTORY_COLUMNS["runningChanges"]) + h.index_of(name)
+history_oid = h.history_oid
 
 
 def running_changes(port, name):
-    rc, rows, err = h.get(port, [history_oid(name)])
-    if rc != 0 or not rows or not str(rows[0][1]).startswith("Counter32:"):
-        return None
-    return int(rows[0][1].split(":")[1])
+    return h.counter(port, history_oid(name))
 
 
 class HistoryOnSandboxTest(SandboxTest):
