@@ -1,6 +1,7 @@
 #include "ProcessMapping.h"
 
 #include "GenericAgent/GenericAgentSnmp.h"
+#include "feed/core/Text.h"
 
 #include <algorithm>
 #include <csignal>
@@ -54,29 +55,9 @@ bool boolean(const XmlRpc::Value& entry, std::string_view key) {
     throw std::invalid_argument("member \"" + std::string(key) + "\" is not a boolean");
 }
 
-bool isSpace(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
-}
-
-std::string_view trimmed(std::string_view s) {
-    while (!s.empty() && isSpace(s.front())) s.remove_prefix(1);
-    while (!s.empty() && isSpace(s.back())) s.remove_suffix(1);
-    return s;
-}
-
-// The longest value the model holds, cut at a UTF-8 character boundary.
-std::string fitted(std::string s) {
-    constexpr std::size_t max = GenericAgent::AgentVal::maxLength;
-    if (s.size() <= max) return s;
-    std::size_t n = max;
-    while (n > 0 && (static_cast<unsigned char>(s[n]) & 0xC0) == 0x80) --n;
-    s.resize(n);
-    return s;
-}
-
 void put(std::map<std::string, std::string>& to, std::string_view key, std::string value) {
     if (value.empty() || value == "none") return;
-    to.emplace(std::string(key), fitted(std::move(value)));
+    to.emplace(std::string(key), cutToBytes(std::move(value), GenericAgent::AgentVal::maxLength));
 }
 
 } // namespace
@@ -128,19 +109,7 @@ std::string processCallName(std::string_view group, std::string_view name) {
 }
 
 std::vector<std::string> parseProcessPatterns(std::string_view patterns) {
-    std::vector<std::string> out;
-    if (trimmed(patterns).empty()) throw std::invalid_argument("process patterns: the list is empty");
-    std::size_t index = 1;
-    for (;;) {
-        std::size_t comma = patterns.find(',');
-        std::string_view item = trimmed(patterns.substr(0, comma));
-        if (item.empty()) throw std::invalid_argument("process patterns: item " + std::to_string(index) + " is empty");
-        out.emplace_back(item);
-        if (comma == std::string_view::npos) break;
-        patterns.remove_prefix(comma + 1);
-        ++index;
-    }
-    return out;
+    return patternList(patterns, "process patterns");
 }
 
 bool processMatches(std::string_view group, std::string_view name, const std::vector<std::string>& patterns) {

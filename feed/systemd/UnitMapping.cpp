@@ -11,16 +11,6 @@ namespace {
 
 constexpr std::string_view serviceSuffix = ".service";
 
-bool isSpace(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
-}
-
-std::string_view trimmed(std::string_view s) {
-    while (!s.empty() && isSpace(s.front())) s.remove_prefix(1);
-    while (!s.empty() && isSpace(s.back())) s.remove_suffix(1);
-    return s;
-}
-
 // Sets key to value when value is set (not empty), cut to what the model holds.
 void put(std::map<std::string, std::string>& to, std::string_view key, std::string value) {
     if (value.empty()) return;
@@ -30,19 +20,7 @@ void put(std::map<std::string, std::string>& to, std::string_view key, std::stri
 } // namespace
 
 std::vector<std::string> parseUnitPatterns(std::string_view patterns) {
-    std::vector<std::string> out;
-    if (trimmed(patterns).empty()) throw std::invalid_argument("unit patterns: the list is empty");
-    std::size_t index = 1;
-    for (;;) {
-        std::size_t comma = patterns.find(',');
-        std::string_view item = trimmed(patterns.substr(0, comma));
-        if (item.empty()) throw std::invalid_argument("unit patterns: item " + std::to_string(index) + " is empty");
-        out.emplace_back(item);
-        if (comma == std::string_view::npos) break;
-        patterns.remove_prefix(comma + 1);
-        ++index;
-    }
-    return out;
+    return patternList(patterns, "unit patterns");
 }
 
 bool unitMatches(std::string_view unitId, const std::vector<std::string>& patterns) {
@@ -131,15 +109,6 @@ std::string commandLineText(const std::vector<std::string>& argv) {
         out += '"';
     }
     return out;
-}
-
-std::string cutToBytes(std::string s, std::size_t max) {
-    if (s.size() <= max) return s;
-    std::size_t end = max;
-    // Back off over continuation bytes (10xxxxxx) to the start of the character cut in two.
-    while (end > 0 && (static_cast<unsigned char>(s[end]) & 0xC0) == 0x80) --end;
-    s.resize(end);
-    return s;
 }
 
 } // namespace Feed

@@ -29,6 +29,7 @@
 
 #include "GenericAgent/GenericAgentSnmp.h"
 #include "feed/core/LauncherState.h"
+#include "feed/core/Text.h"
 #include "launcher/AgentState.h"
 #include "UnitProperties.h"
 
@@ -137,8 +138,5 @@ std::string isoTimestamp(std::uint64_t usec);
 // holds white space, a quote or a backslash is written in double quotes, with `"` and `\`
 // escaped by a backslash ("/bin/sh -c \"sleep 1; exit 3\"" for sh, -c, sleep 1; exit 3).
 std::string commandLineText(const std::vector<std::string>& argv);
-
-// s cut to at most max bytes without splitting a UTF-8 character.
-std::string cutToBytes(std::string s, std::size_t max);
 
 } // namespace Feed
