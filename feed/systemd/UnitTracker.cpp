@@ -208,17 +208,21 @@ void UnitTracker::noteRunning(Unit& unit, bool wasRunning, std::uint64_t inactiv
     unit.passed.push_back(daemonStateOf(unit.info, options_.mapping));
 }
 
+void UnitTracker::take(Unit& unit, const PropertyValues& values, std::optional<UnitIface> only) {
+    const bool wasRunning = unitRunning(unit.info);
+    const std::uint64_t inactiveBefore = unit.info.inactiveEnterTimestamp;
+    for (const UnitProperty* p : values.present)
+        if (!only || p->iface == *only) copyProperty(*p, values.values, unit.info);
+    noteRunning(unit, wasRunning, inactiveBefore);
+}
+
 void UnitTracker::propertiesChanged(const std::string& path, UnitIface iface, const PropertyValues& changed,
                                     const std::vector<std::string>& invalidated) {
     Unit* u = byPath(path);
     if (!u || !u->loaded) return;
     const std::string id = u->info.id;
     const std::string before = u->info.activeState;
-    const bool wasRunning = unitRunning(u->info);
-    const std::uint64_t inactiveBefore = u->info.inactiveEnterTimestamp;
-    for (const UnitProperty* p : changed.present)
-        if (p->iface == iface) copyProperty(*p, changed.values, u->info);
-    noteRunning(*u, wasRunning, inactiveBefore);
+    take(*u, changed, iface);
     if (unitIsDaemon(u->info)) {
         for (const std::string& name : invalidated) {
             const UnitProperty* p = findUnitProperty(iface, name);
@@ -297,10 +301,7 @@ void UnitTracker::properties(std::uint64_t token, const PropertyValues& values) 
     if (it == units_.end() || it->second.generation != c->generation || !it->second.loaded) return;
     Unit& u = it->second;
     --u.pending;
-    const bool wasRunning = unitRunning(u.info);
-    const std::uint64_t inactiveBefore = u.info.inactiveEnterTimestamp;
-    for (const UnitProperty* p : values.present) copyProperty(*p, values.values, u.info);
-    noteRunning(u, wasRunning, inactiveBefore);
+    take(u, values);
     if (c->call.kind == BusCall::Kind::getAll) u.read = true;
     touch(c->id);
 }

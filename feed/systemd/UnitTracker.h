@@ -179,6 +179,9 @@ private:
     void read(const std::string& id, Unit& unit, const UnitProperty& property, bool refresh = false);
     void loadedAs(const ListedUnit& listed);
     void unload(const std::string& id, Unit& unit);
+    // Takes the values sent (those of one interface, when only is given) and notes a change
+    // of the running flag they make.
+    void take(Unit& unit, const PropertyValues& values, std::optional<UnitIface> only = std::nullopt);
     void noteRunning(Unit& unit, bool wasRunning, std::uint64_t inactiveBefore);
     std::optional<Call> answered(std::uint64_t token);
     std::optional<DaemonState> served(const std::string& id, const Unit& unit);
